@@ -1,0 +1,28 @@
+# Flags that every target of the project shares; link to kx_options to get them.
+option(KX_WERROR "Treat warnings as errors" ON)
+option(KX_COVERAGE "Instrument for line coverage (gcov)" OFF)
+set(KX_SANITIZE "" CACHE STRING "Sanitizers to build with, a list such as address;undefined")
+
+add_library(kx_options INTERFACE)
+target_compile_features(kx_options INTERFACE cxx_std_17)
+target_compile_options(kx_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion -Wformat=2
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>
+  $<$<BOOL:${KX_WERROR}>:-Werror>
+  -fstack-protector-strong)
+# Fortification needs optimisation; with a sanitizer it only hides what the sanitizer would report.
+if(NOT KX_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+  target_compile_options(kx_options INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+endif()
+target_link_options(kx_options INTERFACE -Wl,-z,relro,-z,now -Wl,--as-needed)
+
+if(KX_SANITIZE)
+  list(JOIN KX_SANITIZE "," _kx_sanitizers)
+  target_compile_options(kx_options INTERFACE
+    -fsanitize=${_kx_sanitizers} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(kx_options INTERFACE -fsanitize=${_kx_sanitizers})
+endif()
+if(KX_COVERAGE)
+  target_compile_options(kx_options INTERFACE --coverage -O0)
+  target_link_options(kx_options INTERFACE --coverage)
+endif()

@@ -1,0 +1,215 @@
+#include "misc/Utils.h"
+
+#include "misc/Log.h"
+#include "misc/UniqueFd.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+using com::veltrasys::common::qt::qError;
+
+namespace {
+
+constexpr auto kSource = "/pkgs/kx-core/src/misc/Utils";
+
+constexpr auto kUpdateMarker = "/var/lib/installer/.update_started";
+constexpr auto kRpmLock = "/var/lib/rpm/.rpm.lock";
+constexpr auto kInstallerLock = "/var/lib/installer/database/.rpm.lock";
+
+/// Whether the link at \a path was made by root and nobody else can put another one in its place.
+bool IsTrustedLink(const QByteArray& path)
+{
+    struct stat link = {};
+    struct stat folder = {};
+    const QByteArray parent = QFile::encodeName(QFileInfo(QFile::decodeName(path)).path());
+    if (lstat(path.constData(), &link) != 0 || stat(parent.constData(), &folder) != 0) {
+        return false;
+    }
+    const bool othersMayRename = (folder.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (folder.st_mode & S_ISVTX) == 0;
+    return S_ISLNK(link.st_mode) && link.st_uid == 0 && folder.st_uid == 0 && !othersMayRename;
+}
+
+/// Opens a directory whose owner and mode are about to change. An account that may write to the parent could
+/// have put a link to a directory of the system there, so a final link is followed only if it is trusted.
+UniqueFd OpenDirectory(const QString& path)
+{
+    const QByteArray name = QFile::encodeName(QDir::cleanPath(path));
+    const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+    UniqueFd fd(open(name.constData(), flags | O_NOFOLLOW));
+    if (!fd) {
+        const int error = errno;
+        if (IsTrustedLink(name)) {
+            fd.Reset(open(name.constData(), flags));
+        } else {
+            errno = error;
+        }
+    }
+    return fd;
+}
+
+void RemoveEntry(const QString& path) { std::remove(path.toLatin1().constData()); }
+
+void RemoveTree(const QString& path)
+{
+    const QDir dir(path);
+    if (!dir.exists(path)) {
+        return;
+    }
+    const auto entries = dir.entryInfoList(QDir::Files | QDir::AllDirs | QDir::Hidden | QDir::System |
+                                               QDir::NoDotAndDotDot,
+                                           QDir::DirsFirst);
+    for (const QFileInfo& entry : entries) {
+        if (entry.absoluteFilePath() != path) {
+            FileSystem::RemoveFile(entry.absoluteFilePath());
+        }
+    }
+    RemoveEntry(path);
+}
+
+bool SetLock(int fd, short type)
+{
+    struct flock lock = {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    return fcntl(fd, F_SETLK, &lock) == 0;
+}
+
+} // namespace
+
+namespace FileSystem {
+
+bool CreateSymlink(const QString& target, const QString& linkPath)
+{
+    if (QFileInfo(linkPath).symLinkTarget() == target) {
+        return true;
+    }
+    QFile::remove(linkPath);
+    return QFile::link(target, linkPath);
+}
+
+QString NormalizeFilePath(const QString& path, const QString& homeDir)
+{
+    if (path.isEmpty()) {
+        return {};
+    }
+    if (path.startsWith(QLatin1String("./")) || path.startsWith(QLatin1String("~/"))) {
+        return QDir::cleanPath(homeDir + QLatin1Char('/') + path.mid(2));
+    }
+    if (path.startsWith(QLatin1Char('/'))) {
+        return QDir::cleanPath(path);
+    }
+    return QDir::cleanPath(homeDir + QLatin1Char('/') + path);
+}
+
+bool DirExists(const QString& path) { return QDir().exists(path); }
+
+bool RemoveFile(const QString& path)
+{
+    const QFileInfo info(path);
+    if (!info.exists() || info.isSymLink() || !info.isDir()) {
+        RemoveEntry(path);
+    } else {
+        RemoveTree(path);
+    }
+    return true;
+}
+
+bool CreateDirIfNeeded(const QString& path, unsigned uid, unsigned gid, unsigned mode)
+{
+    if (!QDir().exists(path) && !QDir().mkpath(path)) {
+        return false;
+    }
+    const UniqueFd dir = OpenDirectory(path);
+    if (!dir || fchown(dir.Get(), uid, gid) != 0) {
+        const int error = errno;
+        qError() << KX_PREFIX(kSource) << "Failed to create dir = " << error;
+        return false;
+    }
+    if (fchmod(dir.Get(), mode) != 0) {
+        const int error = errno;
+        qError() << KX_PREFIX(kSource) << "Failed to chmod = " << error;
+        return false;
+    }
+    return true;
+}
+
+} // namespace FileSystem
+
+namespace Misc {
+
+volatile std::sig_atomic_t g_ignore_sigChld = 0;
+
+int ExecShell(const char* command)
+{
+    g_ignore_sigChld = 1;
+    const int rc = std::system(command); // NOLINT(concurrency-mt-unsafe): one thread runs commands
+    g_ignore_sigChld = 0;
+
+    int status = 0;
+    while (waitpid(-1, &status, WNOHANG) > 0) {
+    }
+    return static_cast<int>((static_cast<unsigned>(rc) >> 8U) & 0xFFU);
+}
+
+bool IsUpdaterRunning() { return access(kUpdateMarker, F_OK) == 0; }
+
+bool LockFile(const char* path)
+{
+    const mode_t previous = umask(022);
+    UniqueFd fd(open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    umask(previous);
+    if (!fd) {
+        const int error = errno;
+        qError() << KX_PREFIX(kSource) << "Failed to open file " << path << error;
+        return false;
+    }
+    const bool locked = SetLock(fd.Get(), F_WRLCK);
+    if (!locked) {
+        const int error = errno;
+        qError() << KX_PREFIX(kSource) << "Failed to lock file " << path << error;
+    }
+    // Closing any descriptor of the file would release the process's lock on it.
+    fd.Release();
+    return locked;
+}
+
+bool UnLockFile(const char* path)
+{
+    UniqueFd fd(open(path, O_RDWR | O_CLOEXEC));
+    if (!fd) {
+        const int error = errno;
+        qError() << KX_PREFIX(kSource) << "Failed to open file " << path << error;
+        return false;
+    }
+    const bool unlocked = SetLock(fd.Get(), F_UNLCK);
+    if (!unlocked) {
+        const int error = errno;
+        qError() << KX_PREFIX(kSource) << "Failed to unlock file " << path << error;
+    }
+    fd.Release();
+    return unlocked;
+}
+
+bool LockRPMFile()
+{
+    const bool rpm = LockFile(kRpmLock);
+    const bool installer = LockFile(kInstallerLock);
+    if (rpm && installer) {
+        return true;
+    }
+    UnLockFile(kRpmLock);
+    UnLockFile(kInstallerLock);
+    return false;
+}
+
+} // namespace Misc
