@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 
 using com::veltrasys::common::qt::qError;
 
@@ -35,7 +36,8 @@ bool IsTrustedLink(const QByteArray& path)
     if (lstat(path.constData(), &link) != 0 || stat(parent.constData(), &folder) != 0) {
         return false;
     }
-    const bool othersMayRename = (folder.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (folder.st_mode & S_ISVTX) == 0;
+    const bool othersMayRename =
+        (folder.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (folder.st_mode & S_ISVTX) == 0;
     return S_ISLNK(link.st_mode) && link.st_uid == 0 && folder.st_uid == 0 && !othersMayRename;
 }
 
@@ -57,7 +59,10 @@ UniqueFd OpenDirectory(const QString& path)
     return fd;
 }
 
-void RemoveEntry(const QString& path) { std::remove(path.toLatin1().constData()); }
+void RemoveEntry(const QString& path)
+{
+    std::remove(path.toLatin1().constData());
+}
 
 void RemoveTree(const QString& path)
 {
@@ -65,9 +70,8 @@ void RemoveTree(const QString& path)
     if (!dir.exists(path)) {
         return;
     }
-    const auto entries = dir.entryInfoList(QDir::Files | QDir::AllDirs | QDir::Hidden | QDir::System |
-                                               QDir::NoDotAndDotDot,
-                                           QDir::DirsFirst);
+    const auto entries = dir.entryInfoList(
+        QDir::Files | QDir::AllDirs | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::DirsFirst);
     for (const QFileInfo& entry : entries) {
         if (entry.absoluteFilePath() != path) {
             FileSystem::RemoveFile(entry.absoluteFilePath());
@@ -111,7 +115,10 @@ QString NormalizeFilePath(const QString& path, const QString& homeDir)
     return QDir::cleanPath(homeDir + QLatin1Char('/') + path);
 }
 
-bool DirExists(const QString& path) { return QDir().exists(path); }
+bool DirExists(const QString& path)
+{
+    return QDir().exists(path);
+}
 
 bool RemoveFile(const QString& path)
 {
@@ -161,7 +168,26 @@ int ExecShell(const char* command)
     return static_cast<int>((static_cast<unsigned>(rc) >> 8U) & 0xFFU);
 }
 
-bool IsUpdaterRunning() { return access(kUpdateMarker, F_OK) == 0; }
+void Pause(std::chrono::milliseconds duration)
+{
+    constexpr long kNanosecondsPerSecond = 1'000'000'000;
+    struct timespec deadline = {};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
+    deadline.tv_sec += seconds.count();
+    deadline.tv_nsec += std::chrono::nanoseconds(duration - seconds).count();
+    if (deadline.tv_nsec >= kNanosecondsPerSecond) {
+        deadline.tv_nsec -= kNanosecondsPerSecond;
+        ++deadline.tv_sec;
+    }
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
+    }
+}
+
+bool IsUpdaterRunning()
+{
+    return access(kUpdateMarker, F_OK) == 0;
+}
 
 bool LockFile(const char* path)
 {
