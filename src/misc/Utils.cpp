@@ -61,7 +61,7 @@ UniqueFd OpenDirectory(const QString& path)
 
 void RemoveEntry(const QString& path)
 {
-    std::remove(path.toLatin1().constData());
+    static_cast<void>(std::remove(path.toLatin1().constData())); // best effort
 }
 
 void RemoveTree(const QString& path)
