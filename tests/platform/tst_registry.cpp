@@ -1,5 +1,6 @@
 #include "Registry.h"
 #include "RegistryStore.h"
+#include "RegistryWriters.h"
 
 #include <QCoreApplication>
 #include <QFileInfo>
@@ -14,49 +15,19 @@
 
 using com::veltrasys::Registry;
 using namespace registrystore;
+using namespace registrywriters;
 
 namespace {
 
 constexpr int kWriters = 4;
-constexpr int kKeysPerWriter = 200;
 constexpr int kKills = 15;
 constexpr int kLooks = 60;
-constexpr int kLongValue = 20000;
 
 using Records = QList<QVariantList>;
 
 const Records& Seen(const QSignalSpy& spy)
 {
     return spy;
-}
-
-/// Writes keys of its own and, in between, one that all writers share.
-int WriteKeys(const QString& writer)
-{
-    Registry registry;
-    bool written = true;
-    for (int index = 0; index < kKeysPerWriter; ++index) {
-        written &= registry.setValue(QStringLiteral("%1.%2").arg(writer).arg(index), index);
-        written &= registry.setValue("shared", writer);
-    }
-    return written ? 0 : 1;
-}
-
-/// Goes back and forth between two long values until it is killed.
-[[noreturn]] void WriteForEver()
-{
-    Registry registry;
-    for (bool first = true;; first = !first) {
-        registry.setValue("long", QString(kLongValue, first ? 'a' : 'b'));
-    }
-}
-
-std::unique_ptr<QProcess> StartSelf(const QStringList& arguments)
-{
-    auto process = std::make_unique<QProcess>();
-    process->setProcessChannelMode(QProcess::ForwardedChannels);
-    process->start(QCoreApplication::applicationFilePath(), arguments);
-    return process;
 }
 
 ino_t Inode()
@@ -343,7 +314,7 @@ void RegistryTest::LosesNothing()
     std::vector<std::unique_ptr<QProcess>> writers;
     writers.reserve(kWriters);
     for (int writer = 0; writer < kWriters; ++writer) {
-        writers.push_back(StartSelf({"--write", QStringLiteral("w%1").arg(writer)}));
+        writers.push_back(StartWriter({"--write", QStringLiteral("w%1").arg(writer)}));
     }
     for (const auto& writer : writers) {
         QVERIFY(writer->waitForFinished(kBound));
@@ -364,7 +335,7 @@ void RegistryTest::StaysWhole()
     const auto isWhole = [&whole] { return whole.contains(Registry().getValue("long").toString()); };
     for (int round = 0; round < kKills; ++round) {
         const ino_t before = Inode();
-        const auto writer = StartSelf({"--write-for-ever"});
+        const auto writer = StartWriter({"--write-for-ever"});
         QTRY_VERIFY(Inode() != before);
         for (int look = 0; look < kLooks; ++look) {
             QVERIFY2(isWhole(), "while it is being written");
@@ -393,12 +364,8 @@ void RegistryTest::OutlivesOrphanedLock()
 int main(int argc, char** argv)
 {
     QCoreApplication application(argc, argv);
-    const QStringList arguments = QCoreApplication::arguments();
-    if (arguments.value(1) == "--write") {
-        return WriteKeys(arguments.value(2));
-    }
-    if (arguments.value(1) == "--write-for-ever") {
-        WriteForEver();
+    if (RunWriter(QCoreApplication::arguments().mid(1))) {
+        return EXIT_SUCCESS;
     }
     RegistryTest test;
     return QTest::qExec(&test, argc, argv);
