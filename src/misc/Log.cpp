@@ -80,15 +80,30 @@ const LogInitializer g_logInitializer;
 
 } // namespace
 
-QDebug qInfo() { return Stream(InfoMsg); }
+QDebug qInfo()
+{
+    return Stream(InfoMsg);
+}
 
-QDebug qNotice() { return Stream(NoticeMsg); }
+QDebug qNotice()
+{
+    return Stream(NoticeMsg);
+}
 
-QDebug qError() { return Stream(ErrorMsg); }
+QDebug qError()
+{
+    return Stream(ErrorMsg);
+}
 
-QDebug qAlert() { return Stream(AlertMsg); }
+QDebug qAlert()
+{
+    return Stream(AlertMsg);
+}
 
-QDebug qEmerg() { return Stream(EmergMsg); }
+QDebug qEmerg()
+{
+    return Stream(EmergMsg);
+}
 
 QString GetPrefix(const QString& file, const QString& function, int line, bool withTime)
 {
@@ -101,7 +116,10 @@ QString GetPrefix(const QString& file, const QString& function, int line, bool w
     return QStringLiteral("[%1] %2 - %3(),%4:").arg(now, name, function, number);
 }
 
-LogInitializer::LogInitializer() { qInstallMessageHandler(HandleMessage); }
+LogInitializer::LogInitializer()
+{
+    qInstallMessageHandler(HandleMessage);
+}
 
 void LogInitializer::QtMsgHandler(int type, const char* msg)
 {

@@ -2,6 +2,7 @@
 
 #include <QString>
 
+#include <chrono>
 #include <csignal>
 
 /// Paths, links and directories. Relative paths are taken against the working directory. Nothing throws.
@@ -45,6 +46,9 @@ extern volatile std::sig_atomic_t g_ignore_sigChld;
 /// Runs a command line with /bin/sh and blocks until it ends; then reaps every other child that has ended.
 /// \return the exit status, 0 to 255 (255 also when no shell could be started)
 int ExecShell(const char* command);
+
+/// Blocks for the whole \a duration, also when signals arrive meanwhile.
+void Pause(std::chrono::milliseconds duration);
 
 /// \return whether a software update is in progress
 bool IsUpdaterRunning();

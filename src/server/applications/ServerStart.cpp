@@ -1,0 +1,229 @@
+#include "misc/Log.h"
+#include "misc/Utils.h"
+#include "server/applications/Server.h"
+
+#include <QFileInfo>
+#include <QMetaObject>
+
+#include <algorithm>
+
+using com::veltrasys::common::qt::qError;
+using core::configuration::ApplicationConfig;
+
+namespace core::applications {
+namespace {
+
+constexpr auto kSource = "/pkgs/kx-core/src/server/applications/Server";
+constexpr auto kNoApplicationsPage = "http://localhost/cgi-bin/page/show?path=platform/misc/noapps.html";
+constexpr auto kShowOncePage = "http://localhost/cgi-bin/page/show?path=platform/show_once.html";
+constexpr auto kShowOnceForm = "/home/platform/html/show_once.html";
+constexpr auto kIndexPage = "html/index.html";
+constexpr auto kDefaultCgiLink = "/var/run/www/cgi-bin-default";
+
+/// A program below an application's bin directory.
+struct Binary {
+    QString directory; ///< canonical path of the bin directory
+    QFileInfo file;    ///< as asked for
+    QString path;      ///< canonical path of the program
+};
+
+// The checks of a launch; each returns the message of its failure, or an empty text.
+
+QString FindBinary(const ApplicationConfig& config, const QString& name, Binary& binary)
+{
+    binary.directory = QFileInfo(config.m_homeDir + QStringLiteral("/bin")).canonicalFilePath();
+    if (binary.directory.isEmpty()) {
+        return QStringLiteral("Binary directory %1/bin doesn't exist").arg(config.m_homeDir);
+    }
+    binary.file.setFile(binary.directory + QLatin1Char('/') + name);
+    binary.path = binary.file.canonicalFilePath();
+    if (binary.path.isEmpty()) {
+        return QStringLiteral("Binary file %1 for app %2 doesn't exist")
+            .arg(binary.file.filePath(), config.m_name);
+    }
+    return {};
+}
+
+QString CheckLocation(const Binary& binary)
+{
+    if (!binary.path.startsWith(binary.directory)) {
+        return QStringLiteral("Binary file %1 isn't located in bin dir").arg(binary.file.path());
+    }
+    return {};
+}
+
+QString CheckExecutable(const Binary& binary)
+{
+    if (!binary.file.permission(QFileDevice::ExeOwner)) {
+        return QStringLiteral("Binary file %1 is not executable").arg(binary.file.path());
+    }
+    return {};
+}
+
+/// A program of an application account runs as its owner, any other as the application.
+QString ChooseIdentity(const Binary& binary, ApplicationConfig& config)
+{
+    if (Server::IsValidAppID(binary.file.ownerId(), binary.file.groupId())) {
+        config.m_uid = binary.file.ownerId();
+        config.m_gid = binary.file.groupId();
+    } else if (!Server::IsValidAppID(config.m_uid, config.m_gid)) {
+        return QStringLiteral("Invalid owner of file %1. Must be application user").arg(binary.file.path());
+    }
+    return {};
+}
+
+} // namespace
+
+QVariantMap Server::Start(const QVariantMap& request)
+{
+    QVariantMap result;
+    try {
+        if (request.isEmpty()) {
+            FileSystem::RemoveFile(QStringLiteral("/var/run/sockets"));
+            Enumerate();
+            result.insert(QStringLiteral("return"), true);
+            QMetaObject::invokeMethod(this, "StartApplication", Qt::QueuedConnection);
+            return result;
+        }
+        const QString application = request.value(QStringLiteral("application")).toString();
+        if (request.value(QStringLiteral("default")).toBool()) {
+            ShowFormOf(QString::fromLatin1(kIndexPage), GetNameOfInstalledDefaultApp());
+            if (application.isEmpty()) {
+                return result;
+            }
+        }
+        result = StartApplicationBinary(application, request.value(QStringLiteral("binary")).toString(),
+                                        request.value(QStringLiteral("params")).toString());
+    } catch (...) {
+        qError() << KX_PREFIX(kSource) << "Unexpected exception";
+    }
+    return result;
+}
+
+QVariantMap Server::StartApplicationBinary(const QString& application, const QString& binary,
+                                           const QString& params)
+{
+    QVariantMap result{{QStringLiteral("errorCode"), -1}};
+    const QString failure = LaunchBinary(application, binary, params);
+    if (failure.isEmpty()) {
+        result.insert(QStringLiteral("errorCode"), 0);
+    } else {
+        result.insert(QStringLiteral("errorText"), failure);
+        qError() << KX_PREFIX(kSource) << failure;
+    }
+    return result;
+}
+
+QString Server::LaunchBinary(const QString& application, const QString& binary, const QString& params)
+{
+    const ApplicationConfig* installed = FindApplication(application);
+    if (installed == nullptr) {
+        return QStringLiteral("Application %1 doesn't exist").arg(application);
+    }
+    ApplicationConfig config(*installed);
+    Binary program;
+    QString failure = FindBinary(config, binary, program);
+    if (failure.isEmpty()) {
+        failure = CheckLocation(program);
+    }
+    if (failure.isEmpty()) {
+        failure = CheckExecutable(program);
+    }
+    if (failure.isEmpty()) {
+        failure = ChooseIdentity(program, config);
+    }
+    if (!failure.isEmpty()) {
+        return failure;
+    }
+    config.m_fastCgi = false; // only the program started at boot serves the application's socket
+    const QString commandLine = program.path + QLatin1Char(' ') + params;
+    if (!m_processManager.StartProcess(commandLine, config)) {
+        return QStringLiteral("Failed to start %1 binary").arg(commandLine);
+    }
+    return {};
+}
+
+const ApplicationConfig* Server::FindApplication(const QString& name) const
+{
+    const auto found = std::find_if(m_applications.begin(), m_applications.end(),
+                                    [&](const ApplicationConfig& config) { return config.m_name == name; });
+    return found == m_applications.end() ? nullptr : &*found;
+}
+
+void Server::StartApplication()
+{
+    try {
+        FileSystem::RemoveFile(QString::fromLatin1(kDefaultCgiLink));
+        if (HasShowOnceForm()) {
+            m_browser.ShowPage(QString::fromLatin1(kShowOncePage), QString::fromLatin1(kShowOnceForm));
+            return;
+        }
+        Terminate();
+        RunStartSequence();
+        emit OnStarted(QVariantMap());
+    } catch (...) {
+        qError() << KX_PREFIX(kSource) << "Unexpected exception";
+    }
+}
+
+void Server::RunStartSequence()
+{
+    const BootPlan plan = StartBootPrograms();
+    LinkDefaultCgi(plan);
+    // Two applications that both want the screen at boot cancel each other.
+    if (plan.page.isEmpty() || plan.manyShowOnBoot) {
+        ShowFormOf(QString::fromLatin1(kIndexPage), GetNameOfInstalledDefaultApp());
+    } else {
+        ShowFormOf(plan.page, plan.pageApp);
+    }
+}
+
+Server::BootPlan Server::StartBootPrograms()
+{
+    BootPlan plan;
+    for (const ApplicationConfig& config : m_applications) {
+        if (config.m_cgiBinDefault) {
+            ++plan.cgiDefaults;
+            plan.cgiDefaultApp = config.m_name;
+        }
+        if (!config.m_runOnBoot.isEmpty() && !m_processManager.StartProcess(config.m_runOnBoot, config)) {
+            qError() << KX_PREFIX_AS(kSource, "StartApplication") << "Failed to start application "
+                     << config.m_name;
+            continue;
+        }
+        if (config.m_showOnBoot.isEmpty()) {
+            continue;
+        }
+        if (plan.page.isEmpty()) {
+            plan.page = config.m_showOnBoot;
+            plan.pageApp = config.m_name;
+        } else {
+            plan.manyShowOnBoot = true;
+        }
+    }
+    return plan;
+}
+
+void Server::LinkDefaultCgi(const BootPlan& plan) const
+{
+    if (plan.cgiDefaults == 1) {
+        FileSystem::CreateSymlink(QStringLiteral("/home/%1/cgi-bin").arg(plan.cgiDefaultApp),
+                                  QString::fromLatin1(kDefaultCgiLink));
+    } else if (plan.cgiDefaults > 1) {
+        qError()
+            << KX_PREFIX_AS(kSource, "StartApplication")
+            << "Multiple applications have <cgi_bin_default>true</cgi_bin_default> configured. Only one is "
+               "allowed.";
+    }
+}
+
+void Server::ShowFormOf(const QString& page, QString application)
+{
+    if (application.isEmpty()) {
+        m_browser.ShowPage(QString::fromLatin1(kNoApplicationsPage), QString());
+    } else {
+        m_browser.ShowPage(PathToURI(page, application), QString());
+    }
+}
+
+} // namespace core::applications

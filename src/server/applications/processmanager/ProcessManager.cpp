@@ -1,0 +1,199 @@
+#include "server/applications/processmanager/ProcessManager.h"
+
+#include "misc/Log.h"
+#include "misc/UniqueFd.h"
+#include "misc/Utils.h"
+#include "server/SignalHandling.h"
+#include "server/applications/processmanager/ChildProcess.h"
+
+#include <QStringList>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+using com::veltrasys::common::qt::qError;
+
+namespace core::applications {
+namespace {
+
+constexpr auto kSource = "/pkgs/kx-core/src/server/applications/processmanager/ProcessManager";
+constexpr auto kFunction = "StartProcess";
+constexpr auto kSharedDirectory = "/shared";
+
+struct Pipe {
+    UniqueFd readEnd;
+    UniqueFd writeEnd;
+};
+
+/// Holds all signals back while it lives, so that a forked child can set the daemon's handlers aside before
+/// one of them runs in it.
+class SignalBlock {
+public:
+    SignalBlock()
+    {
+        sigset_t all = {};
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &m_previous);
+    }
+    ~SignalBlock() { Lift(); }
+    SignalBlock(const SignalBlock&) = delete;
+    SignalBlock& operator=(const SignalBlock&) = delete;
+
+    void Lift() const { pthread_sigmask(SIG_SETMASK, &m_previous, nullptr); }
+
+private:
+    sigset_t m_previous = {};
+};
+
+/// Logs \a text with the error's text for %1.
+void LogError(const QString& text, int error)
+{
+    qError() << KX_PREFIX_AS(kSource, kFunction) << text.arg(QString::fromLocal8Bit(std::strerror(error)));
+}
+
+/// A pipe whose write end closes when a program is executed.
+bool OpenErrorPipe(Pipe& errorPipe)
+{
+    std::array<int, 2> ends{};
+    if (pipe(ends.data()) != 0) {
+        LogError(QStringLiteral("Start: Error creating pipe (%1)"), errno);
+        return false;
+    }
+    errorPipe.readEnd.Reset(ends[0]);
+    errorPipe.writeEnd.Reset(ends[1]);
+    if (fcntl(errorPipe.writeEnd.Get(), F_SETFD, FD_CLOEXEC) != 0) {
+        const int error = errno;
+        qError() << KX_PREFIX_AS(kSource, kFunction) << "Failed to start application, fcntl errno=" << error
+                 << " " << std::strerror(error);
+        return false;
+    }
+    return true;
+}
+
+/// Waits for the child to execute its program.
+/// \return whether the pipe was closed without a word
+bool WaitForExec(int readEnd)
+{
+    int childError = 0;
+    ssize_t count = 0;
+    do {
+        count = read(readEnd, &childError, sizeof(childError));
+    } while (count < 0 && errno == EINTR);
+
+    if (count < 0) {
+        LogError(QStringLiteral("Start: Error reading from pipe (%1)"), errno);
+    } else if (count == static_cast<ssize_t>(sizeof(childError))) {
+        LogError(QStringLiteral("Start: Failed to execute child (%1)"), childError);
+    } else if (count > 0) {
+        qError() << KX_PREFIX_AS(kSource, kFunction)
+                 << "Start: Incorrect number of bytes read from pipe:" << static_cast<qint64>(count);
+    }
+    return count == 0;
+}
+
+bool Launch(const ChildProcess& child)
+{
+    Pipe errorPipe;
+    if (!OpenErrorPipe(errorPipe)) {
+        return false;
+    }
+    const SignalBlock block;
+    const pid_t pid = fork();
+    if (pid == 0) {
+        RestoreDefaultSignals();
+        block.Lift();
+        child.Run(errorPipe.readEnd.Get(), errorPipe.writeEnd.Get());
+    }
+    const int error = errno;
+    block.Lift();
+    if (pid < 0) {
+        LogError(QStringLiteral("Start: Failed to fork (%1)"), error);
+        return false;
+    }
+    errorPipe.writeEnd.Reset();
+    return WaitForExec(errorPipe.readEnd.Get());
+}
+
+} // namespace
+
+bool ProcessManager::StartProcess(const QString& command,
+                                  const core::configuration::ApplicationConfig& config)
+{
+    const int blank = command.indexOf(QLatin1Char(' '));
+    const QString program = blank < 0 ? command : command.left(blank);
+    const QString params = blank < 0 ? QString() : command.mid(blank + 1).trimmed();
+
+    if (m_preparedAppName != config.m_name) {
+        if (!PrepareEnviornment(config)) {
+            return false;
+        }
+        m_preparedAppName = config.m_name;
+    }
+    return program.isEmpty() || Launch(ChildProcess(program, params, config));
+}
+
+bool ProcessManager::PrepareEnviornment(const core::configuration::ApplicationConfig& config)
+{
+    constexpr unsigned kPrivateMode = 0770;
+    constexpr unsigned kPublicMode = 0777;
+    if (!FileSystem::CreateDirIfNeeded(config.m_tmpDir, config.m_uid, config.m_gid, kPrivateMode)) {
+        qError() << KX_PREFIX(kSource) << "Failed to create tmp dir";
+        return false;
+    }
+    if (!FileSystem::CreateDirIfNeeded(QString::fromLatin1(kSharedDirectory), 0, 0, kPublicMode)) {
+        qError() << KX_PREFIX(kSource) << "Failed to create shared dir";
+        return false;
+    }
+    if (!config.m_fastCgi) {
+        return true;
+    }
+    const QString socketDir = QStringLiteral("/var/run/sockets/") + config.m_name + QLatin1Char('/');
+    if (!FileSystem::CreateDirIfNeeded(socketDir, config.m_uid, config.m_gid, kPrivateMode)) {
+        qError() << KX_PREFIX(kSource) << "Failed to create socket dir dir";
+        return false;
+    }
+    return true;
+}
+
+char** ProcessManager::GetPosixParameters(const QString& program, const QString& params)
+{
+    const QStringList parameters = params.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+    const auto size = static_cast<size_t>(parameters.size()) + 2;
+    char** argv = new (std::nothrow) char* [size] {};
+    if (argv == nullptr || program.isEmpty()) {
+        return argv;
+    }
+    argv[0] = strdup(program.toUtf8().constData());
+    size_t filled = 1;
+    for (const QString& parameter : parameters) {
+        if (argv[filled - 1] == nullptr) {
+            break;
+        }
+        argv[filled++] = strdup(parameter.toLatin1().constData());
+    }
+    if (argv[filled - 1] == nullptr) {
+        FreePosixParameters(argv);
+        return nullptr;
+    }
+    return argv;
+}
+
+void ProcessManager::FreePosixParameters(char** argv)
+{
+    if (argv == nullptr) {
+        return;
+    }
+    for (char** argument = argv; *argument != nullptr; ++argument) {
+        std::free(*argument); // NOLINT(cppcoreguidelines-no-malloc): made by strdup
+    }
+    delete[] argv;
+}
+
+} // namespace core::applications

@@ -1,0 +1,102 @@
+#include "misc/Log.h"
+#include "misc/Utils.h"
+#include "server/applications/appconf/AppConfigParser.h"
+#include "server/applications/processmanager/ProcessManager.h"
+
+#include <QDir>
+#include <QRegExp>
+
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+using com::veltrasys::common::qt::qError;
+using com::veltrasys::common::qt::qInfo;
+
+namespace core::applications {
+namespace {
+
+constexpr auto kSource = "/pkgs/kx-core/src/server/applications/processmanager/ProcessManager";
+constexpr std::chrono::milliseconds kGracePeriod{250};
+
+bool IsApplicationId(unsigned id)
+{
+    constexpr unsigned kFirst = 4000;
+    constexpr unsigned kRange = 999;
+    return id - kFirst <= kRange; // an unknown id, all bits set, is outside too
+}
+
+QStringList ListProcesses()
+{
+    const QStringList directories =
+        QDir(QStringLiteral("/proc/")).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
+    return directories.filter(QRegExp(QStringLiteral("^[0-9]*$")));
+}
+
+} // namespace
+
+void ProcessManager::GetProcessUIDandGID(const QString& pid, unsigned int& uid, unsigned int& gid)
+{
+    const QString path = QStringLiteral("/proc/") + pid;
+    core::configuration::Parser::GetResourceUIDandGID(&path, uid, gid);
+}
+
+int ProcessManager::TerminateProcess(int pid, int sig)
+{
+    if (pid < 2) {
+        qError() << KX_PREFIX(kSource) << "TerminateProcess: invalid PID";
+        return -1;
+    }
+    const int result = kill(pid, sig);
+    const int error = errno;
+    if (result != 0 && error != ECHILD) {
+        qInfo() << KX_PREFIX(kSource)
+                << QStringLiteral("TerminateProcess: kill() call failed for PID=%1 (%2)")
+                       .arg(QString::number(pid), QString::fromLocal8Bit(std::strerror(error)));
+    }
+    return result;
+}
+
+void ProcessManager::SignalApplicationProcesses()
+{
+    const QStringList processes = ListProcesses();
+    bool signalled = false;
+    for (const int signo : {SIGTERM, SIGKILL}) {
+        for (const QString& process : processes) {
+            unsigned uid = 0;
+            unsigned gid = 0;
+            GetProcessUIDandGID(process, uid, gid);
+            if (IsApplicationId(uid) && IsApplicationId(gid)) {
+                TerminateProcess(process.toInt(), signo);
+                signalled = true;
+            }
+        }
+        if (!signalled) {
+            return;
+        }
+        if (signo != SIGKILL) {
+            Misc::Pause(kGracePeriod);
+        }
+    }
+}
+
+void ProcessManager::TerminateApps()
+{
+    SignalApplicationProcesses();
+    for (;;) {
+        int status = 0;
+        errno = 0;
+        if (waitpid(-1, &status, WNOHANG) != -1) {
+            continue;
+        }
+        if (errno == ECHILD) {
+            break;
+        }
+        SignalApplicationProcesses();
+    }
+    m_preparedAppName.clear();
+}
+
+} // namespace core::applications

@@ -1,0 +1,65 @@
+#include "server/dbus/DbusMonitor.h"
+
+#include "misc/Log.h"
+#include "misc/UniqueFd.h"
+#include "misc/Utils.h"
+
+#include <QDBusConnection>
+
+#include <fcntl.h>
+#include <utmp.h>
+
+#include <cstring>
+#include <ctime>
+
+using com::veltrasys::common::qt::qEmerg;
+using com::veltrasys::common::qt::qError;
+
+namespace {
+
+constexpr auto kSource = "/pkgs/kx-core/src/server/dbus/DbusMonitor";
+constexpr auto kAccountingFile = "/tmp/wtmp";
+
+} // namespace
+
+DBusMonitor::DBusMonitor()
+{
+    const bool connected = QDBusConnection::systemBus().connect(
+        QString(), QStringLiteral("/org/freedesktop/DBus/Local"),
+        QStringLiteral("org.freedesktop.DBus.Local"), QStringLiteral("Disconnected"), this, SLOT(DBusDied()));
+    if (!connected) {
+        qError() << KX_PREFIX(kSource) << "Failed to create connection for dbus monitor";
+    }
+}
+
+void DBusMonitor::DBusDied()
+{
+    qEmerg() << KX_PREFIX(kSource) << "Seems that dbus-daemon died.";
+    if (!CheckIfAllowedToReboot()) {
+        qEmerg() << KX_PREFIX(kSource) << "Updater is running => Avoid reboot";
+        return;
+    }
+    qEmerg() << KX_PREFIX(kSource) << "Updater is not running => The unit must be restarted";
+    Misc::ExecShell("fbv -f -r /etc/platform/sys/maintenance.png &>/dev/null &");
+    SavePoweroffRecord();
+    Misc::ExecShell("(sleep 5 && reboot )&");
+}
+
+bool DBusMonitor::CheckIfAllowedToReboot()
+{
+    return !Misc::IsUpdaterRunning() && Misc::LockRPMFile();
+}
+
+void DBusMonitor::SavePoweroffRecord()
+{
+    struct utmp record = {};
+    record.ut_type = RUN_LVL;
+    std::memcpy(record.ut_line, "~~", 2);
+    std::memcpy(record.ut_id, "~~", 2);
+    std::strncpy(record.ut_user, "poweroff", sizeof(record.ut_user));
+    record.ut_tv.tv_sec = static_cast<decltype(record.ut_tv.tv_sec)>(std::time(nullptr));
+
+    // updwtmp appends to a file that exists; the volatile file system starts without one.
+    const UniqueFd created(open(kAccountingFile, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
+    updwtmp(kAccountingFile, &record);
+}

@@ -1,0 +1,97 @@
+#include "ApplicationsAdaptor.h"
+#include "misc/Log.h"
+#include "server/SignalHandling.h"
+#include "server/applications/Server.h"
+#include "server/dbus/ApplicationList.h"
+#include "server/dbus/DbusMonitor.h"
+
+#include <QByteArray>
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QStringList>
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+
+using com::veltrasys::common::qt::qError;
+
+namespace {
+
+constexpr auto kSource = "/pkgs/kx-core/src/server/main";
+
+enum ExitStatus { Success = 0, NotDaemonized, NoService, NoObject, EscapedException };
+
+void PrintUsage()
+{
+    std::puts("Usage: kxcore --no-daemon\n"
+              "              --help\n"
+              "\n"
+              "options:\n"
+              "--no-daemon           : disable daemonization\n"
+              "--help                : show help\n"
+              "\n");
+}
+
+int Fail(ExitStatus status, const char* message)
+{
+    qError() << KX_PREFIX_AS(kSource, "main") << message;
+    return status;
+}
+
+bool RegisterObject(QDBusConnection& bus, const char* path, QObject& server)
+{
+    if (bus.registerObject(QString::fromLatin1(path), &server, QDBusConnection::ExportAdaptors)) {
+        return true;
+    }
+    Fail(NoObject, (QByteArray("Can't register object ") + path).constData());
+    return false;
+}
+
+/// Owns the service name and serves the objects until the event loop ends. The bus is touched here for the
+/// first time: it brings a thread, which daemonizing would lose.
+int Serve()
+{
+    RegisterApplicationList();
+    QDBusConnection bus = QDBusConnection::systemBus();
+    if (!bus.registerService(QStringLiteral("com.veltrasys.kx.core"))) {
+        return Fail(NoService, "Can't register service");
+    }
+    core::applications::Server applicationsServer;
+    new ApplicationsAdaptor(&applicationsServer);
+    if (!RegisterObject(bus, "/Applications", applicationsServer)) {
+        return NoObject;
+    }
+    const DBusMonitor monitor;
+    return QCoreApplication::exec();
+}
+
+int Run(int argc, char** argv)
+{
+    const QCoreApplication application(argc, argv);
+    const QStringList arguments = QCoreApplication::arguments();
+    const QString option = arguments.value(1);
+    if (option == QLatin1String("--help")) {
+        PrintUsage();
+        return Success;
+    }
+    if (option != QLatin1String("--no-daemon") && daemon(1, 0) != 0) {
+        return Fail(NotDaemonized, "Cannot daemonize process");
+    }
+    const SignalNotifier signalNotifier;
+    SignalHandlerSet({SIGTERM, SIGINT, SIGCHLD, SIGALRM, SIGHUP},
+                     {SIGUSR1, SIGUSR2, SIGPIPE, SIGIO, SIGSYS, SIGPWR}, sigHandler);
+    return Serve();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return Run(argc, argv);
+    } catch (...) {
+        return Fail(EscapedException, "Unexpected exception");
+    }
+}
