@@ -3,7 +3,6 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
-#include <QDBusMetaType>
 #include <QDBusPendingReply>
 #include <QDBusReply>
 #include <QDir>
@@ -11,6 +10,7 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -38,6 +38,17 @@ void RequirePrivateRoot()
 {
     if (!QFileInfo::exists(QString::fromLatin1(kPrivateRootMarker))) {
         qFatal("not in the private root: run this test through scripts/sandbox");
+    }
+}
+
+/// What this process was started with besides the standard streams must not reach the daemon.
+void KeepDescriptorsToItself()
+{
+    const QStringList open = QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::System | QDir::AllEntries);
+    for (const QString& fd : open) {
+        if (fd.toInt() > STDERR_FILENO) {
+            fcntl(fd.toInt(), F_SETFD, FD_CLOEXEC);
+        }
     }
 }
 
@@ -215,7 +226,8 @@ DaemonFixture::DaemonFixture()
     : m_applications(Service(), QStringLiteral("/Applications"), QDBusConnection::systemBus(), nullptr)
 {
     RequirePrivateRoot();
-    qDBusRegisterMetaType<QList<QVariantMap>>();
+    RegisterApplicationList();
+    KeepDescriptorsToItself();
     m_process.setWorkingDirectory(QStringLiteral("/"));
     m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     m_process.setStandardInputFile(QProcess::nullDevice());
@@ -333,6 +345,11 @@ bool DaemonFixture::IsRunning() const
            ended.si_pid == 0;
 }
 
+bool DaemonFixture::IsBusRunning()
+{
+    return QDBusConnection::systemBus().isConnected();
+}
+
 bool DaemonFixture::IsNameOwned()
 {
     return QDBusConnection::systemBus().interface()->isServiceRegistered(Service());
@@ -361,9 +378,9 @@ QVariantMap DaemonFixture::StartRequest(const QVariantMap& request)
     return reply.isError() ? QVariantMap{{QStringLiteral("error"), reply.error().message()}} : reply.value();
 }
 
-QList<QVariantMap> DaemonFixture::Enumerate()
+ApplicationList DaemonFixture::Enumerate()
 {
-    QDBusPendingReply<QList<QVariantMap>> reply = m_applications.Enumerate();
+    QDBusPendingReply<ApplicationList> reply = m_applications.Enumerate();
     reply.waitForFinished();
     return reply.value();
 }

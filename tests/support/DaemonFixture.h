@@ -1,9 +1,9 @@
 #pragma once
 
 #include "ApplicationsProxy.h"
+#include "server/dbus/ApplicationList.h"
 
 #include <QByteArray>
-#include <QMetaType>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QString>
@@ -13,8 +13,6 @@
 #include <QtTest>
 
 #include <sys/types.h>
-
-Q_DECLARE_METATYPE(QList<QVariantMap>)
 
 /// Helpers for tests that drive the real daemon. They work in the private root only: a program that links
 /// them ends at once when it is started elsewhere.
@@ -136,6 +134,8 @@ public:
     /// \return what the daemon wrote to standard output
     QByteArray Output() { return m_process.readAllStandardOutput(); }
 
+    static bool IsBusRunning();
+
     /// \return whether any process owns the daemon's name on the bus
     static bool IsNameOwned();
 
@@ -152,7 +152,7 @@ public:
     QVariantMap StartRequest(const QVariantMap& request);
 
     /// Calls Enumerate and waits for the answer.
-    QList<QVariantMap> Enumerate();
+    ApplicationList Enumerate();
 
 private:
     QProcess m_process;
