@@ -1,16 +1,20 @@
 #include "Store.h"
 
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QLockFile>
 #include <QMutex>
 #include <QMutexLocker>
 #include <QSettings>
 
 #include <cerrno>
-#include <cstring>
+#include <chrono>
+#include <thread>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -175,11 +179,44 @@ bool CreateFolder(const Location& location)
     return chmod(name.constData(), FolderMode(location.mode.value_or(kDefaultMode))) == 0;
 }
 
+/// Waits for a turn among the writers, which lasts as long as \a turn is open. The lock of QSettings is what
+/// protects the file, but whoever waits for it sleeps in ever longer steps, of seconds in the end, and would
+/// starve beside a busy writer.
+/// \return whether the turn came within a second; if not, the lock decides alone
+bool TakeTurn(const QString& folder, QFile& turn)
+{
+    constexpr std::chrono::seconds kPatience(1);
+    constexpr std::chrono::milliseconds kStep(1);
+    const int descriptor = open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor < 0 || !turn.open(descriptor, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle)) {
+        return false;
+    }
+    const QDeadlineTimer deadline(kPatience);
+    while (flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
+        if (deadline.hasExpired()) {
+            return false;
+        }
+        std::this_thread::sleep_for(kStep);
+    }
+    return true;
+}
+
+/// Removes the lock of a writer that was killed before it had put its name in, which QSettings would wait for
+/// half a minute. One that is in use stays.
+void RemoveOrphanedLock(const QString& path)
+{
+    QLockFile(path + ".lock").removeStaleLockFile();
+}
+
 /// Has QSettings lock the store, call WriteFormat and replace the file.
 bool Replace(Transaction& transaction)
 {
     static QMutex mutex;
     const QMutexLocker locker(&mutex);
+    QFile turn;
+    if (TakeTurn(QFileInfo(transaction.location.path).path(), turn)) {
+        RemoveOrphanedLock(transaction.location.path);
+    }
     g_transaction = &transaction;
     QSettings settings(transaction.location.path, StoreFormat());
     settings.setValue("changed", true);

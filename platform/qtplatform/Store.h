@@ -6,6 +6,7 @@
 #include <QVector>
 
 #include <optional>
+#include <utility>
 
 #include <sys/types.h>
 
@@ -37,7 +38,7 @@ const Location& ConfiguredLocation();
 /// be called from any thread.
 class Store {
 public:
-    explicit Store(const Location& location = ConfiguredLocation()) : m_location(location) {}
+    explicit Store(Location location = ConfiguredLocation()) : m_location(std::move(location)) {}
 
     const QString& Path() const { return m_location.path; }
 

@@ -8,7 +8,8 @@ namespace com::veltrasys::registry {
 
 namespace {
 
-constexpr auto kHeading = "; The registry of this terminal. Change it with kxregistry; comments are not kept.\n";
+constexpr auto kHeading =
+    "; The registry of this terminal. Change it with kxregistry; comments are not kept.\n";
 constexpr int kHexDigits = 4;
 constexpr int kHexBase = 16;
 
@@ -51,7 +52,8 @@ QString Hex(QChar character)
     return QStringLiteral("\\x%1").arg(character.unicode(), kHexDigits, kHexBase, QLatin1Char('0'));
 }
 
-template <typename Predicate> QString Escape(const QString& text, Predicate needsHex)
+template<typename Predicate>
+QString Escape(const QString& text, Predicate needsHex)
 {
     QString escaped;
     for (int index = 0; index < text.size(); ++index) {

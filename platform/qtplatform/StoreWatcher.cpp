@@ -33,8 +33,8 @@ QStringList PathsToWatch(const QString& path)
 
 } // namespace
 
-StoreWatcher::StoreWatcher(const QString& path, QObject* parent)
-    : QObject(parent), m_path(path), m_watcher(this), m_settled(this)
+StoreWatcher::StoreWatcher(QString path, QObject* parent)
+    : QObject(parent), m_path(std::move(path)), m_watcher(this), m_settled(this)
 {
     m_settled.setSingleShot(true);
     connect(&m_settled, &QTimer::timeout, this, &StoreWatcher::OnSettled);

@@ -15,7 +15,7 @@ class StoreWatcher : public QObject {
 public:
     /// Watches from the construction on.
     /// \param path  absolute path of the store, which need not exist
-    explicit StoreWatcher(const QString& path, QObject* parent = nullptr);
+    explicit StoreWatcher(QString path, QObject* parent = nullptr);
 
 signals:
     /// The store may be another one. Comes from the event loop, once for notices that come together.

@@ -93,7 +93,8 @@ bool PrintLine(const QString& line)
 
 void Complain(const QString& text)
 {
-    std::fprintf(stderr, "kxregistry: %s\n", text.toUtf8().constData());
+    // Nothing is left to tell it to, should this fail.
+    (void)std::fprintf(stderr, "kxregistry: %s\n", text.toUtf8().constData());
 }
 
 QString DescribeChange(const Change& change)
