@@ -1,9 +1,13 @@
 #include "ApplicationsAdaptor.h"
+#include "SystemAdaptor.h"
+#include "ToolsAdaptor.h"
 #include "misc/Log.h"
 #include "server/SignalHandling.h"
 #include "server/applications/Server.h"
 #include "server/dbus/ApplicationList.h"
 #include "server/dbus/DbusMonitor.h"
+#include "server/system/Server.h"
+#include "server/tools/Server.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
@@ -61,6 +65,16 @@ int Serve()
     core::applications::Server applicationsServer;
     new ApplicationsAdaptor(&applicationsServer);
     if (!RegisterObject(bus, "/Applications", applicationsServer)) {
+        return NoObject;
+    }
+    core::system::Server systemServer(applicationsServer);
+    new SystemAdaptor(&systemServer);
+    if (!RegisterObject(bus, "/System", systemServer)) {
+        return NoObject;
+    }
+    core::tools::Server toolsServer(nullptr);
+    new ToolsAdaptor(&toolsServer);
+    if (!RegisterObject(bus, "/Tools", toolsServer)) {
         return NoObject;
     }
     const DBusMonitor monitor;
