@@ -11,6 +11,8 @@
 
 namespace {
 
+constexpr int kDetailLength = 160;
+
 struct ExpectedApplication {
     const char* name;
     unsigned uid;
@@ -97,14 +99,24 @@ bool Checks::Run()
     for (const Step& step : steps) {
         m_screen.Heading(QString::fromLatin1(step.title));
         (this->*step.run)();
+        // What follows builds on it.
+        if (m_failures > 0) {
+            break;
+        }
     }
-    m_screen.Line();
-    m_screen.Line(
-        m_failures == 0
-            ? m_screen.Styled(Style::Good, QStringLiteral("All %1 checks hold.").arg(m_checks))
-            : m_screen.Styled(Style::Bad,
-                              QStringLiteral("%1 of %2 checks failed.").arg(m_failures).arg(m_checks)));
+    Conclude();
     return m_failures == 0;
+}
+
+void Checks::Conclude()
+{
+    m_screen.Line();
+    if (m_failures == 0) {
+        m_screen.Line(m_screen.Styled(Style::Good, QStringLiteral("All %1 checks hold.").arg(m_checks)));
+    } else {
+        const QString text = QStringLiteral("%1 of %2 checks failed; the steps after them were not tried.");
+        m_screen.Line(m_screen.Styled(Style::Bad, text.arg(m_failures).arg(m_checks)));
+    }
 }
 
 void Checks::Expect(bool holds, const QString& what, const QString& detail)
@@ -115,8 +127,9 @@ void Checks::Expect(bool holds, const QString& what, const QString& detail)
         return;
     }
     ++m_failures;
-    m_screen.Line(m_screen.Styled(Style::Bad, QStringLiteral("  FAIL  ")) + what +
-                  (detail.isEmpty() ? QString() : QStringLiteral(": ") + detail));
+    m_screen.Line(
+        m_screen.Styled(Style::Bad, QStringLiteral("  FAIL  ")) + what +
+        (detail.isEmpty() ? QString() : QStringLiteral(": ") + detail.simplified().left(kDetailLength)));
 }
 
 void Checks::ExpectRunning(const QString& user, const QString& command)

@@ -10,8 +10,8 @@ class Checks {
 public:
     Checks(Terminal& terminal, Screen& screen, const LogTail& log);
 
-    // All steps in order. True when every check of every step held; one that did not is reported on the
-    // screen.
+    // All steps in order, up to the first one with a check that does not hold; the screen tells which. True
+    // when every check held.
     bool Run();
 
 private:
@@ -28,6 +28,7 @@ private:
     void StartsOver();
     void Restarts();
 
+    void Conclude();
     // Reports the outcome; the detail is shown when the check did not hold.
     void Expect(bool holds, const QString& what, const QString& detail = QString());
     void ExpectRunning(const QString& user, const QString& command);
