@@ -1,9 +1,11 @@
 #include "ApplicationsAdaptor.h"
+#include "SystemAdaptor.h"
 #include "misc/Log.h"
 #include "server/SignalHandling.h"
 #include "server/applications/Server.h"
 #include "server/dbus/ApplicationList.h"
 #include "server/dbus/DbusMonitor.h"
+#include "server/system/Server.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
@@ -61,6 +63,11 @@ int Serve()
     core::applications::Server applicationsServer;
     new ApplicationsAdaptor(&applicationsServer);
     if (!RegisterObject(bus, "/Applications", applicationsServer)) {
+        return NoObject;
+    }
+    core::system::Server systemServer(applicationsServer);
+    new SystemAdaptor(&systemServer);
+    if (!RegisterObject(bus, "/System", systemServer)) {
         return NoObject;
     }
     const DBusMonitor monitor;
