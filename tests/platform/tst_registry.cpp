@@ -1,5 +1,6 @@
 #include "Registry.h"
 #include "RegistryStore.h"
+#include "RegistryWriters.h"
 
 #include <QCoreApplication>
 #include <QFileInfo>
@@ -14,44 +15,19 @@
 
 using com::veltrasys::Registry;
 using namespace registrystore;
+using namespace registrywriters;
 
 namespace {
 
 constexpr int kWriters = 4;
-constexpr int kKeysPerWriter = 200;
 constexpr int kKills = 15;
 constexpr int kLooks = 60;
-constexpr int kLongValue = 20000;
 
 using Records = QList<QVariantList>;
 
-/// Writes keys of its own and, in between, one that all writers share.
-int WriteKeys(const QString& writer)
+const Records& Seen(const QSignalSpy& spy)
 {
-    Registry registry;
-    bool written = true;
-    for (int index = 0; index < kKeysPerWriter; ++index) {
-        written &= registry.setValue(QStringLiteral("%1.%2").arg(writer).arg(index), index);
-        written &= registry.setValue("shared", writer);
-    }
-    return written ? 0 : 1;
-}
-
-/// Goes back and forth between two long values until it is killed.
-[[noreturn]] void WriteForEver()
-{
-    Registry registry;
-    for (bool first = true;; first = !first) {
-        registry.setValue("long", QString(kLongValue, first ? 'a' : 'b'));
-    }
-}
-
-std::unique_ptr<QProcess> StartSelf(const QStringList& arguments)
-{
-    auto process = std::make_unique<QProcess>();
-    process->setProcessChannelMode(QProcess::ForwardedChannels);
-    process->start(QCoreApplication::applicationFilePath(), arguments);
-    return process;
+    return spy;
 }
 
 ino_t Inode()
@@ -67,7 +43,6 @@ class RegistryTest : public QObject {
 
 private slots:
     void initTestCase();
-    void init();
     void cleanup();
 
     void StoresText_data();
@@ -91,11 +66,6 @@ void RegistryTest::initTestCase()
     QVERIFY2(IsUntouched(), "this machine has a registry: the test would remove it");
 }
 
-void RegistryTest::init()
-{
-    umask(0);
-}
-
 void RegistryTest::cleanup()
 {
     Remove();
@@ -112,19 +82,19 @@ void RegistryTest::StoresText_data()
     QTest::newRow("empty") << "e" << QVariant("") << "e=";
     QTest::newRow("null text") << "e" << QVariant(QString()) << "e=";
     QTest::newRow("equals sign in value") << "k" << QVariant("a=b;#[") << "k=a=b;#[";
-    QTest::newRow("equals sign in key") << "a=b" << QVariant("c") << "a\\x003db=c";
-    QTest::newRow("comment sign in key") << ";a;" << QVariant("c") << "\\x003ba;=c";
-    QTest::newRow("section sign in key") << "[a]" << QVariant("c") << "\\x005ba]=c";
+    QTest::newRow("equals sign in key") << "a=b" << QVariant("c") << R"(a\x003db=c)";
+    QTest::newRow("comment sign in key") << ";a;" << QVariant("c") << R"(\x003ba;=c)";
+    QTest::newRow("section sign in key") << "[a]" << QVariant("c") << R"(\x005ba]=c)";
     QTest::newRow("slashes") << "/a//b/" << QVariant("/c//") << "/a//b/=/c//";
-    QTest::newRow("blanks") << " a b " << QVariant("\tc d ") << "\\x0020a b\\x0020=\\tc d\\x0020";
-    QTest::newRow("lines") << "a\nb" << QVariant("c\nd\r\n\\n") << "a\\nb=c\\nd\\r\\n\\\\n";
+    QTest::newRow("blanks") << " a b " << QVariant("\tc d ") << R"(\x0020a b\x0020=\tc d\x0020)";
+    QTest::newRow("lines") << "a\nb" << QVariant("c\nd\r\n\\n") << R"(a\nb=c\nd\r\n\\n)";
     QTest::newRow("controls") << "k" << QVariant(QString::fromUtf16(u"\x1 \x7f\x85\u2028.", 6))
-                              << "k=\\x0001 \\x007f\\x0085\\x2028.";
-    QTest::newRow("NUL") << "k" << QVariant(QString(1, QChar())) << "k=\\x0000";
+                              << R"(k=\x0001 \x007f\x0085\x2028.)";
+    QTest::newRow("NUL") << "k" << QVariant(QString(1, QChar())) << R"(k=\x0000)";
     QTest::newRow("Unicode") << QString::fromUtf8("größe") << QVariant(QString::fromUtf8("€ 😀"))
                              << QString::fromUtf8("größe=€ 😀");
     QTest::newRow("lone surrogates") << "k" << QVariant(QString(QChar(0xdc00)) + QChar(0xd83d))
-                                     << "k=\\xdc00\\xd83d";
+                                     << R"(k=\xdc00\xd83d)";
 }
 
 void RegistryTest::StoresText()
@@ -194,13 +164,13 @@ void RegistryTest::ReportsChanges()
     QVERIFY(set("new", "x"));
     QCOMPARE(registry.subscribe("new"), QVariant("x"));
     QCOMPARE(values.size(), 0);
-    QTRY_COMPARE_WITH_TIMEOUT(Records(values), (Records{{"new", "x"}}), 1000);
+    QTRY_COMPARE_WITH_TIMEOUT(Seen(values), (Records{{"new", "x"}}), 1000);
 
     QVERIFY(set("old", "1"));
     QVERIFY(set("dropped", "2"));
     QVERIFY(set("unknown", "3"));
     QVERIFY(set("marker", "4"));
-    QTRY_COMPARE(Records(values), (Records{{"new", "x"}, {"marker", "4"}}));
+    QTRY_COMPARE(Seen(values), (Records{{"new", "x"}, {"marker", "4"}}));
 
     QVERIFY(set("old", ""));
     QTRY_COMPARE(values.last(), (QVariantList{"old", ""}));
@@ -208,7 +178,7 @@ void RegistryTest::ReportsChanges()
 
     QCOMPARE(deletions.size(), 0);
     QVERIFY(who == "another process" ? RunTool({"delete", "old"}).status == 0 : other.deleteKey("old"));
-    QTRY_COMPARE(Records(deletions), (Records{{"old"}}));
+    QTRY_COMPARE(Seen(deletions), (Records{{"old"}}));
     QCOMPARE(values.size(), 3);
 }
 
@@ -301,7 +271,7 @@ void RegistryTest::ReportsUnreadableStore()
     // Once it can be read again it says what it holds, and the failed change does not come after all.
     QDir().rename(kFile, QString(kFile) + ".bad");
     QVERIFY(Write(kFile, "a=2\nlate=3\n"));
-    QTRY_COMPARE(Records(values), (Records{{"a", "2"}, {"late", "3"}}));
+    QTRY_COMPARE(Seen(values), (Records{{"a", "2"}, {"late", "3"}}));
     QVERIFY(registry.setValue("b", "4"));
     QCOMPARE(registry.getValue("a"), QVariant("2"));
     QCOMPARE(deletions.size(), 0);
@@ -344,7 +314,7 @@ void RegistryTest::LosesNothing()
     std::vector<std::unique_ptr<QProcess>> writers;
     writers.reserve(kWriters);
     for (int writer = 0; writer < kWriters; ++writer) {
-        writers.push_back(StartSelf({"--write", QStringLiteral("w%1").arg(writer)}));
+        writers.push_back(StartWriter({"--write", QStringLiteral("w%1").arg(writer)}));
     }
     for (const auto& writer : writers) {
         QVERIFY(writer->waitForFinished(kBound));
@@ -365,7 +335,7 @@ void RegistryTest::StaysWhole()
     const auto isWhole = [&whole] { return whole.contains(Registry().getValue("long").toString()); };
     for (int round = 0; round < kKills; ++round) {
         const ino_t before = Inode();
-        const auto writer = StartSelf({"--write-for-ever"});
+        const auto writer = StartWriter({"--write-for-ever"});
         QTRY_VERIFY(Inode() != before);
         for (int look = 0; look < kLooks; ++look) {
             QVERIFY2(isWhole(), "while it is being written");
@@ -394,12 +364,8 @@ void RegistryTest::OutlivesOrphanedLock()
 int main(int argc, char** argv)
 {
     QCoreApplication application(argc, argv);
-    const QStringList arguments = QCoreApplication::arguments();
-    if (arguments.value(1) == "--write") {
-        return WriteKeys(arguments.value(2));
-    }
-    if (arguments.value(1) == "--write-for-ever") {
-        WriteForEver();
+    if (RunWriter(QCoreApplication::arguments().mid(1))) {
+        return EXIT_SUCCESS;
     }
     RegistryTest test;
     return QTest::qExec(&test, argc, argv);

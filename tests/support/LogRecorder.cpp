@@ -35,8 +35,8 @@ QDataStream& operator>>(QDataStream& stream, LogRecord& record)
 
 } // namespace
 
-void VLS_PrintLog(int priority, const char* category, const char* tag, const char* file,
-                  const char* function, int line, const char* format, ...)
+void VLS_PrintLog(int priority, const char* category, const char* tag, const char* file, const char* function,
+                  int line, const char* format, ...)
 {
     const int saved = errno;
     char* text = nullptr;

@@ -1,0 +1,115 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+
+#include <memory>
+
+namespace com::veltrasys {
+class Registry;
+}
+
+namespace core::tools {
+
+/// The object behind /Tools: sets clock and time zone, remembers who set them, stores platform variables for
+/// the boot scripts and switches the audio-payment daemon on or off.
+///
+/// Everything it keeps lives outside the process: the clock, files below /etc and the registry key
+/// "%platform.timeInfoSource". To be used from the event loop's thread only. Nothing throws; whether the
+/// registry could be written is not checked.
+class Server : public QObject {
+    Q_OBJECT
+
+public:
+    explicit Server(QObject* parent = nullptr);
+    ~Server() override = default;
+
+    /// Sets the system clock and writes /etc/time_offset. The hardware clock is left alone.
+    ///
+    /// \param str         local time of the current zone: "%Y-%m-%d %T", "%Y-%m-%d" (keeps the time of day)
+    /// or
+    ///                    "%T" (keeps the date), told apart by their lengths of 19, 10 and 8 characters
+    /// \param infoSource  stored as the source of the time information and announced with TimeInfoChanged,
+    ///                    without regard to the source before; empty: neither
+    /// \return 0; -1 when \a str is no such time; -2 when the clock cannot be set; -3 when /etc/time_offset
+    ///         cannot be written; -4 when the current time cannot be broken down
+    int SetSystemTime(const QString& str, const QString& infoSource);
+
+    /// Points /etc/localtime to a zone file. Does nothing at all, successfully, when it points there already.
+    ///
+    /// \param timeZone    path below /usr/share/zoneinfo/, for example "Europe/Berlin"; empty: removes the
+    ///                    link, which means UTC
+    /// \param infoSource  as for SetSystemTime
+    /// \return 0; 1 when the zone lies elsewhere or does not exist ("Time zone file"), or the link cannot be
+    ///         removed ("Unable to remove") or made ("Error creating time zone symlink to"), each logged at
+    ///         error level
+    int SetTimeZone(const QString& timeZone, const QString& infoSource);
+
+    /// \return the current UTC time as "%Y-%m-%d %T"
+    static QString GetUTCTime();
+
+    /// \return the name of the current zone; empty when /etc/localtime is no link ("readlink() failed: ") or
+    ///         points outside a zone directory ("Unexpected time zone symlink:"), both at error level
+    static QString GetTimeZone();
+
+public slots:
+    /// Sets the clock as a local user does: SetSystemTime(str, "MANUAL").
+    int SetSystemTime(const QString& str);
+
+    /// Sets the zone as a local user does: SetTimeZone(timeZone, "MANUAL").
+    int SetTimeZone(const QString& timeZone);
+
+    /// Sets clock and zone together, unless a source of higher precedence has set them before, and emits
+    /// TimeInfoChanged once.
+    ///
+    /// \param utcTime     time in UTC in one of the forms of SetSystemTime; empty: leaves the clock alone
+    /// \param timeZone    as for SetTimeZone; empty: UTC
+    /// \param infoSource  "HOST", "MANUAL", "HUB" or "UNKNOWN", highest precedence first; empty together with
+    ///                    \a timeZone: "UNKNOWN"
+    /// \return 0; 1 when the source is none of the four ("Invalid infoSource"), is outranked ("Unable to set
+    ///         time info"), or time ("Unable to set utcTime") or zone ("Unable to set timeZone") cannot be
+    ///         set, each logged at error level. After a failure to set the time the zone is UTC.
+    int SetTimeInfo(const QString& utcTime, const QString& timeZone, const QString& infoSource);
+
+    /// Stores "UNKNOWN" as the source, so that any source may set the time again. Emits nothing.
+    /// \return always 0
+    int ResetTimeInfoSource();
+
+    /// Writes the line `export NAME="VALUE"` to /etc/rc.d/rc.platform.conf, which must exist: in place of the
+    /// first line that contains the name, otherwise at the end. The file is not truncated, so that what the
+    /// new text does not cover of a longer old one stays behind it.
+    ///
+    /// \param variable_name   not checked; `*`, `?` and `[...]` work as QRegExp's wildcards when looking for
+    ///                        the line. Such a name of more than 64 characters (runs of `*` count as two)
+    ///                        matches no line: it would block all other callers for minutes.
+    /// \param variable_value  may hold letters, digits, blanks and what else is not punctuation
+    /// \return 0; -1 when the value holds a refused character, or the file cannot be opened or written.
+    ///         Nothing is logged.
+    int SaveVariableValue(const QString& variable_name, const QString& variable_value);
+
+    /// Enables (mode 0755) or disables (0644) the start script of the audio-payment daemon; starts and stops
+    /// nothing. A failure is logged at error level with the system's error text.
+    void EnableAudiopayd(bool enable);
+
+    /// \return whether the audio-payment daemon's start script exists and may be executed by this process
+    bool IsAudiopaydEnabled();
+
+signals:
+    /// Clock, zone or source were set.
+    ///
+    /// \param utcTime     current UTC time as "%Y-%m-%d %T"
+    /// \param timeZone    name of the zone; empty for UTC without a zone link
+    /// \param infoSource  who set them
+    void TimeInfoChanged(const QString& utcTime, const QString& timeZone, const QString& infoSource);
+
+private:
+    /// Checks the source against the four that exist and the one that has set the time before.
+    bool MaySetTimeInfo(const QString& source);
+
+    /// Stores the source and announces what the time information is now.
+    void RecordSource(const QString& timeZone, const QString& infoSource);
+
+    std::shared_ptr<com::veltrasys::Registry> m_registry;
+};
+
+} // namespace core::tools
