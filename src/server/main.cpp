@@ -1,11 +1,13 @@
 #include "ApplicationsAdaptor.h"
 #include "SystemAdaptor.h"
+#include "ToolsAdaptor.h"
 #include "misc/Log.h"
 #include "server/SignalHandling.h"
 #include "server/applications/Server.h"
 #include "server/dbus/ApplicationList.h"
 #include "server/dbus/DbusMonitor.h"
 #include "server/system/Server.h"
+#include "server/tools/Server.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
@@ -68,6 +70,11 @@ int Serve()
     core::system::Server systemServer(applicationsServer);
     new SystemAdaptor(&systemServer);
     if (!RegisterObject(bus, "/System", systemServer)) {
+        return NoObject;
+    }
+    core::tools::Server toolsServer;
+    new ToolsAdaptor(&toolsServer);
+    if (!RegisterObject(bus, "/Tools", toolsServer)) {
         return NoObject;
     }
     const DBusMonitor monitor;

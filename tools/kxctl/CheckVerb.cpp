@@ -2,6 +2,7 @@
 #include "Verbs.h"
 #include "check/AppCheck.h"
 
+#include <QDir>
 #include <QFileInfo>
 
 #include <algorithm>
@@ -77,7 +78,7 @@ ExitStatus Check(const Request& request)
         std::transform(problems.begin(), problems.end(), std::back_inserter(list), ToMap);
         PrintJson(QVariantMap{{"name", name}, {"directory", path}, {"problems", list}});
     } else {
-        PrintReport(directory, name, problems);
+        PrintReport(QDir::cleanPath(directory), name, problems);
     }
     return Count(problems, Severity::Error) > 0 ? Refused : Success;
 }
