@@ -7,6 +7,7 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -15,7 +16,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <memory>
+#include <utility>
 
 using com::veltrasys::common::qt::qError;
 
@@ -23,6 +27,7 @@ namespace {
 
 constexpr auto kSource = "/pkgs/kx-core/src/misc/Utils";
 
+constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 constexpr auto kUpdateMarker = "/var/lib/installer/.update_started";
 constexpr auto kRpmLock = "/var/lib/rpm/.rpm.lock";
 constexpr auto kInstallerLock = "/var/lib/installer/database/.rpm.lock";
@@ -46,12 +51,11 @@ bool IsTrustedLink(const QByteArray& path)
 UniqueFd OpenDirectory(const QString& path)
 {
     const QByteArray name = QFile::encodeName(QDir::cleanPath(path));
-    const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-    UniqueFd fd(open(name.constData(), flags | O_NOFOLLOW));
+    UniqueFd fd(open(name.constData(), kDirectoryFlags | O_NOFOLLOW));
     if (!fd) {
         const int error = errno;
         if (IsTrustedLink(name)) {
-            fd.Reset(open(name.constData(), flags));
+            fd.Reset(open(name.constData(), kDirectoryFlags));
         } else {
             errno = error;
         }
@@ -59,25 +63,26 @@ UniqueFd OpenDirectory(const QString& path)
     return fd;
 }
 
-void RemoveEntry(const QString& path)
+/// Empties a directory through its descriptor: applications own some of these trees, and none of them can
+/// lead the walk elsewhere by swapping a folder for a link. Depth is bounded by the number of descriptors.
+void RemoveEntries(UniqueFd fd)
 {
-    std::remove(path.toLatin1().constData());
-}
-
-void RemoveTree(const QString& path)
-{
-    const QDir dir(path);
-    if (!dir.exists(path)) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> dir(fdopendir(fd.Get()), closedir);
+    if (!dir) {
         return;
     }
-    const auto entries = dir.entryInfoList(
-        QDir::Files | QDir::AllDirs | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::DirsFirst);
-    for (const QFileInfo& entry : entries) {
-        if (entry.absoluteFilePath() != path) {
-            FileSystem::RemoveFile(entry.absoluteFilePath());
+    const int dirFd = fd.Release(); // closed with the stream
+    while (const dirent* entry = readdir(dir.get())) {
+        const char* name = entry->d_name;
+        if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0 || unlinkat(dirFd, name, 0) == 0) {
+            continue;
+        }
+        UniqueFd folder(openat(dirFd, name, kDirectoryFlags | O_NOFOLLOW));
+        if (folder) {
+            RemoveEntries(std::move(folder));
+            unlinkat(dirFd, name, AT_REMOVEDIR);
         }
     }
-    RemoveEntry(path);
 }
 
 bool SetLock(int fd, short type)
@@ -122,12 +127,12 @@ bool DirExists(const QString& path)
 
 bool RemoveFile(const QString& path)
 {
-    const QFileInfo info(path);
-    if (!info.exists() || info.isSymLink() || !info.isDir()) {
-        RemoveEntry(path);
-    } else {
-        RemoveTree(path);
+    const QByteArray name = path.toLatin1();
+    UniqueFd folder(open(name.constData(), kDirectoryFlags | O_NOFOLLOW));
+    if (folder) {
+        RemoveEntries(std::move(folder));
     }
+    static_cast<void>(std::remove(name.constData()));
     return true;
 }
 

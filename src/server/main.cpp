@@ -2,6 +2,7 @@
 #include "misc/Log.h"
 #include "server/SignalHandling.h"
 #include "server/applications/Server.h"
+#include "server/dbus/ApplicationList.h"
 #include "server/dbus/DbusMonitor.h"
 
 #include <QByteArray>
@@ -52,6 +53,7 @@ bool RegisterObject(QDBusConnection& bus, const char* path, QObject& server)
 /// first time: it brings a thread, which daemonizing would lose.
 int Serve()
 {
+    RegisterApplicationList();
     QDBusConnection bus = QDBusConnection::systemBus();
     if (!bus.registerService(QStringLiteral("com.veltrasys.kx.core"))) {
         return Fail(NoService, "Can't register service");

@@ -63,7 +63,7 @@ QList<QVariantMap> Server::Enumerate()
 QString Server::GetNameOfInstalledDefaultApp()
 {
     for (const char* candidate : kDefaultApplications) {
-        const QString name = QString::fromLatin1(candidate);
+        QString name = QString::fromLatin1(candidate);
         const QFileInfo index(QStringLiteral("/home/%1/html/index.html").arg(name));
         if (index.exists() && index.isFile()) {
             return name;

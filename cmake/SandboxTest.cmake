@@ -1,0 +1,40 @@
+# Tests that run in the private root, on the installed tree.
+set(KX_STAGE_DIR "${CMAKE_BINARY_DIR}/stage")
+
+# The installed tree that the tests see as /usr and /etc, made once before the first of them.
+add_test(NAME stage COMMAND "${CMAKE_COMMAND}" --install "${CMAKE_BINARY_DIR}" --prefix /usr)
+set_tests_properties(stage PROPERTIES
+  FIXTURES_SETUP stage
+  ENVIRONMENT "DESTDIR=${KX_STAGE_DIR}"
+  LABELS stage)
+
+# Instrumented programs write their counts into the build tree.
+set(_kx_build_bind $<IF:$<BOOL:${KX_COVERAGE}>,--bind-rw,--bind>)
+
+# kx_add_test(NAME name COMMAND program [arg...] [LABELS label...] [TIMEOUT seconds])
+# Registers a test that runs the program, a target or an absolute path, in the private root. There are the staged
+# installation, and the source and the build tree at the paths they have here.
+function(kx_add_test)
+  cmake_parse_arguments(PARSE_ARGV 0 arg "" "NAME;TIMEOUT" "COMMAND;LABELS")
+  if(arg_UNPARSED_ARGUMENTS OR NOT arg_NAME OR NOT arg_COMMAND)
+    message(FATAL_ERROR "kx_add_test: needs NAME and COMMAND; not understood: '${arg_UNPARSED_ARGUMENTS}'")
+  endif()
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 60)
+  endif()
+  list(POP_FRONT arg_COMMAND program)
+  if(TARGET ${program})
+    set(program "$<TARGET_FILE:${program}>")
+  endif()
+  add_test(NAME ${arg_NAME}
+    COMMAND "${CMAKE_SOURCE_DIR}/scripts/sandbox" --stage "${KX_STAGE_DIR}"
+      --bind "${CMAKE_SOURCE_DIR}" ${_kx_build_bind} "${CMAKE_BINARY_DIR}" -- ${program} ${arg_COMMAND})
+  set_tests_properties(${arg_NAME} PROPERTIES
+    FIXTURES_REQUIRED stage
+    LABELS "${arg_LABELS}"
+    TIMEOUT ${arg_TIMEOUT})
+  if(KX_SANITIZE)
+    set_tests_properties(${arg_NAME} PROPERTIES ENVIRONMENT
+      "ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1;UBSAN_OPTIONS=print_stacktrace=1")
+  endif()
+endfunction()

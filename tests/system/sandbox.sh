@@ -1,0 +1,187 @@
+#!/bin/bash
+# Tests the private root: drives scripts/sandbox, and with --inside looks around in it.
+# Usage: sandbox.sh STAGE
+# shellcheck disable=SC2317 # functions are called through check and eventually
+set -uo pipefail
+
+self=$(readlink -f "${BASH_SOURCE[0]}")
+source_dir=$(dirname "$self")/../..
+sandbox=$source_dir/scripts/sandbox
+failures=0
+
+# check TEXT COMMAND...: counts a failure unless the command succeeds
+check() {
+    local text=$1 output
+    shift
+    if output=$("$@" 2>&1); then
+        echo "ok      $text"
+    else
+        echo "FAILED  $text: $* $output"
+        failures=$((failures + 1))
+    fi
+}
+
+# check_equal TEXT EXPECTED ACTUAL
+check_equal() {
+    check "$1" test "$2" = "$3"
+}
+
+not() { ! "$@"; }
+
+# eventually COMMAND...: waits until the command succeeds, five seconds at most
+eventually() {
+    local tries
+    for ((tries = 0; tries < 250; ++tries)); do
+        ! "$@" || return 0
+        sleep 0.02
+    done
+    return 1
+}
+
+status_of() {
+    local status=0
+    "$@" >/dev/null 2>&1 || status=$?
+    echo "$status"
+}
+
+# --- inside: tries nothing that would hurt the machine, should the isolation be broken -----------------------------
+
+machine_is_out_of_reach() {
+    check "the clock cannot be set" not date -s "$(date -Is)"
+    check "the reboot call is refused" not busybox reboot -f
+    check "/sys is empty" test -z "$(ls -A /sys)"
+    check "sysfs cannot be mounted" not mount -t sysfs sysfs /sys
+    check "/proc/sys cannot be written" not sh -c 'echo 1 >/proc/sys/vm/drop_caches'
+    check "/usr cannot be written" not touch /usr/bin/true
+    check "a bound directory cannot be written" not touch "$source_dir/README.md"
+    check_equal "the processes are our own" "bash" "$(cat /proc/1/comm)"
+    check_equal "the network is our own" "lo" "$(ip -o link show up | awk -F': ' '{ print $2 }')"
+    check_equal "no home is left in sight" "" "$(find /home /root -mindepth 1)"
+    check_equal "no variable of the caller is seen" "" "${OUTSIDE_VARIABLE:-}"
+    # The fourth is the listing's own.
+    check_equal "only the standard descriptors are open" "0 1 2 3" "$(cat /run/descriptors)"
+}
+
+services_answer() {
+    check "the bus answers" dbus-send --system --print-reply --dest=org.freedesktop.DBus / \
+        org.freedesktop.DBus.ListNames
+    check "the bus process is the one in its pid file" grep -q dbus-daemon "/proc/$(cat /run/dbus/pid)/cmdline"
+    check "root may own the daemon's name by the staged policy" own_name 0
+    check "an application may not" not own_name 4001
+    busybox logger -p daemon.err -t test "a record"
+    check "syslog keeps facility and priority" eventually grep -q "daemon.err test: a record" /var/log/messages
+}
+
+# own_name UID: RequestName answers 1 when the name is ours
+own_name() {
+    setpriv --reuid "$1" --regid "$1" --clear-groups \
+        dbus-send --system --print-reply --dest=org.freedesktop.DBus / org.freedesktop.DBus.RequestName \
+        string:com.veltrasys.kx.core uint32:0 | grep -q "uint32 1"
+}
+
+standins_record_and_answer() {
+    local calls=/run/standins/calls
+    : >$calls
+    reboot now
+    /usr/sbin/poweroff
+    setpriv --reuid 4001 --regid 4001 --clear-groups logger "$(printf 'two\nlines')"
+    OPEN_ON_EXIT_URL=http://localhost/ /sred/root/hwtest/hwtest -f
+    check_equal "calls are recorded in order, one line each" \
+        "reboot now|poweroff|logger two lines|hwtest -f OPEN_ON_EXIT_URL=http://localhost/|" \
+        "$(tr '\n' '|' <$calls)"
+
+    check_equal "no process is found unless the test says so" 1 "$(status_of pidof sredd)"
+    mkdir /run/standins/pidof.d
+    echo 0 >/run/standins/pidof.d/sredd2.status
+    check_equal "answer by first argument" "1 0" "$(status_of pidof sredd) $(status_of pidof sredd2)"
+    mkdir /run/standins/iw.d
+    echo general >/run/standins/iw.out
+    echo "phy#3" >/run/standins/iw.d/dev
+    echo "enabled" >/run/standins/iw.d/phy3_wowlan_show
+    check_equal "answer by all arguments, by the first, by name" "enabled phy#3 phy#3 general" \
+        "$(iw phy3 wowlan show) $(iw dev) $(iw dev info) $(iw phy3)"
+
+    : >$calls
+    for _ in {1..50}; do
+        modprobe -a one two three &
+    done
+    wait
+    check_equal "simultaneous calls do not mix" "50 modprobe -a one two three" "$(uniq -c $calls | xargs)"
+}
+
+inside() {
+    machine_is_out_of_reach
+    services_answer
+    standins_record_and_answer
+    exit $((failures > 0))
+}
+
+# --- outside -----------------------------------------------------------------------------------------------------
+
+statuses_pass_through() {
+    check_equal "status of the command" 7 "$(status_of "$sandbox" --no-bus sh -c 'exit 7')"
+    check_equal "status of a killed command" 143 "$(status_of "$sandbox" --no-bus sh -c 'kill $$')"
+    check_equal "status of a missing command" 127 "$(status_of "$sandbox" --no-bus start_bus)"
+    check_equal "input and output pass through" "text" "$(echo text | "$sandbox" --no-bus cat)"
+}
+
+# The command would leave a file in the work directory; unshare is replaced by the given script.
+refuses_without_namespaces() {
+    printf '#!/bin/bash\n%s\n' "$2" >"$work/bin/unshare"
+    chmod +x "$work/bin/unshare"
+    check_equal "refuses when unshare $1" 125 \
+        "$(PATH=$work/bin:$PATH status_of "$sandbox" --bind-rw "$work" touch "$work/ran")"
+    check "and does not run the command" test ! -e "$work/ran"
+    rm "$work/bin/unshare"
+}
+
+# is_running SECONDS: whether there is a "sleep SECONDS", on the whole machine
+is_running() {
+    pgrep --full --exact "sleep $1"
+}
+
+leaves_nothing_after() {
+    local signal=$1 expected=$2 seconds=$((RANDOM + 100000)) status=0 pid
+    "$sandbox" sleep "$seconds" &
+    pid=$!
+    check "the command runs before SIG$signal" eventually is_running "$seconds"
+    kill "-$signal" "$pid"
+    wait "$pid" 2>/dev/null || status=$?
+    check_equal "status after SIG$signal" "$expected" "$status"
+    check "no process is left after SIG$signal" eventually not is_running "$seconds"
+    check "no mount is left on the machine" not grep -q private-root /proc/self/mounts
+}
+
+two_run_at_once() {
+    local first
+    "$sandbox" --bind-rw "$work" sh -c "touch /tmp/file '$work/started'; exec sleep 60" &
+    first=$!
+    check "the first private root starts" eventually test -e "$work/started"
+    check "a second one sees nothing of it" "$sandbox" test ! -e /tmp/file
+    check "the first still runs" kill -TERM "$first"
+    wait "$first" 2>/dev/null
+}
+
+outside() {
+    local stage=$1
+    work=$(mktemp -d)
+    mkdir "$work/bin"
+    trap 'rm -rf "$work"' EXIT
+    statuses_pass_through
+    refuses_without_namespaces "fails" 'exit 1'
+    # shellcheck disable=SC2016 # expanded by the script that it becomes
+    refuses_without_namespaces "makes none" 'while [[ $1 != env ]]; do shift; done; exec "$@"'
+    leaves_nothing_after TERM 143
+    leaves_nothing_after KILL 137
+    two_run_at_once
+    exec 9</dev/null
+    OUTSIDE_VARIABLE=seen "$sandbox" --stage "$stage" --bind "$source_dir" -- \
+        sh -c 'cd /proc/self/fd && echo * >/run/descriptors; exec "$@"' sh "$self" --inside || failures=$((failures + 1))
+    exit $((failures > 0))
+}
+
+case ${1:-} in
+    --inside) inside ;;
+    ?*) outside "$1" ;;
+    *) echo "Usage: $0 STAGE" >&2; exit 2 ;;
+esac
