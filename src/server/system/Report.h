@@ -14,8 +14,8 @@ namespace core::system {
 /// \return whether the steps ran to their end
 bool Attempt(const char* function, const std::function<void()>& steps);
 
-/// Cuts a caller's text to what a log record or a reply takes. Text grows when it is escaped or encoded, and
-/// the bus drops a daemon that sends too large a message.
+/// Cuts a caller's text to what a log record, a reply or a file takes. Text grows when it is escaped or
+/// encoded, and the bus drops a daemon that sends too large a message.
 /// \return the first 65,536 characters
 QString Excerpt(const QString& text);
 
