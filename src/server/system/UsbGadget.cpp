@@ -182,7 +182,7 @@ bool Server::ApplyUsbSettings(const QVariantMap& args)
     CreateDirectory(kGadgetDirectory);
     CreateDirectory(kHostDirectory);
     if (hubIdGiven) {
-        WriteHubId(hubId);
+        WriteHubId(Excerpt(hubId)); // so that no caller fills the flash memory
     }
     SetFlagFile(IsSerial(args), kSerialFile);
     SetFlagFile(IsTrue(args, "usbForceFullspeed"), kFullSpeedFile);
