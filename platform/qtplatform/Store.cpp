@@ -133,11 +133,20 @@ bool ReadFormat(QIODevice& /*device*/, QSettings::SettingsMap& /*map*/)
     return true;
 }
 
+/// Brings \a text to the disk. That is checked here because QSettings would replace the store by what little
+/// a full disk has taken: it does not notice a write that stops short, nor a failed flush.
+bool WriteWhole(QFileDevice& file, const QByteArray& text)
+{
+    struct stat status = {};
+    return file.write(text) == text.size() && file.flush() && fdatasync(file.handle()) == 0 &&
+           fstat(file.handle(), &status) == 0 && status.st_size == text.size();
+}
+
 /// Runs while QSettings holds the lock, so the change meets the file as the last writer left it. With false
 /// QSettings discards the new file and keeps the old one.
 bool WriteFormat(QIODevice& device, const QSettings::SettingsMap& /*map*/)
 {
-    const auto* file = qobject_cast<QFileDevice*>(&device);
+    auto* file = qobject_cast<QFileDevice*>(&device);
     if (g_transaction == nullptr || file == nullptr) {
         return false;
     }
@@ -147,8 +156,7 @@ bool WriteFormat(QIODevice& device, const QSettings::SettingsMap& /*map*/)
         return false;
     }
     Alter(content.entries, g_transaction->change);
-    const QByteArray text = FormatStore(content.entries);
-    g_transaction->prepared = device.write(text) == text.size();
+    g_transaction->prepared = WriteWhole(*file, FormatStore(content.entries));
     return g_transaction->prepared;
 }
 

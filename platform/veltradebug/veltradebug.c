@@ -12,8 +12,8 @@
 #include <stdlib.h>
 #include <syslog.h>
 
-static void Send(int priority, const char* category, const char* tag, const char* file,
-                 const char* function, int line, const char* text)
+static void Send(int priority, const char* category, const char* tag, const char* file, const char* function,
+                 int line, const char* text)
 {
     const int level = LOG_PRI(priority);
     if (*file == '\0' && *function == '\0' && line == 0) {
@@ -23,8 +23,8 @@ static void Send(int priority, const char* category, const char* tag, const char
     }
 }
 
-void VLS_PrintLog(int priority, const char* category, const char* tag, const char* file,
-                  const char* function, int line, const char* format, ...)
+void VLS_PrintLog(int priority, const char* category, const char* tag, const char* file, const char* function,
+                  int line, const char* format, ...)
 {
     const int saved = errno;
     char* text = NULL;

@@ -19,9 +19,8 @@ extern "C" {
  * Every pointer must be non-null. Does not fail: a record that cannot be delivered is lost. Keeps errno.
  * May be called from any thread; not from a signal handler.
  */
-void VLS_PrintLog(int priority, const char* category, const char* tag, const char* file,
-                  const char* function, int line, const char* format, ...)
-    __attribute__((format(printf, 7, 8)));
+void VLS_PrintLog(int priority, const char* category, const char* tag, const char* file, const char* function,
+                  int line, const char* format, ...) __attribute__((format(printf, 7, 8)));
 
 #ifdef __cplusplus
 }

@@ -7,9 +7,11 @@
 #include <QSignalSpy>
 #include <QtTest>
 
+#include <csignal>
 #include <memory>
 #include <vector>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -59,6 +61,7 @@ private slots:
     void LosesNothing();
     void StaysWhole();
     void OutlivesOrphanedLock();
+    void ForgetsFailedChange();
 };
 
 void RegistryTest::initTestCase()
@@ -359,6 +362,27 @@ void RegistryTest::OutlivesOrphanedLock()
     QVERIFY(Registry().setValue("a", "2"));
     QVERIFY(!timer.hasExpired(kBound));
     QCOMPARE(Registry().getValue("a"), QVariant("2"));
+}
+
+void RegistryTest::ForgetsFailedChange()
+{
+    constexpr rlim_t kLimit = 4096;
+    rlimit before = {};
+    QCOMPARE(getrlimit(RLIMIT_FSIZE, &before), 0);
+    const rlimit limit = {kLimit, before.rlim_max};
+    QVERIFY(std::signal(SIGXFSZ, SIG_IGN) != SIG_ERR);
+
+    Registry registry;
+    QVERIFY(registry.setValue("a", "1"));
+    QCOMPARE(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    const bool written = registry.setValue("big", QString(2 * kLimit, 'x'));
+    const bool deleted = registry.deleteKey("a");
+    QCOMPARE(setrlimit(RLIMIT_FSIZE, &before), 0);
+
+    QVERIFY(!written);
+    QVERIFY(deleted);
+    QVERIFY(registry.setValue("b", "2"));
+    QVERIFY(Read().endsWith("kept.\nb=2\n"));
 }
 
 int main(int argc, char** argv)

@@ -201,7 +201,7 @@ void ApplicationsTest::SurvivesHostileHomes_data()
     QTest::newRow("deep") << QByteArray("head -c 300000 /dev/zero | sed 's/\\x00/<a>/g' >app.conf");
     QTest::newRow("exploding") << QByteArray(
         R"sh((echo '<!DOCTYPE a [<!ENTITY e "'; head -c 4000 /dev/zero | tr '\0' x; echo '">]><application>';)sh"
-        R"sh( head -c 20000 /dev/zero | sed 's/\x00/\&e;/g'; echo '</application>') >app.conf)sh");
+        R"sh( head -c 340000 /dev/zero | sed 's/\x00/\&e;/g'; echo '</application>') >app.conf)sh");
 }
 
 void ApplicationsTest::SurvivesHostileHomes()

@@ -2,14 +2,17 @@
 
 #include <QDBusInterface>
 #include <QDBusReply>
-#include <QRegularExpression>
 
 using kxtest::ContentOf;
 using kxtest::DaemonFixture;
 
 namespace {
 
-const QString kInterface = QStringLiteral("com.veltrasys.kx.core.Applications");
+/// The interface of the object of that name, "Applications" for example.
+QString InterfaceOf(const QString& object)
+{
+    return "com.veltrasys.kx.core." + object;
+}
 
 /// The interface element of an introspection document, comments included.
 QString InterfaceElement(const QString& xml, const QString& interface)
@@ -19,19 +22,19 @@ QString InterfaceElement(const QString& xml, const QString& interface)
     return begin < 0 ? QString() : xml.mid(begin, xml.indexOf(end, begin) + end.size() - begin);
 }
 
-QString Introspect()
+QString Introspect(const QString& object)
 {
-    QDBusInterface object("com.veltrasys.kx.core", "/Applications", "org.freedesktop.DBus.Introspectable",
-                          QDBusConnection::systemBus());
-    return QDBusReply<QString>(object.call("Introspect")).value();
+    QDBusInterface interface("com.veltrasys.kx.core", '/' + object, "org.freedesktop.DBus.Introspectable",
+                             QDBusConnection::systemBus());
+    return QDBusReply<QString>(interface.call("Introspect")).value();
 }
 
 /// "name kind signature result" of each member that busctl shows for the interface, in its order.
-QStringList MembersShownByBusctl()
+QStringList MembersShownByBusctl(const QString& object)
 {
     QProcess busctl;
     busctl.start("busctl", {"--system", "--no-pager", "--no-legend", "introspect", "com.veltrasys.kx.core",
-                            "/Applications", kInterface});
+                            '/' + object, InterfaceOf(object)});
     busctl.waitForFinished(kxtest::Bound(kxtest::kPatience));
     QStringList members;
     const QStringList lines = QString::fromLocal8Bit(busctl.readAllStandardOutput()).split('\n');
@@ -46,13 +49,15 @@ QStringList MembersShownByBusctl()
 
 } // namespace
 
-/// What the daemon shows of /Applications to a client that knows nothing of it.
+/// What the daemon shows of its objects to a client that knows nothing of them.
 class InterfaceTest : public QObject {
     Q_OBJECT
 
 private slots:
     void initTestCase() { QVERIFY(m_daemon.Start()); }
+    void HasItsMembersOnly_data();
     void HasItsMembersOnly();
+    void IntrospectsAsInstalled_data();
     void IntrospectsAsInstalled();
     void CarriesBothTypeAnnotations();
     void cleanupTestCase() { QCOMPARE(m_daemon.Stop(), 0); }
@@ -61,27 +66,50 @@ private:
     DaemonFixture m_daemon;
 };
 
+void InterfaceTest::HasItsMembersOnly_data()
+{
+    QTest::addColumn<QStringList>("members");
+
+    QTest::newRow("Applications") << QStringList{".Enumerate method - aa{sv}", ".Restart method s -",
+                                                 ".Start method a{sv} a{sv}",  ".Terminate method - -",
+                                                 ".OnStarted signal a{sv} -",  ".OnTerminate signal a{sv} -"};
+    QTest::newRow("System") << QStringList{".SystemCall method ia{sv} a{sv}"};
+    QTest::newRow("Tools") << QStringList{".EnableAudiopayd method b -",     ".IsAudiopaydEnabled method - b",
+                                          ".ResetTimeInfoSource method - i", ".SaveVariableValue method ss i",
+                                          ".SetSystemTime method s i",       ".SetTimeInfo method sss i",
+                                          ".SetTimeZone method s i",         ".TimeInfoChanged signal sss -"};
+}
+
 void InterfaceTest::HasItsMembersOnly()
 {
-    QCOMPARE(
-        MembersShownByBusctl(),
-        (QStringList{".Enumerate method - aa{sv}", ".Restart method s -", ".Start method a{sv} a{sv}",
-                     ".Terminate method - -", ".OnStarted signal a{sv} -", ".OnTerminate signal a{sv} -"}));
+    QTEST(MembersShownByBusctl(QTest::currentDataTag()), "members");
+}
+
+void InterfaceTest::IntrospectsAsInstalled_data()
+{
+    QTest::addColumn<bool>("documented");
+
+    QTest::newRow("Applications") << true;
+    QTest::newRow("System") << true;
+    QTest::newRow("Tools") << false;
 }
 
 void InterfaceTest::IntrospectsAsInstalled()
 {
+    const QString object = QTest::currentDataTag();
+    const QString interface = InterfaceOf(object);
     const QString installed =
-        QString::fromUtf8(ContentOf(QStringLiteral("/usr/share/dbus-1/interfaces/%1.xml").arg(kInterface)));
-    const QString element = InterfaceElement(installed, kInterface);
-    QVERIFY(element.contains("<!--"));
-    QCOMPARE(InterfaceElement(Introspect(), kInterface), element);
+        QString::fromUtf8(ContentOf(QStringLiteral("/usr/share/dbus-1/interfaces/%1.xml").arg(interface)));
+    const QString element = InterfaceElement(installed, interface);
+    QVERIFY(element.contains("<method "));
+    QTEST(element.contains("<!--"), "documented");
+    QCOMPARE(InterfaceElement(Introspect(object), interface), element);
 }
 
 void InterfaceTest::CarriesBothTypeAnnotations()
 {
     // One for the result of Enumerate; for Start, request and result; for a signal, both spellings.
-    const QString xml = InterfaceElement(Introspect(), kInterface);
+    const QString xml = InterfaceElement(Introspect("Applications"), InterfaceOf("Applications"));
     for (const char* name : {"com.trolltech.QtDBus.QtTypeName", "org.qtproject.QtDBus.QtTypeName"}) {
         for (const char* value : {"QVariantMap", "QList&lt;QVariantMap&gt;"}) {
             const QString annotation = QStringLiteral("<annotation name=\"%1.Out0\" value=\"%2\"/>")

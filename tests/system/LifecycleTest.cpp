@@ -72,8 +72,10 @@ void LifecycleTest::FailsToStart_data()
     QTest::newRow("daemon") << "daemon"
                             << "--any" << 1 << "Cannot daemonize process";
     QTest::newRow("name") << "registerService" << kForeground << 2 << "Can't register service";
-    QTest::newRow("object") << "registerObject:/Applications" << kForeground << 3
-                            << "Can't register object /Applications";
+    for (const char* object : {"/Applications", "/System", "/Tools"}) {
+        QTest::newRow(object) << QString("registerObject:") + object << kForeground << 3
+                              << QString("Can't register object ") + object;
+    }
     QTest::newRow("exception") << "throw" << kForeground << 4 << "Unexpected exception";
 }
 

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "LogTail.h"
+#include "Processes.h"
+#include "Screen.h"
+#include "Terminal.h"
+
+// Drives the terminal through its main jobs and checks what comes of each.
+class Checks {
+public:
+    Checks(Terminal& terminal, Screen& screen, const LogTail& log);
+
+    // All steps in order, up to the first one with a check that does not hold; the screen tells which. True
+    // when every check held.
+    bool Run();
+
+private:
+    // The steps; each is one line of the table in Run.
+    void Boots();
+    void FindsApplications();
+    void RunsBootPrograms();
+    void ShowsFirstPage();
+    void ReportsMistakes();
+    void ServesPrograms();
+    void StartsProgram();
+    void RefusesProgram();
+    void TerminatesApplications();
+    void StartsOver();
+    void Restarts();
+
+    void Conclude();
+    // Reports the outcome; the detail is shown when the check did not hold.
+    void Expect(bool holds, const QString& what, const QString& detail = QString());
+    void ExpectRunning(const QString& user, const QString& command);
+    void ExpectLogged(const QString& what, const QString& text);
+    void ExpectNoApplicationProcess();
+
+    Terminal& m_terminal;
+    Screen& m_screen;
+    const LogTail& m_log;
+    int m_checks = 0;
+    int m_failures = 0;
+};

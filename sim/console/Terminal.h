@@ -1,0 +1,68 @@
+// The terminal as its clients see it: the core daemon, the browser and the web server.
+#pragma once
+
+#include "ApplicationsProxy.h"
+#include "WebBrowserProxy.h"
+
+#include <QNetworkAccessManager>
+#include <QObject>
+#include <QVariantMap>
+
+#include <functional>
+
+// Serves events until the condition holds; false when it does not within the limit.
+bool WaitFor(const std::function<bool()>& condition, int limitMs = 10000);
+
+// What the web server answered; the status is 0 when it did not.
+struct WebAnswer {
+    int status;
+    QByteArray body;
+};
+
+class Terminal : public QObject {
+    Q_OBJECT
+
+public:
+    // Waits until the daemon and the browser have come onto the bus, ten seconds at most for each.
+    explicit Terminal(QObject* parent = nullptr);
+
+    // Whether the daemon offers its applications, and whether the browser is on the bus.
+    bool HasCore();
+    bool HasBrowser() const { return m_browser.isValid(); }
+
+    // The methods of /Applications. One that fails on the bus returns an empty value and leaves its error
+    // here.
+    QList<QVariantMap> Enumerate();
+    QVariantMap Start(const QVariantMap& request);
+    bool Terminate();
+    bool Restart();
+    QString LastError() const { return m_lastError; }
+
+    // The browser's page: "url", "application", "title"; empty when there is no browser.
+    QVariantMap CurrentPage();
+
+    // Asks the web server with GET, or with POST when there is form data.
+    WebAnswer Fetch(const QString& path, const QByteArray& form = QByteArray());
+
+    // How often the daemon has signalled so, and how often a page was loaded with success.
+    int StartedCount() const { return m_started; }
+    int TerminatedCount() const { return m_terminated; }
+    int LoadedCount() const { return m_loaded; }
+
+signals:
+    void PageShown(const QVariantMap& page);
+    void PageFailed();
+
+private:
+    template<typename Reply>
+    bool Await(const Reply& reply);
+    void OnLoadCompleted(bool success);
+
+    ApplicationsProxy m_core;
+    WebBrowserProxy m_browser;
+    QNetworkAccessManager m_network;
+    QString m_lastError;
+    int m_started = 0;
+    int m_terminated = 0;
+    int m_loaded = 0;
+};
