@@ -182,7 +182,7 @@ bool Server::ApplyUsbSettings(const QVariantMap& args)
     CreateDirectory(kGadgetDirectory);
     CreateDirectory(kHostDirectory);
     if (hubIdGiven) {
-        WriteHubId(Excerpt(hubId)); // so that no caller fills the flash memory
+        WriteHubId(hubId);
     }
     SetFlagFile(IsSerial(args), kSerialFile);
     SetFlagFile(IsTrue(args, "usbForceFullspeed"), kFullSpeedFile);
