@@ -41,7 +41,7 @@ QString ServiceName()
 
 QDBusConnection Bus()
 {
-    const QDBusConnection bus = QDBusConnection::systemBus();
+    QDBusConnection bus = QDBusConnection::systemBus();
     if (!bus.isConnected()) {
         throw Failure(Unreachable, "cannot reach the system bus: " + bus.lastError().message());
     }
