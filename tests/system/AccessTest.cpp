@@ -138,6 +138,17 @@ private:
     bool m_heard = false;
 };
 
+/// Counts the browser's reports of loaded pages, whoever sends them.
+class Counter : public QObject {
+    Q_OBJECT
+
+public:
+    int count = 0;
+
+public slots:
+    void Count() { ++count; }
+};
+
 QString Act(const QStringList& arguments)
 {
     if (arguments.first() == "own") {
@@ -196,6 +207,7 @@ private slots:
     void LossOfTheBusCannotBeForged();
     void EverybodyHearsSignals();
     void OnlyRootOwnsTheName();
+    void DaemonHearsTheBrowser();
     void MissingGroupsLetNobodyIn();
 
 private:
@@ -289,6 +301,28 @@ void AccessTest::OnlyRootOwnsTheName()
     for (const QString& account : kAccounts) {
         QCOMPARE(RunAs(account, {"own"}), account == "root" ? kAllowed : kRefused);
     }
+    QVERIFY(m_daemon.Start());
+}
+
+void AccessTest::DaemonHearsTheBrowser()
+{
+    // In the daemon's place, since it does not tell what it hears.
+    QCOMPARE(m_daemon.Stop(), 0);
+    QDBusConnection bus = QDBusConnection::systemBus();
+    QVERIFY(bus.registerService(kService));
+    Counter loaded;
+    QVERIFY(
+        bus.connect(QString(), "/", "com.veltrasys.browser.Server", "loadCompleted", &loaded, SLOT(Count())));
+    bus.interface()->isServiceRegistered(kService); // the bus knows the rule before it answers
+    const QStringList send{"--reuid",       "guest",     "--regid",  "guest",
+                           "--init-groups", "dbus-send", "--system", "--type=signal"};
+    const QStringList signal{"/", "com.veltrasys.browser.Server.loadCompleted", "boolean:true"};
+    // Only to the daemon, which is refused, then to everybody: were both let through, both would be here.
+    QCOMPARE(QProcess::execute("setpriv", send + QStringList{"--dest=" + kService} + signal), 0);
+    QCOMPARE(QProcess::execute("setpriv", send + signal), 0);
+    KX_TRY_VERIFY(loaded.count > 0);
+    QCOMPARE(loaded.count, 1);
+    QVERIFY(bus.unregisterService(kService));
     QVERIFY(m_daemon.Start());
 }
 
