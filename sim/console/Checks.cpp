@@ -1,9 +1,9 @@
 #include "Checks.h"
 
+#include "Files.h"
 #include "Views.h"
 
 #include <QElapsedTimer>
-#include <QFile>
 
 #include <algorithm>
 #include <array>
@@ -52,12 +52,6 @@ QString ErrorText(const QVariantMap& result)
     return result.value(QStringLiteral("errorText")).toString();
 }
 
-QString Contents(const char* path)
-{
-    QFile file(QString::fromLatin1(path));
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-}
-
 bool IsRunning(const QString& user, const QString& command)
 {
     const auto processes = ListProcesses();
@@ -84,7 +78,7 @@ bool Checks::Run()
         const char* title;
         void (Checks::*run)();
     };
-    static constexpr std::array<Step, 11> steps = {
+    static constexpr std::array<Step, 15> steps = {
         {{"The terminal boots", &Checks::Boots},
          {"The installed applications are found", &Checks::FindsApplications},
          {"Programs are run on boot, each under its application's account", &Checks::RunsBootPrograms},
@@ -93,6 +87,10 @@ bool Checks::Run()
          {"Applications answer through the web server", &Checks::ServesPrograms},
          {"A program is started on request", &Checks::StartsProgram},
          {"A program outside of its application is not started", &Checks::RefusesProgram},
+         {"A time zone is set", &Checks::SetsTimeZone},
+         {"A variable is saved", &Checks::SavesVariable},
+         {"The USB port becomes a serial port", &Checks::SwitchesUsbMode},
+         {"A registry key is changed", &Checks::ChangesRegistry},
          {"All applications are terminated, a stubborn one too", &Checks::TerminatesApplications},
          {"The applications are started over", &Checks::StartsOver},
          {"The terminal is restarted", &Checks::Restarts}}};
@@ -130,6 +128,11 @@ void Checks::Expect(bool holds, const QString& what, const QString& detail)
     m_screen.Line(
         m_screen.Styled(Style::Bad, QStringLiteral("  FAIL  ")) + what +
         (detail.isEmpty() ? QString() : QStringLiteral(": ") + detail.simplified().left(kDetailLength)));
+}
+
+void Checks::Show(const QString& name, const QString& value)
+{
+    m_screen.Line(QStringLiteral("  ") + m_screen.Styled(Style::Name, name) + QStringLiteral("  ") + value);
 }
 
 void Checks::ExpectRunning(const QString& user, const QString& command)

@@ -24,6 +24,10 @@ private:
     void ServesPrograms();
     void StartsProgram();
     void RefusesProgram();
+    void SetsTimeZone();
+    void SavesVariable();
+    void SwitchesUsbMode();
+    void ChangesRegistry();
     void TerminatesApplications();
     void StartsOver();
     void Restarts();
@@ -31,6 +35,8 @@ private:
     void Conclude();
     // Reports the outcome; the detail is shown when the check did not hold.
     void Expect(bool holds, const QString& what, const QString& detail = QString());
+    // A line with what was found, for the reader.
+    void Show(const QString& name, const QString& value);
     void ExpectRunning(const QString& user, const QString& command);
     void ExpectLogged(const QString& what, const QString& text);
     void ExpectNoApplicationProcess();

@@ -2,6 +2,8 @@
 #pragma once
 
 #include "ApplicationsProxy.h"
+#include "SystemProxy.h"
+#include "ToolsProxy.h"
 #include "WebBrowserProxy.h"
 
 #include <QNetworkAccessManager>
@@ -36,6 +38,11 @@ public:
     QVariantMap Start(const QVariantMap& request);
     bool Terminate();
     bool Restart();
+    // The methods of /System and /Tools. One that fails on the bus returns an empty map, or kNoAnswer.
+    static constexpr int kNoAnswer = -100;
+    QVariantMap CallSystem(int methodId, const QVariantMap& arguments);
+    int SetTimeZone(const QString& zone);
+    int SaveVariable(const QString& name, const QString& value);
     QString LastError() const { return m_lastError; }
 
     // The browser's page: "url", "application", "title"; empty when there is no browser.
@@ -48,6 +55,7 @@ public:
     int StartedCount() const { return m_started; }
     int TerminatedCount() const { return m_terminated; }
     int LoadedCount() const { return m_loaded; }
+    int TimeInfoCount() const { return m_timeInfo; }
 
 signals:
     void PageShown(const QVariantMap& page);
@@ -59,10 +67,13 @@ private:
     void OnLoadCompleted(bool success);
 
     ApplicationsProxy m_core;
+    SystemProxy m_system;
+    ToolsProxy m_tools;
     WebBrowserProxy m_browser;
     QNetworkAccessManager m_network;
     QString m_lastError;
     int m_started = 0;
     int m_terminated = 0;
     int m_loaded = 0;
+    int m_timeInfo = 0;
 };
