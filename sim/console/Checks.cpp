@@ -68,8 +68,8 @@ bool HasApplicationProcess()
 
 } // namespace
 
-Checks::Checks(Terminal& terminal, Screen& screen, const LogTail& log)
-    : m_terminal(terminal), m_screen(screen), m_log(log)
+Checks::Checks(Terminal& terminal, Screen& screen, const LogTail& log, QString pictures)
+    : m_terminal(terminal), m_screen(screen), m_log(log), m_pictures(std::move(pictures))
 {}
 
 bool Checks::Run()
@@ -78,13 +78,16 @@ bool Checks::Run()
         const char* title;
         void (Checks::*run)();
     };
-    static constexpr std::array<Step, 15> steps = {
+    static constexpr std::array<Step, 18> steps = {
         {{"The terminal boots", &Checks::Boots},
          {"The installed applications are found", &Checks::FindsApplications},
          {"Programs are run on boot, each under its application's account", &Checks::RunsBootPrograms},
          {"The desktop is shown", &Checks::ShowsFirstPage},
          {"Mistakes in an application's description are reported", &Checks::ReportsMistakes},
          {"Applications answer through the web server", &Checks::ServesPrograms},
+         {"A payment is made on the screen", &Checks::PaysOnScreen},
+         {"The shop's page follows the basket", &Checks::ShopsOnScreen},
+         {"Configuration, status and the page without applications", &Checks::ShowsOtherPages},
          {"A program is started on request", &Checks::StartsProgram},
          {"A program outside of its application is not started", &Checks::RefusesProgram},
          {"A time zone is set", &Checks::SetsTimeZone},
@@ -97,6 +100,7 @@ bool Checks::Run()
     for (const Step& step : steps) {
         m_screen.Heading(QString::fromLatin1(step.title));
         (this->*step.run)();
+        Photograph(QString::fromLatin1(step.title));
         // What follows builds on it.
         if (m_failures > 0) {
             break;

@@ -115,6 +115,38 @@ int Terminal::SaveVariable(const QString& name, const QString& value)
     return Await(reply) ? reply.value() : kNoAnswer;
 }
 
+bool Terminal::AskDesk(const char* method, const QString& argument)
+{
+    auto request = QDBusMessage::createMethodCall(QString::fromLatin1(kBrowser), QStringLiteral("/Desk"),
+                                                  QStringLiteral("com.veltrasys.browser.Desk"),
+                                                  QString::fromLatin1(method));
+    request.setArguments({argument});
+    const QDBusPendingReply<bool> reply = QDBusConnection::systemBus().asyncCall(request);
+    return Await(reply) && reply.value();
+}
+
+bool Terminal::Touch(const QString& selector)
+{
+    return AskDesk("Touch", selector);
+}
+
+bool Terminal::Photograph(const QString& file)
+{
+    return AskDesk("Screenshot", file);
+}
+
+bool Terminal::ShowPage(const QString& path)
+{
+    const auto reply = m_browser.ShowPage(QStringLiteral("http://localhost") + path);
+    return Await(reply) && reply.value() == 0;
+}
+
+QString Terminal::PageSource()
+{
+    const auto reply = m_browser.QueryPage();
+    return Await(reply) ? reply.value() : QString();
+}
+
 QVariantMap Terminal::CurrentPage()
 {
     const auto reply = m_browser.GetUrl();

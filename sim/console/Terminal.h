@@ -45,6 +45,14 @@ public:
     int SaveVariable(const QString& name, const QString& value);
     QString LastError() const { return m_lastError; }
 
+    // What the person in front of the screen does: a touch on what a CSS selector finds, and a picture of the
+    // screen into a PNG file. False when there is nothing to touch, or no picture.
+    bool Touch(const QString& selector);
+    bool Photograph(const QString& file);
+    bool ShowPage(const QString& path);
+    // The page on the screen as HTML.
+    QString PageSource();
+
     // The browser's page: "url", "application", "title"; empty when there is no browser.
     QVariantMap CurrentPage();
 
@@ -64,6 +72,7 @@ signals:
 private:
     template<typename Reply>
     bool Await(const Reply& reply);
+    bool AskDesk(const char* method, const QString& argument);
     void OnLoadCompleted(bool success);
 
     ApplicationsProxy m_core;
