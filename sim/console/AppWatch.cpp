@@ -46,15 +46,19 @@ void AppWatch::Watch()
     while (entries.hasNext()) {
         paths.append(entries.next());
     }
-    m_watcher.removePaths(m_watcher.files() + m_watcher.directories());
+    const QStringList watched = m_watcher.files() + m_watcher.directories();
+    if (!watched.isEmpty()) {
+        m_watcher.removePaths(watched);
+    }
     m_watcher.addPaths(paths);
 }
 
 void AppWatch::Check()
 {
+    // The home and not the directory itself, since the account that owns it is looked at too.
+    const QString home = QStringLiteral("/home/") + m_directory.section(QLatin1Char('/'), -1);
     int status = 0;
-    const QStringList problems =
-        OutputOf(QStringLiteral("kxctl"), {QStringLiteral("check"), m_directory}, &status);
+    const QStringList problems = OutputOf(QStringLiteral("kxctl"), {QStringLiteral("check"), home}, &status);
     m_screen.Heading(QStringLiteral("Your application"));
     for (const QString& line : problems) {
         m_screen.Line(m_screen.Styled(status == 0 ? Style::Good : Style::Bad, QStringLiteral("  ") + line));

@@ -87,7 +87,7 @@ bool Checks::Run()
          {"Applications answer through the web server", &Checks::ServesPrograms},
          {"A payment is made on the screen", &Checks::PaysOnScreen},
          {"The shop's page follows the basket", &Checks::ShopsOnScreen},
-         {"Configuration, status and the page without applications", &Checks::ShowsOtherPages},
+         {"Every other page is shown", &Checks::ShowsOtherPages},
          {"A program is started on request", &Checks::StartsProgram},
          {"A program outside of its application is not started", &Checks::RefusesProgram},
          {"A time zone is set", &Checks::SetsTimeZone},
