@@ -3,6 +3,8 @@
 #include "Processes.h"
 #include "Views.h"
 
+#include <QProcess>
+
 namespace {
 
 constexpr int kLogLines = 20;
@@ -33,6 +35,16 @@ Prompt::Prompt(Terminal& terminal, Screen& screen, const LogTail& log, QObject* 
     connect(&m_editor, &LineEditor::Closed, this, &Prompt::Quit);
 }
 
+Prompt::~Prompt()
+{
+    const auto running = findChildren<QProcess*>();
+    for (QProcess* process : running) {
+        process->disconnect(this);
+        process->kill();
+        process->waitForFinished();
+    }
+}
+
 void Prompt::Execute(const QString& line)
 {
     const QStringList words = line.split(QLatin1Char(' '), Qt::SkipEmptyParts);
@@ -45,7 +57,27 @@ void Prompt::Execute(const QString& line)
             return;
         }
     }
-    Report(false, QStringLiteral("There is no command \"%1\"; try help.").arg(words.first()));
+    RunInShell(line);
+}
+
+void Prompt::RunInShell(const QString& line)
+{
+    auto* const process = new QProcess(this);
+    process->setProcessChannelMode(QProcess::MergedChannels);
+    process->setStandardInputFile(QProcess::nullDevice());
+    connect(process, &QProcess::readyRead, this, [this, process] {
+        while (process->canReadLine()) {
+            m_screen.Line(QStringLiteral("  ") + QString::fromUtf8(process->readLine()).chopped(1));
+        }
+    });
+    connect(process, qOverload<int, QProcess::ExitStatus>(&QProcess::finished), this,
+            [this, process](int status) {
+                if (status != 0) {
+                    Report(false, QStringLiteral("exit status %1").arg(status));
+                }
+                process->deleteLater();
+            });
+    process->start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), line});
 }
 
 void Prompt::Report(bool success, const QString& text)
@@ -60,6 +92,8 @@ void Prompt::Help(const QStringList&)
         rows.append({QLatin1String(command.name), QLatin1String(command.arguments),
                      QLatin1String(command.description)});
     }
+    rows.append({QStringLiteral("..."), QString(),
+                 QStringLiteral("anything else runs in the terminal's shell: kxctl, busctl, ls")});
     m_screen.Table({QStringLiteral("command"), QString(), QString()}, rows);
 }
 

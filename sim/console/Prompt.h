@@ -10,6 +10,7 @@ class Prompt : public QObject {
 
 public:
     Prompt(Terminal& terminal, Screen& screen, const LogTail& log, QObject* parent = nullptr);
+    ~Prompt() override; ///< ends what the shell still runs
 
 signals:
     void Quit();
@@ -24,6 +25,8 @@ private:
     static const QList<Command>& Commands();
 
     void Execute(const QString& line);
+    /// Shows what the command line prints, as it comes; the prompt does not wait for it.
+    void RunInShell(const QString& line);
     void Help(const QStringList& words);
     void Apps(const QStringList& words);
     void Processes(const QStringList& words);
