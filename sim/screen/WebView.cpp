@@ -2,11 +2,12 @@
 
 #include <QFile>
 #include <QJsonDocument>
-#include <QTimer>
 #include <QWebEnginePage>
 #include <QWebEngineScript>
 #include <QWebEngineScriptCollection>
 #include <QWebEngineSettings>
+
+#include <utility>
 
 namespace {
 
@@ -34,6 +35,8 @@ WebView::WebView(QWidget* parent) : QWebEngineView(parent)
     m_channel.registerObject(QStringLiteral("bridge"), &m_bridge);
     page()->setWebChannel(&m_channel);
     connect(&m_bridge, &Bridge::Told, this, &WebView::OnTold);
+    // A page that was left does not answer any more; the next one is asked.
+    connect(this, &QWebEngineView::loadFinished, this, &WebView::AskWhetherPainted);
     settings()->setAttribute(QWebEngineSettings::ShowScrollBars, false);
     settings()->setAttribute(QWebEngineSettings::PlaybackRequiresUserGesture, false);
     settings()->setAttribute(QWebEngineSettings::ErrorPageEnabled, true);
@@ -64,10 +67,18 @@ void WebView::Call(const QString& function, const QString& arguments, const std:
 void WebView::Grab(const std::function<void(const QPixmap&)>& done)
 {
     m_grabs.append(done);
+    AskWhetherPainted();
+}
+
+void WebView::AskWhetherPainted()
+{
+    if (m_grabs.isEmpty()) {
+        return;
+    }
     const QString ask = QStringLiteral("window.kxScreen !== undefined && (kxScreen.painted(), true)");
     page()->runJavaScript(ask, [this](const QVariant& asked) {
         if (!asked.toBool()) {
-            m_grabs.takeLast()(QPixmap());
+            FinishGrabs(QPixmap());
         }
     });
 }
@@ -83,7 +94,12 @@ void WebView::OnTold(const QString& name, const QVariantMap& eventData)
         emit PageEvent(name, eventData);
         return;
     }
+    FinishGrabs(grab());
+}
+
+void WebView::FinishGrabs(const QPixmap& picture)
+{
     for (const auto& done : std::exchange(m_grabs, {})) {
-        done(grab());
+        done(picture);
     }
 }

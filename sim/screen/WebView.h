@@ -37,6 +37,7 @@ public:
     void Call(const QString& function, const QString& arguments, const std::function<void(bool)>& done);
 
     // Grabs the view once the page's present state is painted; a picture without size when there is no page.
+    // While a page is being loaded it may be that one.
     void Grab(const std::function<void(const QPixmap&)>& done);
 
 signals:
@@ -48,6 +49,8 @@ protected:
     QWebEngineView* createWindow(QWebEnginePage::WebWindowType type) override;
 
 private:
+    void AskWhetherPainted();
+    void FinishGrabs(const QPixmap& picture);
     void OnTold(const QString& name, const QVariantMap& eventData);
 
     Bridge m_bridge;

@@ -125,6 +125,17 @@ statuses_pass_through() {
     check_equal "input and output pass through" "text" "$(echo text | "$sandbox" --no-bus cat)"
 }
 
+shows_directories_elsewhere() {
+    local script="cat /mnt/a/file; touch /mnt/a/new 2>/dev/null || echo refused; touch /mnt/b/new"
+    mkdir "$work/shown"
+    echo text >"$work/shown/file"
+    check_equal "a directory is read-only at its place" "text refused" \
+        "$("$sandbox" --no-bus --mount /mnt/a "$work/shown" --mount-rw /mnt/b "$work/shown" sh -c "$script" | xargs)"
+    check "and writable where that was asked for" test -e "$work/shown/new"
+    check_equal "no place outside of /mnt and /tmp" 125 \
+        "$(status_of "$sandbox" --mount /etc/passwd "$work/shown" true)"
+}
+
 # The command would leave a file in the work directory; unshare is replaced by the given script.
 refuses_without_namespaces() {
     printf '#!/bin/bash\n%s\n' "$2" >"$work/bin/unshare"
@@ -168,6 +179,7 @@ outside() {
     mkdir "$work/bin"
     trap 'rm -rf "$work"' EXIT
     statuses_pass_through
+    shows_directories_elsewhere
     refuses_without_namespaces "fails" 'exit 1'
     # shellcheck disable=SC2016 # expanded by the script that it becomes
     refuses_without_namespaces "makes none" 'while [[ $1 != env ]]; do shift; done; exec "$@"'
