@@ -72,7 +72,7 @@ int Serve()
     if (!RegisterObject(bus, "/System", systemServer)) {
         return NoObject;
     }
-    core::tools::Server toolsServer(nullptr);
+    core::tools::Server toolsServer;
     new ToolsAdaptor(&toolsServer);
     if (!RegisterObject(bus, "/Tools", toolsServer)) {
         return NoObject;
