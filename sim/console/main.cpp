@@ -89,7 +89,9 @@ int main(int argc, char* argv[])
     const LogTail log;
     const bool once = QCoreApplication::arguments().contains(QStringLiteral("--once"));
     (once ? ShowNewRecords : ShowRecords)(log, screen);
-    screen.Heading(QStringLiteral("Boot"));
+    if (!once) {
+        screen.Heading(QStringLiteral("Boot"));
+    }
     Terminal terminal;
     ShowPages(terminal, screen);
     if (once) {

@@ -173,6 +173,12 @@ int ExecShell(const char* command)
     return static_cast<int>((static_cast<unsigned>(rc) >> 8U) & 0xFFU);
 }
 
+QString Excerpt(const QString& text)
+{
+    constexpr int kLength = 65'536;
+    return text.left(kLength);
+}
+
 void Pause(std::chrono::milliseconds duration)
 {
     constexpr long kNanosecondsPerSecond = 1'000'000'000;

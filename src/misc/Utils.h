@@ -47,6 +47,11 @@ extern volatile std::sig_atomic_t g_ignore_sigChld;
 /// \return the exit status, 0 to 255 (255 also when no shell could be started)
 int ExecShell(const char* command);
 
+/// Cuts a caller's text to what a log record or a reply takes. Text grows when it is escaped or encoded, and
+/// the bus drops a daemon that sends too large a message.
+/// \return the first 65,536 characters
+QString Excerpt(const QString& text);
+
 /// Blocks for the whole \a duration, also when signals arrive meanwhile.
 void Pause(std::chrono::milliseconds duration);
 

@@ -2,7 +2,6 @@
 
 #include <QDBusInterface>
 #include <QDBusReply>
-#include <QRegularExpression>
 
 using kxtest::ContentOf;
 using kxtest::DaemonFixture;

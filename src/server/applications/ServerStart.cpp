@@ -104,7 +104,7 @@ QVariantMap Server::StartApplicationBinary(const QString& application, const QSt
                                            const QString& params)
 {
     QVariantMap result{{QStringLiteral("errorCode"), -1}};
-    const QString failure = LaunchBinary(application, binary, params);
+    const QString failure = Misc::Excerpt(LaunchBinary(application, binary, params));
     if (failure.isEmpty()) {
         result.insert(QStringLiteral("errorCode"), 0);
     } else {

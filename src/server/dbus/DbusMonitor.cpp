@@ -4,9 +4,11 @@
 #include "misc/UniqueFd.h"
 #include "misc/Utils.h"
 
+#include <QByteArray>
 #include <QDBusConnection>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <utmp.h>
 
 #include <cstring>
@@ -59,7 +61,12 @@ void DBusMonitor::SavePoweroffRecord()
     std::strncpy(record.ut_user, "poweroff", sizeof(record.ut_user));
     record.ut_tv.tv_sec = static_cast<decltype(record.ut_tv.tv_sec)>(std::time(nullptr));
 
-    // updwtmp appends to a file that exists; the volatile file system starts without one.
-    const UniqueFd created(open(kAccountingFile, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
-    updwtmp(kAccountingFile, &record);
+    // updwtmp appends to a file that exists; the volatile file system starts without one. An application may
+    // have put a link or a FIFO there, so the record goes to what has been opened and examined.
+    const UniqueFd file(
+        open(kAccountingFile, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
+    struct stat info = {};
+    if (file && fstat(file.Get(), &info) == 0 && S_ISREG(info.st_mode)) {
+        updwtmp(QByteArray("/proc/self/fd/" + QByteArray::number(file.Get())).constData(), &record);
+    }
 }

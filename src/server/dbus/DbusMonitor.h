@@ -17,7 +17,7 @@ public:
     static bool CheckIfAllowedToReboot();
 
     /// Appends a record with the user "poweroff" to the login accounting file /tmp/wtmp, creating the file
-    /// (0644) when it is missing. A failure is ignored.
+    /// (0644) when it is missing. A failure is ignored; something other than a regular file counts as one.
     static void SavePoweroffRecord();
 
 public slots:

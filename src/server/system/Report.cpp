@@ -1,6 +1,7 @@
 #include "server/system/Report.h"
 
 #include "misc/Log.h"
+#include "misc/Utils.h"
 
 #include <exception>
 
@@ -10,7 +11,6 @@ namespace core::system {
 namespace {
 
 constexpr auto kSource = "/pkgs/kx-core/src/server/system/Server";
-constexpr int kExcerptLength = 65'536;
 
 } // namespace
 
@@ -27,14 +27,9 @@ bool Attempt(const char* function, const std::function<void()>& steps)
     return false;
 }
 
-QString Excerpt(const QString& text)
-{
-    return text.left(kExcerptLength);
-}
-
 std::string ExcerptOf(const QString& text)
 {
-    return Excerpt(text).toStdString();
+    return Misc::Excerpt(text).toStdString();
 }
 
 } // namespace core::system

@@ -14,12 +14,7 @@ namespace core::system {
 /// \return whether the steps ran to their end
 bool Attempt(const char* function, const std::function<void()>& steps);
 
-/// Cuts a caller's text to what a log record or a reply takes. Text grows when it is escaped or encoded, and
-/// the bus drops a daemon that sends too large a message.
-/// \return the first 65,536 characters
-QString Excerpt(const QString& text);
-
-/// \return the same as 8-bit text, UTF-8
+/// \return what Misc::Excerpt leaves of a caller's text, as 8-bit text, UTF-8
 std::string ExcerptOf(const QString& text);
 
 } // namespace core::system

@@ -157,7 +157,7 @@ int Server::DoLogData(const QVariantMap& args)
     if (text.isEmpty()) {
         return -1;
     }
-    qInfo() << KX_PREFIX(kSource) << Excerpt(text);
+    qInfo() << KX_PREFIX(kSource) << Misc::Excerpt(text);
     return 0;
 }
 

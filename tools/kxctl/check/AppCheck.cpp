@@ -3,6 +3,7 @@
 #include "ElementCheck.h"
 #include "XmlDiagnosis.h"
 #include "server/applications/appconf/AppConfigParser.h"
+#include "server/applications/appconf/XmlLimits.h"
 #include "server/applications/appconf/XmlReader.h"
 
 #include <QDir>

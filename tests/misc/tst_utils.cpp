@@ -1,0 +1,242 @@
+#include "misc/Utils.h"
+
+#include "FailingCall.h"
+#include "Files.h"
+#include "Fixture.h"
+#include "Processes.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+
+namespace {
+
+constexpr auto kRpmLock = "/var/lib/rpm/.rpm.lock";
+constexpr auto kInstallerLock = "/var/lib/installer/database/.rpm.lock";
+
+timespec ChangedAt(const char* path)
+{
+    struct stat info = {};
+    lstat(path, &info);
+    return info.st_ctim;
+}
+
+} // namespace
+
+class UtilsTest : public Fixture {
+    Q_OBJECT
+
+private slots:
+    void init()
+    {
+        Fixture::init();
+        RemoveAll("/tmp/t");
+        MakeDirectory("/tmp/t");
+        WriteFile("/tmp/t/file");
+    }
+
+    void NormalizesPaths_data()
+    {
+        Columns<QString, QString>("path", "normalized");
+        Row("empty", "", "");
+        Row("./", "./a/../b", "/home/App/b");
+        Row("~/", "~/x", "/home/App/x");
+        Row("other home", "~x", "/home/App/~x");
+        Row("absolute", "/etc//x/.", "/etc/x");
+        Row("relative", "a//b/.", "/home/App/a/b");
+        Row("leaving", "../Other/x", "/home/Other/x");
+        Row("hidden", ".hidden%1", "/home/App/.hidden%1");
+    }
+
+    void NormalizesPaths()
+    {
+        QFETCH(QString, path);
+        QTEST(FileSystem::NormalizeFilePath(path, "/home/App"), "normalized");
+    }
+
+    void CreateSymlinkReplacesWhatItCan()
+    {
+        MakeDirectory("/tmp/t/directory");
+        MakeLink("/tmp/t/other", "/tmp/t/link");
+        for (const char* path : {"/tmp/t/new", "/tmp/t/link", "/tmp/t/file"}) {
+            QVERIFY(FileSystem::CreateSymlink("/tmp/t/target", path));
+            QCOMPARE(QFile::symLinkTarget(path), QStringLiteral("/tmp/t/target"));
+        }
+        const timespec before = ChangedAt("/tmp/t/link");
+        QVERIFY(FileSystem::CreateSymlink("/tmp/t/target", "/tmp/t/link"));
+        QCOMPARE(ChangedAt("/tmp/t/link").tv_nsec, before.tv_nsec);
+        QVERIFY(!FileSystem::CreateSymlink("/tmp/t/target", "/tmp/t/directory"));
+        QVERIFY(!FileSystem::CreateSymlink("/tmp/t/target", "/tmp/t/none/link"));
+    }
+
+    void RemovesAnythingButWhatLinksPointTo()
+    {
+        WriteFile("/tmp/t/outside/file");
+        WriteFile("/tmp/t/tree/.hidden/deep/file");
+        WriteFile("/tmp/t/tree/file", {}, 4002, 4002, 0);
+        QCOMPARE(mkfifo("/tmp/t/tree/fifo", 0600), 0);
+        for (const QString dir : {"/tmp/t/", "/tmp/t/tree/"}) {
+            MakeLink("/tmp/t/outside", dir + "link");
+            MakeLink("/tmp/t/none", dir + "dangling");
+        }
+        for (const char* path :
+             {"/tmp/t/tree", "/tmp/t/link", "/tmp/t/dangling", "/tmp/t/file", "/tmp/t/nothing"}) {
+            QVERIFY(FileSystem::RemoveFile(path));
+            QCOMPARE(OwnerAndMode(path), QString());
+        }
+        QVERIFY(QFileInfo::exists("/tmp/t/outside/file"));
+        QVERIFY(FileSystem::RemoveFile("/proc/self/status")); // which cannot be removed
+    }
+
+    void DirectoryGetsOwnerAndMode_data()
+    {
+        Columns<unsigned, bool>("mask", "exists");
+        Row("missing", 022U, false);
+        Row("missing, hostile umask", 0777U, false);
+        Row("present, no umask", 0U, true);
+    }
+
+    void DirectoryGetsOwnerAndMode()
+    {
+        QFETCH(unsigned, mask);
+        QFETCH(bool, exists);
+        if (exists) {
+            MakeDirectory("/tmp/t/a/b", 4003, 4003, 0700);
+        }
+        const mode_t previous = umask(mask);
+        const bool created = FileSystem::CreateDirIfNeeded("/tmp/t/a/b/", 4002, 4002, 0770);
+        umask(previous);
+        QVERIFY(created);
+        QCOMPARE(OwnerAndMode("/tmp/t/a/b"), QStringLiteral("4002:4002 770"));
+        QVERIFY(FileSystem::DirExists("/tmp/t/a/b") && FileSystem::DirExists("/tmp/t/file"));
+        QVERIFY(!FileSystem::DirExists("/tmp/t/none"));
+    }
+
+    void DirectoryFailures()
+    {
+        QVERIFY(!FileSystem::CreateDirIfNeeded("/tmp/t/file/new", 4002, 4002, 0770));
+        QCOMPARE(TakeLogLines(), QStringList());
+        QVERIFY(!FileSystem::CreateDirIfNeeded("/tmp/t/file", 4002, 4002, 0770));
+        const FailingCall failure("fchmod", EPERM);
+        QVERIFY(!FileSystem::CreateDirIfNeeded("/tmp/t/new", 4002, 4002, 0770));
+        QCOMPARE(TakeLogLines(), QStringList({"3 CreateDirIfNeeded Failed to create dir =  20",
+                                              "3 CreateDirIfNeeded Failed to chmod =  1"}));
+        QCOMPARE(OwnerAndMode("/tmp/t/file"), QStringLiteral("0:0 644"));
+    }
+
+    void LinkToDirectoryIsFollowedOnlyIfTrusted_data()
+    {
+        Columns<unsigned, unsigned, unsigned, bool>("linkOwner", "folderOwner", "folderMode", "followed");
+        Row("planted in a sticky folder", 4002U, 0U, 01777U, false);
+        Row("root's in a sticky folder", 0U, 0U, 01777U, true);
+        Row("root's in a folder that all may write", 0U, 0U, 0777U, false);
+        Row("root's in a folder of another", 0U, 4002U, 0755U, false);
+    }
+
+    void LinkToDirectoryIsFollowedOnlyIfTrusted()
+    {
+        QFETCH(unsigned, linkOwner);
+        QFETCH(unsigned, folderOwner);
+        QFETCH(unsigned, folderMode);
+        QFETCH(bool, followed);
+        MakeDirectory("/tmp/t/system");
+        MakeDirectory("/tmp/t/folder", folderOwner, folderOwner, folderMode);
+        MakeLink("/tmp/t/system", "/tmp/t/folder/pay", linkOwner);
+        QCOMPARE(FileSystem::CreateDirIfNeeded("/tmp/t/folder/pay", 4002, 4002, 0770), followed);
+        QCOMPARE(OwnerAndMode("/tmp/t/system"), followed ? "4002:4002 770" : "0:0 755");
+        QCOMPARE(TakeLogLines().size(), followed ? 0 : 1);
+    }
+
+    void ExecShellReturnsExitStatus()
+    {
+        QCOMPARE(Misc::ExecShell("true"), 0);
+        QCOMPARE(Misc::ExecShell("kill -KILL $$"), 0); // no exit status
+        for (int child = 0; child < 5; ++child) {
+            if (fork() == 0) {
+                _exit(0);
+            }
+        }
+        for (const pid_t child : Children()) {
+            QTRY_COMPARE(StatusOf(child).value("State"), QByteArray("Z (zombie)"));
+        }
+        QCOMPARE(Misc::ExecShell("exit 3"), 3);
+        QCOMPARE(Children(), QList<pid_t>());
+        const FailingCall failure("system", EAGAIN);
+        QCOMPARE(Misc::ExecShell("true"), 255);
+        QCOMPARE(static_cast<int>(Misc::g_ignore_sigChld), 0);
+    }
+
+    void PauseIsWhole()
+    {
+        struct sigaction action = {};
+        action.sa_handler = [](int) {};
+        sigaction(SIGALRM, &action, nullptr);
+        const itimerval interrupting{{0, 5000}, {0, 5000}};
+        const itimerval off{};
+        setitimer(ITIMER_REAL, &interrupting, nullptr);
+        QElapsedTimer timer;
+        timer.start();
+        Misc::Pause(std::chrono::milliseconds(100));
+        const qint64 elapsed = timer.elapsed();
+        setitimer(ITIMER_REAL, &off, nullptr);
+        QVERIFY2(elapsed >= 100, qPrintable(QString::number(elapsed)));
+    }
+
+    void LocksAndUnlocks()
+    {
+        const mode_t previous = umask(0);
+        const bool locked = Misc::LockFile("/tmp/t/lock");
+        QCOMPARE(umask(previous), 0U);
+        QVERIFY(locked && IsLocked("/tmp/t/lock"));
+        QCOMPARE(OwnerAndMode("/tmp/t/lock"), QStringLiteral("0:0 644"));
+        QVERIFY(Misc::UnLockFile("/tmp/t/lock"));
+        QVERIFY(!IsLocked("/tmp/t/lock"));
+        QCOMPARE(TakeLogLines(), QStringList());
+    }
+
+    void LockFailures()
+    {
+        {
+            const ForeignLock other("/tmp/t/lock");
+            QVERIFY(!Misc::LockFile("/tmp/t/lock"));
+        }
+        QVERIFY(!Misc::LockFile("/tmp/t/none/lock"));
+        QVERIFY(!Misc::UnLockFile("/tmp/t/none"));
+        const FailingCall failure("fcntl", ENOLCK);
+        QVERIFY(!Misc::UnLockFile("/tmp/t/lock"));
+        QCOMPARE(TakeLogLines(), QStringList({"3 LockFile Failed to lock file  /tmp/t/lock 11",
+                                              "3 LockFile Failed to open file  /tmp/t/none/lock 2",
+                                              "3 UnLockFile Failed to open file  /tmp/t/none 2",
+                                              "3 UnLockFile Failed to unlock file  /tmp/t/lock 37"}));
+    }
+
+    void BothDatabasesAreLockedOrNone_data()
+    {
+        Columns<QByteArray>("foreign");
+        Row("first is taken", QByteArray(kRpmLock));
+        Row("second is taken", QByteArray(kInstallerLock));
+        Row("free", QByteArray("/tmp/t/other"));
+    }
+
+    void BothDatabasesAreLockedOrNone()
+    {
+        QFETCH(QByteArray, foreign);
+        const bool isFree = foreign.startsWith("/tmp");
+        {
+            const ForeignLock other(foreign.constData());
+            QCOMPARE(Misc::LockRPMFile(), isFree);
+        }
+        QCOMPARE(IsLocked(kRpmLock), isFree);
+        QCOMPARE(IsLocked(kInstallerLock), isFree);
+    }
+};
+
+KX_TEST_MAIN(UtilsTest)
+#include "tst_utils.moc"

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QMap>
+
+#include <sys/types.h>
+
+/// \return the processes whose parent is this one, zombies among them
+QList<pid_t> Children();
+
+/// \return the fields of /proc/<pid>/status, without surrounding blanks; empty when there is no such process
+QMap<QByteArray, QByteArray> StatusOf(pid_t pid);
+
+/// \return one of the lists in /proc/<pid> that end each entry with a null: "cmdline" or "environ"
+QList<QByteArray> EntriesOf(pid_t pid, const char* list);
+
+/// Runs \a action in a forked child and waits. \return the exit status that it returned
+int InChild(int (*action)(const char*), const char* argument);
+
+/// Takes a write lock on a file in another process and holds it.
+class ForeignLock {
+public:
+    explicit ForeignLock(const char* path);
+    ~ForeignLock();
+    ForeignLock(const ForeignLock&) = delete;
+    ForeignLock& operator=(const ForeignLock&) = delete;
+
+private:
+    pid_t m_holder;
+};
+
+/// \return whether a process, this one or another, holds a lock on the file
+bool IsLocked(const char* path);
