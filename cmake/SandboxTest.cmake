@@ -8,6 +8,18 @@ set_tests_properties(stage PROPERTIES
   ENVIRONMENT "DESTDIR=${KX_STAGE_DIR}"
   LABELS stage)
 
+# The same with the desk terminal in it, for tests of that.
+set(KX_DESK_DIR "${CMAKE_BINARY_DIR}/stage-sim")
+if(KX_SIM)
+  add_test(NAME stage.sim COMMAND sh -c
+    "\"$0\" --install \"$1\" --prefix /usr && \"$0\" --install \"$1\" --prefix /usr --component sim"
+    "${CMAKE_COMMAND}" "${CMAKE_BINARY_DIR}")
+  set_tests_properties(stage.sim PROPERTIES
+    FIXTURES_SETUP stage.sim
+    ENVIRONMENT "DESTDIR=${KX_DESK_DIR}"
+    LABELS stage)
+endif()
+
 # Instrumented programs write their counts into the build tree.
 set(_kx_build_bind $<IF:$<BOOL:${KX_COVERAGE}>,--bind-rw,--bind>)
 
@@ -19,11 +31,11 @@ if(CMAKE_CROSSCOMPILING)
   set(_kx_slowness 5)
 endif()
 
-# kx_add_test(NAME name COMMAND program [arg...] [LABELS label...] [TIMEOUT seconds])
+# kx_add_test(NAME name COMMAND program [arg...] [SIM] [LABELS label...] [TIMEOUT seconds])
 # Registers a test that runs the program, a target or an absolute path, in the private root. There are the staged
-# installation, and the source and the build tree at the paths they have here.
+# installation, with SIM also the desk terminal, and the source and the build tree at the paths they have here.
 function(kx_add_test)
-  cmake_parse_arguments(PARSE_ARGV 0 arg "" "NAME;TIMEOUT" "COMMAND;LABELS")
+  cmake_parse_arguments(PARSE_ARGV 0 arg "SIM" "NAME;TIMEOUT" "COMMAND;LABELS")
   if(arg_UNPARSED_ARGUMENTS OR NOT arg_NAME OR NOT arg_COMMAND)
     message(FATAL_ERROR "kx_add_test: needs NAME and COMMAND; not understood: '${arg_UNPARSED_ARGUMENTS}'")
   endif()
@@ -31,15 +43,21 @@ function(kx_add_test)
     set(arg_TIMEOUT 60)
   endif()
   math(EXPR arg_TIMEOUT "${arg_TIMEOUT} * ${_kx_slowness}")
+  set(stage "${KX_STAGE_DIR}")
+  set(fixture stage)
+  if(arg_SIM)
+    set(stage "${KX_DESK_DIR}")
+    set(fixture stage.sim)
+  endif()
   list(POP_FRONT arg_COMMAND program)
   if(TARGET ${program})
     set(program "$<TARGET_FILE:${program}>")
   endif()
   add_test(NAME ${arg_NAME}
-    COMMAND "${CMAKE_SOURCE_DIR}/scripts/sandbox" --stage "${KX_STAGE_DIR}" ${_kx_sysroot}
+    COMMAND "${CMAKE_SOURCE_DIR}/scripts/sandbox" --stage "${stage}" ${_kx_sysroot}
       --bind "${CMAKE_SOURCE_DIR}" ${_kx_build_bind} "${CMAKE_BINARY_DIR}" -- ${program} ${arg_COMMAND})
   set_tests_properties(${arg_NAME} PROPERTIES
-    FIXTURES_REQUIRED stage
+    FIXTURES_REQUIRED ${fixture}
     LABELS "${arg_LABELS}"
     TIMEOUT ${arg_TIMEOUT})
   if(CMAKE_CROSSCOMPILING)

@@ -38,7 +38,26 @@ std::string Table(const std::string& rows)
     return samples::Card(R"(<table class="rows">)" + rows + "</table>");
 }
 
-std::string Catalogue(const samples::Form&, Basket&)
+std::string CountText(const Basket& basket)
+{
+    int count = 0;
+    int total = 0;
+    for (const Item& item : kItems) {
+        const auto found = basket.find(item.key);
+        const int wanted = found == basket.end() ? 0 : found->second;
+        count += wanted;
+        total += wanted * item.cents;
+    }
+    return std::to_string(count) + (count == 1 ? " item, " : " items, ") + samples::FormatCents(total);
+}
+
+// What the catalogue's script puts into its page.
+std::string Summary(const samples::Form&, Basket& basket)
+{
+    return "Content-Type: text/plain\r\nCache-Control: no-store\r\n\r\n" + CountText(basket);
+}
+
+std::string Catalogue(const samples::Form&, Basket& basket)
 {
     std::string rows;
     for (const Item& item : kItems) {
@@ -46,7 +65,10 @@ std::string Catalogue(const samples::Form&, Basket&)
             std::string(R"( <a href="/cgi-bin/shop/add?item=)") + item.key + R"(">&nbsp;+&nbsp;</a>)";
         rows += Row(item.name, samples::FormatCents(item.cents) + link);
     }
-    return samples::Page("Catalogue", kShop, Table(rows) + samples::Button("/cgi-bin/shop/basket", "Basket"));
+    const std::string summary = R"(<p class="quiet" id="summary">)" + CountText(basket) + "</p>\n";
+    return samples::Page("Catalogue", kShop,
+                         Table(rows) + summary + samples::Button("/cgi-bin/shop/basket", "Basket") +
+                             "<script src=\"/html/shop/basket.js\"></script>\n");
 }
 
 std::string ShowBasket(const samples::Form&, Basket& basket)
@@ -96,9 +118,10 @@ struct Route {
     std::string (*answer)(const samples::Form&, Basket&);
 };
 
-constexpr std::array<Route, 4> kRoutes = {{{"/cgi-bin/shop/catalogue", Catalogue},
+constexpr std::array<Route, 5> kRoutes = {{{"/cgi-bin/shop/catalogue", Catalogue},
                                            {"/cgi-bin/shop/basket", ShowBasket},
                                            {"/cgi-bin/shop/add", Add},
+                                           {"/cgi-bin/shop/summary", Summary},
                                            {"/cgi-bin/shop/stop", Stop}}};
 
 std::string_view Parameter(const char* name, const FCGX_Request& request)

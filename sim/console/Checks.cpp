@@ -1,9 +1,9 @@
 #include "Checks.h"
 
+#include "Files.h"
 #include "Views.h"
 
 #include <QElapsedTimer>
-#include <QFile>
 
 #include <algorithm>
 #include <array>
@@ -52,12 +52,6 @@ QString ErrorText(const QVariantMap& result)
     return result.value(QStringLiteral("errorText")).toString();
 }
 
-QString Contents(const char* path)
-{
-    QFile file(QString::fromLatin1(path));
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-}
-
 bool IsRunning(const QString& user, const QString& command)
 {
     const auto processes = ListProcesses();
@@ -74,8 +68,8 @@ bool HasApplicationProcess()
 
 } // namespace
 
-Checks::Checks(Terminal& terminal, Screen& screen, const LogTail& log)
-    : m_terminal(terminal), m_screen(screen), m_log(log)
+Checks::Checks(Terminal& terminal, Screen& screen, const LogTail& log, QString pictures)
+    : m_terminal(terminal), m_screen(screen), m_log(log), m_pictures(std::move(pictures))
 {}
 
 bool Checks::Run()
@@ -84,21 +78,29 @@ bool Checks::Run()
         const char* title;
         void (Checks::*run)();
     };
-    static constexpr std::array<Step, 11> steps = {
+    static constexpr std::array<Step, 18> steps = {
         {{"The terminal boots", &Checks::Boots},
          {"The installed applications are found", &Checks::FindsApplications},
          {"Programs are run on boot, each under its application's account", &Checks::RunsBootPrograms},
          {"The desktop is shown", &Checks::ShowsFirstPage},
          {"Mistakes in an application's description are reported", &Checks::ReportsMistakes},
          {"Applications answer through the web server", &Checks::ServesPrograms},
+         {"A payment is made on the screen", &Checks::PaysOnScreen},
+         {"The shop's page follows the basket", &Checks::ShopsOnScreen},
+         {"Every other page is shown", &Checks::ShowsOtherPages},
          {"A program is started on request", &Checks::StartsProgram},
          {"A program outside of its application is not started", &Checks::RefusesProgram},
+         {"A time zone is set", &Checks::SetsTimeZone},
+         {"A variable is saved", &Checks::SavesVariable},
+         {"The USB port becomes a serial port", &Checks::SwitchesUsbMode},
+         {"A registry key is changed", &Checks::ChangesRegistry},
          {"All applications are terminated, a stubborn one too", &Checks::TerminatesApplications},
          {"The applications are started over", &Checks::StartsOver},
          {"The terminal is restarted", &Checks::Restarts}}};
     for (const Step& step : steps) {
         m_screen.Heading(QString::fromLatin1(step.title));
         (this->*step.run)();
+        Photograph(QString::fromLatin1(step.title));
         // What follows builds on it.
         if (m_failures > 0) {
             break;
@@ -130,6 +132,11 @@ void Checks::Expect(bool holds, const QString& what, const QString& detail)
     m_screen.Line(
         m_screen.Styled(Style::Bad, QStringLiteral("  FAIL  ")) + what +
         (detail.isEmpty() ? QString() : QStringLiteral(": ") + detail.simplified().left(kDetailLength)));
+}
+
+void Checks::Show(const QString& name, const QString& value)
+{
+    m_screen.Line(QStringLiteral("  ") + m_screen.Styled(Style::Name, name) + QStringLiteral("  ") + value);
 }
 
 void Checks::ExpectRunning(const QString& user, const QString& command)

@@ -45,12 +45,15 @@ bool WaitFor(const std::function<bool()>& condition, int limitMs)
 Terminal::Terminal(QObject* parent)
     : QObject(parent),
       m_core(Awaited(kCore), QStringLiteral("/Applications"), QDBusConnection::systemBus(), nullptr),
+      m_system(Awaited(kCore), QStringLiteral("/System"), QDBusConnection::systemBus(), nullptr),
+      m_tools(Awaited(kCore), QStringLiteral("/Tools"), QDBusConnection::systemBus(), nullptr),
       m_browser(Awaited(kBrowser), QStringLiteral("/"), QDBusConnection::systemBus(), nullptr)
 {
     qDBusRegisterMetaType<QList<QVariantMap>>();
     RegisterVectorOfPairSS();
     connect(&m_core, &ApplicationsProxy::OnStarted, this, [this] { ++m_started; });
     connect(&m_core, &ApplicationsProxy::OnTerminate, this, [this] { ++m_terminated; });
+    connect(&m_tools, &ToolsProxy::TimeInfoChanged, this, [this] { ++m_timeInfo; });
     connect(&m_browser, &WebBrowserProxy::loadCompleted, this, &Terminal::OnLoadCompleted);
 }
 
@@ -92,6 +95,56 @@ bool Terminal::Terminate()
 bool Terminal::Restart()
 {
     return Await(m_core.Restart(QString()));
+}
+
+QVariantMap Terminal::CallSystem(int methodId, const QVariantMap& arguments)
+{
+    const auto reply = m_system.SystemCall(methodId, arguments);
+    return Await(reply) ? reply.value() : QVariantMap();
+}
+
+int Terminal::SetTimeZone(const QString& zone)
+{
+    const auto reply = m_tools.SetTimeZone(zone);
+    return Await(reply) ? reply.value() : kNoAnswer;
+}
+
+int Terminal::SaveVariable(const QString& name, const QString& value)
+{
+    const auto reply = m_tools.SaveVariableValue(name, value);
+    return Await(reply) ? reply.value() : kNoAnswer;
+}
+
+bool Terminal::AskDesk(const char* method, const QString& argument)
+{
+    auto request = QDBusMessage::createMethodCall(QString::fromLatin1(kBrowser), QStringLiteral("/Desk"),
+                                                  QStringLiteral("com.veltrasys.browser.Desk"),
+                                                  QString::fromLatin1(method));
+    request.setArguments({argument});
+    const QDBusPendingReply<bool> reply = QDBusConnection::systemBus().asyncCall(request);
+    return Await(reply) && reply.value();
+}
+
+bool Terminal::Touch(const QString& selector)
+{
+    return AskDesk("Touch", selector);
+}
+
+bool Terminal::Photograph(const QString& file)
+{
+    return AskDesk("Screenshot", file);
+}
+
+bool Terminal::ShowPage(const QString& path)
+{
+    const auto reply = m_browser.ShowPage(QStringLiteral("http://localhost") + path);
+    return Await(reply) && reply.value() == 0;
+}
+
+QString Terminal::PageSource()
+{
+    const auto reply = m_browser.QueryPage();
+    return Await(reply) ? reply.value() : QString();
 }
 
 QVariantMap Terminal::CurrentPage()

@@ -2,6 +2,8 @@
 #pragma once
 
 #include "ApplicationsProxy.h"
+#include "SystemProxy.h"
+#include "ToolsProxy.h"
 #include "WebBrowserProxy.h"
 
 #include <QNetworkAccessManager>
@@ -36,7 +38,20 @@ public:
     QVariantMap Start(const QVariantMap& request);
     bool Terminate();
     bool Restart();
+    // The methods of /System and /Tools. One that fails on the bus returns an empty map, or kNoAnswer.
+    static constexpr int kNoAnswer = -100;
+    QVariantMap CallSystem(int methodId, const QVariantMap& arguments);
+    int SetTimeZone(const QString& zone);
+    int SaveVariable(const QString& name, const QString& value);
     QString LastError() const { return m_lastError; }
+
+    // What the person in front of the screen does: a touch on what a CSS selector finds, and a picture of the
+    // screen into a PNG file. False when there is nothing to touch, or no picture.
+    bool Touch(const QString& selector);
+    bool Photograph(const QString& file);
+    bool ShowPage(const QString& path);
+    // The page on the screen as HTML.
+    QString PageSource();
 
     // The browser's page: "url", "application", "title"; empty when there is no browser.
     QVariantMap CurrentPage();
@@ -48,6 +63,7 @@ public:
     int StartedCount() const { return m_started; }
     int TerminatedCount() const { return m_terminated; }
     int LoadedCount() const { return m_loaded; }
+    int TimeInfoCount() const { return m_timeInfo; }
 
 signals:
     void PageShown(const QVariantMap& page);
@@ -56,13 +72,17 @@ signals:
 private:
     template<typename Reply>
     bool Await(const Reply& reply);
+    bool AskDesk(const char* method, const QString& argument);
     void OnLoadCompleted(bool success);
 
     ApplicationsProxy m_core;
+    SystemProxy m_system;
+    ToolsProxy m_tools;
     WebBrowserProxy m_browser;
     QNetworkAccessManager m_network;
     QString m_lastError;
     int m_started = 0;
     int m_terminated = 0;
     int m_loaded = 0;
+    int m_timeInfo = 0;
 };

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr std::array<const char*, 4> kServices = {"kxcore", "lighttpd", "browser", "dbus-daemon"};
+constexpr std::array<const char*, 4> kServices = {"kxcore", "lighttpd", "screen", "dbus-daemon"};
 constexpr int kLevelWidth = 8;
 constexpr int kPlaceWidth = 38;
 

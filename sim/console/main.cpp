@@ -1,5 +1,6 @@
 // The console of the desk terminal: shows what happens on it, takes commands, or with --once drives it
 // through its main jobs and checks them.
+#include "AppWatch.h"
 #include "Checks.h"
 #include "LogTail.h"
 #include "Prompt.h"
@@ -7,6 +8,7 @@
 #include "Terminal.h"
 #include "Views.h"
 
+#include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QSet>
 
@@ -87,7 +89,14 @@ int main(int argc, char* argv[])
     const QCoreApplication application(argc, argv);
     Screen screen;
     const LogTail log;
-    const bool once = QCoreApplication::arguments().contains(QStringLiteral("--once"));
+    QCommandLineParser parser;
+    const QCommandLineOption onceOption(QStringLiteral("once"));
+    const QCommandLineOption picturesOption(QStringLiteral("screenshot"), QString(),
+                                            QStringLiteral("directory"));
+    const QCommandLineOption appOption(QStringLiteral("app"), QString(), QStringLiteral("directory"));
+    parser.addOptions({onceOption, picturesOption, appOption});
+    parser.process(application);
+    const bool once = parser.isSet(onceOption);
     (once ? ShowNewRecords : ShowRecords)(log, screen);
     if (!once) {
         screen.Heading(QStringLiteral("Boot"));
@@ -95,7 +104,9 @@ int main(int argc, char* argv[])
     Terminal terminal;
     ShowPages(terminal, screen);
     if (once) {
-        return Checks(terminal, screen, log).Run() ? EXIT_SUCCESS : EXIT_FAILURE;
+        return Checks(terminal, screen, log, parser.value(picturesOption)).Run() ? EXIT_SUCCESS
+                                                                                 : EXIT_FAILURE;
     }
+    const AppWatch watch(parser.value(appOption), terminal, screen);
     return Operate(terminal, screen, log);
 }

@@ -46,8 +46,8 @@ bool IsTrustedLink(const QByteArray& path)
     return S_ISLNK(link.st_mode) && link.st_uid == 0 && folder.st_uid == 0 && !othersMayRename;
 }
 
-/// Opens a directory whose owner and mode are about to change. An account that may write to the parent could
-/// have put a link to a directory of the system there, so a final link is followed only if it is trusted.
+/// Opens a directory that is about to change. An account that may write to the parent could have put a link
+/// to a directory of the system there, so a final link is followed only if it is trusted.
 UniqueFd OpenDirectory(const QString& path)
 {
     const QByteArray name = QFile::encodeName(QDir::cleanPath(path));
@@ -102,8 +102,14 @@ bool CreateSymlink(const QString& target, const QString& linkPath)
     if (QFileInfo(linkPath).symLinkTarget() == target) {
         return true;
     }
-    QFile::remove(linkPath);
-    return QFile::link(target, linkPath);
+    const QFileInfo link(linkPath);
+    const UniqueFd folder = OpenDirectory(link.path());
+    if (!folder) {
+        return false;
+    }
+    const QByteArray name = QFile::encodeName(link.fileName());
+    unlinkat(folder.Get(), name.constData(), 0);
+    return symlinkat(QFile::encodeName(target).constData(), folder.Get(), name.constData()) == 0;
 }
 
 QString NormalizeFilePath(const QString& path, const QString& homeDir)

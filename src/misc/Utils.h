@@ -10,6 +10,7 @@ namespace FileSystem {
 
 /// Makes \a linkPath a symbolic link to \a target, replacing what is there. A link that already points to
 /// \a target is left alone, time stamps included. The target need not exist.
+/// Nothing is made in a folder that is a link which an unprivileged account may have planted.
 /// \return whether the link exists with that target afterwards
 bool CreateSymlink(const QString& target, const QString& linkPath);
 

@@ -14,6 +14,7 @@
 #include <QDBusConnection>
 #include <QStringList>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -81,6 +82,15 @@ int Serve()
     return QCoreApplication::exec();
 }
 
+/// What a library, a shell or a script creates has no mode of its own. Whoever started the daemon, only root
+/// is to write to that.
+void TightenUmask()
+{
+    constexpr mode_t kNoWriting = S_IWGRP | S_IWOTH;
+    const mode_t inherited = umask(kNoWriting);
+    umask(inherited | kNoWriting);
+}
+
 int Run(int argc, char** argv)
 {
     const QCoreApplication application(argc, argv);
@@ -93,6 +103,7 @@ int Run(int argc, char** argv)
     if (option != QLatin1String("--no-daemon") && daemon(1, 0) != 0) {
         return Fail(NotDaemonized, "Cannot daemonize process");
     }
+    TightenUmask();
     const SignalNotifier signalNotifier;
     SignalHandlerSet({SIGTERM, SIGINT, SIGCHLD, SIGALRM, SIGHUP},
                      {SIGUSR1, SIGUSR2, SIGPIPE, SIGIO, SIGSYS, SIGPWR}, sigHandler);

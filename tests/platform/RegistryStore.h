@@ -14,9 +14,10 @@ constexpr auto kFolder = "/var/lib/kxregistry";
 constexpr auto kFile = "/var/lib/kxregistry/registry.ini";
 constexpr auto kConfiguration = "/etc/kxregistry.conf";
 
-inline bool IsUntouched()
+/// \return whether files may be made and removed here: nowhere but in the private root
+inline bool IsPrivateRoot()
 {
-    return !QFile::exists(kFolder) && !QFile::exists(kConfiguration);
+    return QFile::exists("/run/kx-private-root");
 }
 
 inline void Remove()

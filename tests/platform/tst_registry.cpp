@@ -66,7 +66,7 @@ private slots:
 
 void RegistryTest::initTestCase()
 {
-    QVERIFY2(IsUntouched(), "this machine has a registry: the test would remove it");
+    QVERIFY2(IsPrivateRoot(), "run this test through scripts/sandbox");
 }
 
 void RegistryTest::cleanup()

@@ -1,5 +1,5 @@
-// Linked into emulated test programs, where Qt's calls of syscall() end here. Qt starts a process with a clone
-// that also returns a descriptor of it; the emulator refuses that, but knows each half.
+// Linked into emulated test programs, where Qt's calls of syscall() end here. Qt starts a process with a
+// clone that also returns a descriptor of it; the emulator refuses that, but knows each half.
 #include <dlfcn.h>
 #include <sched.h>
 #include <sys/syscall.h>

@@ -16,6 +16,12 @@ constexpr int kDefaultTimeout = 900; // a USB reload or a restart holds the daem
 constexpr int kLongestTimeout = 24 * 60 * 60;
 constexpr int kMilliseconds = 1000;
 
+/// What the overview shows under one title.
+struct VerbGroup {
+    const char* title;
+    std::vector<const std::vector<Verb>*> tables;
+};
+
 const std::vector<Option>& CommonOptions()
 {
     static const std::vector<Option> options{
@@ -240,6 +246,12 @@ ExitStatus RunWords(const QStringList& words, const QCommandLineParser& common)
 
 } // namespace
 
+std::vector<Verb> Joined(std::vector<Verb> first, const std::vector<Verb>& second)
+{
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
 Failure Misused(const QString& verb, const QString& message)
 {
     return {Misuse, QStringLiteral("%1: %2; see kxctl %1 --help").arg(verb, Clause(message))};
@@ -273,7 +285,7 @@ void Confirm(const QString& question, const QString& verb)
     if (isatty(STDIN_FILENO) == 0) {
         throw Misused(verb, "not without --yes when there is no terminal to ask on");
     }
-    std::fputs((question + " [y/N] ").toUtf8().constData(), stderr);
+    Tell(question + " [y/N] ");
     const QString answer = QTextStream(stdin).readLine().trimmed().toLower();
     if (answer != "y" && answer != "yes") {
         throw Failure(Refused, "nothing was done");

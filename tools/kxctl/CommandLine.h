@@ -38,12 +38,10 @@ struct Verb {
     bool passesOptions = false;
 };
 
-struct VerbGroup {
-    const char* title;
-    std::vector<const std::vector<Verb>*> tables;
-};
-
 constexpr int kAnyNumber = 1000;
+
+/// \return both tables as one
+std::vector<Verb> Joined(std::vector<Verb> first, const std::vector<Verb>& second);
 
 /// Runs the verb that a command line names, or shows the help it asks for.
 ///

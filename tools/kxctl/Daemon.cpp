@@ -23,8 +23,8 @@ constexpr std::array<Explanation, 13> kExplanations{{
     {QDBusError::Timeout, Unreachable, "the daemon did not answer in time"},
     {QDBusError::TimedOut, Unreachable, "the daemon did not answer in time"},
     {QDBusError::AccessDenied, Refused,
-     "the system bus does not let this account ask for that; use an account that its policy allows, such as "
-     "root"},
+     "the system bus does not let this account ask for that; applications are for members of the group "
+     "kxcore, everything is for root and members of kxadmin"},
     {QDBusError::UnknownObject, Refused, "the running daemon does not offer this"},
     {QDBusError::UnknownInterface, Refused, "the running daemon does not offer this"},
     {QDBusError::UnknownMethod, Refused, "the running daemon does not offer this"},
@@ -41,7 +41,7 @@ QString ServiceName()
 
 QDBusConnection Bus()
 {
-    const QDBusConnection bus = QDBusConnection::systemBus();
+    QDBusConnection bus = QDBusConnection::systemBus();
     if (!bus.isConnected()) {
         throw Failure(Unreachable, "cannot reach the system bus: " + bus.lastError().message());
     }

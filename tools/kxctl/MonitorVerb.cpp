@@ -39,7 +39,7 @@ public:
             line.append(ToText(argument));
         }
         Print(Printable(line.join("  ")));
-        std::fflush(stdout);
+        Flush();
     }
 
 private:
@@ -98,7 +98,7 @@ ExitStatus Monitor(const Request& request)
     if (!bus.interface()->isServiceRegistered(ServiceName())) {
         throw Failure(Unreachable, "the daemon is not running");
     }
-    std::fputs("kxctl: monitoring, Ctrl-C ends\n", stderr);
+    Tell("kxctl: monitoring, Ctrl-C ends\n");
     QCoreApplication::exec();
     if (!bus.isConnected()) {
         throw Failure(Unreachable, "the connection to the system bus was lost");

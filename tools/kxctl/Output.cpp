@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace kxctl {
 namespace {
@@ -33,6 +34,13 @@ const char* Sequence(Style style)
         break;
     }
     return "";
+}
+
+/// A failure stays on record with the stream; main looks at it in the end.
+void Write(const QString& text, FILE* stream)
+{
+    const QByteArray bytes = text.toUtf8();
+    static_cast<void>(std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stream));
 }
 
 QString Cell(const QString& text)
@@ -110,14 +118,22 @@ QString Printable(const QString& text)
 
 void Print(const QString& line)
 {
-    const QByteArray bytes = line.toUtf8() + '\n';
-    std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stdout);
+    Write(line + '\n', stdout);
+}
+
+void Flush()
+{
+    static_cast<void>(std::fflush(stdout));
+}
+
+void Tell(const QString& text)
+{
+    Write(text, stderr);
 }
 
 void Complain(const QString& text)
 {
-    const QString line = Styled("kxctl:", Style::Red, stderr) + ' ' + Printable(text) + '\n';
-    std::fputs(line.toUtf8().constData(), stderr);
+    Tell(Styled("kxctl:", Style::Red, stderr) + ' ' + Printable(text) + '\n');
 }
 
 QVariant Plain(const QVariant& value)
@@ -152,7 +168,7 @@ void PrintJson(const QVariant& value, bool isOneLine)
         json.isArray() ? QJsonDocument(json.toArray()) : QJsonDocument(json.toObject());
     const auto format = isOneLine ? QJsonDocument::Compact : QJsonDocument::Indented;
     Print(QString::fromUtf8(document.toJson(format)).trimmed());
-    std::fflush(stdout);
+    Flush();
 }
 
 QString ToText(const QVariant& value)
@@ -170,7 +186,7 @@ QString ToText(const QVariant& value)
     }
 }
 
-Table::Table(const QStringList& headings) : m_headings(headings) {}
+Table::Table(QStringList headings) : m_headings(std::move(headings)) {}
 
 QVector<int> Table::Widths() const
 {

@@ -21,6 +21,12 @@ QString Printable(const QString& text);
 /// Writes a line to standard output, as UTF-8 whatever the locale.
 void Print(const QString& line);
 
+/// Hands on what was printed so far.
+void Flush();
+
+/// Writes a text to standard error as it stands.
+void Tell(const QString& text);
+
 /// Writes "kxctl: ", the printable text and a line end to standard error.
 void Complain(const QString& text);
 
@@ -37,7 +43,7 @@ QString ToText(const QVariant& value);
 class Table {
 public:
     /// A table without headings has none printed.
-    explicit Table(const QStringList& headings = {});
+    explicit Table(QStringList headings = {});
 
     void Add(const QStringList& row) { m_rows.append(row); }
     bool IsEmpty() const { return m_rows.isEmpty(); }

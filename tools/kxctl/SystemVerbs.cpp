@@ -15,7 +15,7 @@ ExitStatus Perform(const Request& request, SystemCallId id, const QVariantMap& a
 /// \return the value of an option, which must be one of \a words; empty when it is not given
 QString WordOption(const Request& request, const char* verb, const char* option, const QStringList& words)
 {
-    const QString value = request.options.value(option);
+    QString value = request.options.value(option);
     if (request.options.isSet(option) && !words.contains(value)) {
         throw Misused(verb,
                       QStringLiteral("--%1 is one of %2, not '%3'").arg(option, words.join(", "), value));
@@ -239,12 +239,7 @@ std::vector<Verb> ConfigurationVerbs()
 
 const std::vector<Verb>& SystemVerbs()
 {
-    static const std::vector<Verb> verbs = [] {
-        std::vector<Verb> all = PowerVerbs();
-        const std::vector<Verb> further = ConfigurationVerbs();
-        all.insert(all.end(), further.begin(), further.end());
-        return all;
-    }();
+    static const std::vector<Verb> verbs = Joined(PowerVerbs(), ConfigurationVerbs());
     return verbs;
 }
 

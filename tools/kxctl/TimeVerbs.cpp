@@ -153,11 +153,9 @@ ExitStatus Audiopayd(const Request& request)
     return ShowAudiopayd(request, isEnabled);
 }
 
-} // namespace
-
-const std::vector<Verb>& TimeVerbs()
+std::vector<Verb> ClockVerbs()
 {
-    static const std::vector<Verb> verbs{
+    return {
         {"time",
          "",
          0,
@@ -197,6 +195,12 @@ const std::vector<Verb>& TimeVerbs()
          {},
          SetTimeInfo},
         {"timeinfo reset", "", 0, 0, "forget who set the time", "", {}, ResetTimeInfo},
+    };
+}
+
+std::vector<Verb> SettingVerbs()
+{
+    return {
         {"var set",
          "NAME VALUE",
          2,
@@ -216,6 +220,13 @@ const std::vector<Verb>& TimeVerbs()
          {},
          Audiopayd},
     };
+}
+
+} // namespace
+
+const std::vector<Verb>& TimeVerbs()
+{
+    static const std::vector<Verb> verbs = Joined(ClockVerbs(), SettingVerbs());
     return verbs;
 }
 

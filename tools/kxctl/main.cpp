@@ -30,7 +30,7 @@ kxctl::ExitStatus Run(const QStringList& arguments)
     try {
         return kxctl::RunCommandLine(arguments);
     } catch (const kxctl::Failure& failure) {
-        std::fflush(stdout);
+        kxctl::Flush();
         kxctl::Complain(QString::fromUtf8(failure.what()));
         return failure.Status();
     }

@@ -3,11 +3,11 @@
 #include <QByteArray>
 
 #include <array>
+#include <charconv>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <optional>
+#include <system_error>
 
 // The coin cell hangs on the processor's ADC; the DAC drives the circuit while it is measured.
 
@@ -67,6 +67,16 @@ Converters FindConverters()
     return found;
 }
 
+/// \return the number at the start of the line, whatever follows it; none when there is none
+template<typename Number>
+std::optional<Number> LeadingNumber(const QByteArray& line)
+{
+    const QByteArray text = line.trimmed();
+    Number number{};
+    const auto parsed = std::from_chars(text.constData(), text.constData() + text.size(), number);
+    return parsed.ec == std::errc() ? std::optional(number) : std::nullopt;
+}
+
 /// \return volts; none when a file is missing or holds no number
 std::optional<double> ReadVoltage(int adc)
 {
@@ -75,15 +85,13 @@ std::optional<double> ReadVoltage(int adc)
     if (!scaleLine) {
         return std::nullopt;
     }
-    bool rawValid = false;
-    bool scaleValid = false;
-    const int raw = rawLine->trimmed().toInt(&rawValid);
-    const float millivoltsPerCount = scaleLine->trimmed().toFloat(&scaleValid);
-    if (!rawValid || !scaleValid) {
+    const auto raw = LeadingNumber<int>(*rawLine);
+    const auto millivoltsPerCount = LeadingNumber<float>(*scaleLine);
+    if (!raw || !millivoltsPerCount) {
         return std::nullopt;
     }
     constexpr double kMillivoltsPerVolt = 1000.0;
-    const float millivolts = static_cast<float>(raw) * millivoltsPerCount;
+    const float millivolts = static_cast<float>(*raw) * *millivoltsPerCount;
     return static_cast<double>(millivolts) / kMillivoltsPerVolt;
 }
 

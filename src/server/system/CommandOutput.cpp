@@ -15,8 +15,7 @@ constexpr int kLineSize = 80;
 bool ForEachLine(const char* command, const std::function<bool(const char* line)>& take)
 {
     // The command lines are the daemon's own.
-    const std::unique_ptr<FILE, decltype(&pclose)> output(popen(command, "re"),
-                                                          &pclose); // NOLINT(cert-env33-c)
+    const std::unique_ptr<FILE, decltype(&pclose)> output(popen(command, "re"), &pclose);
     if (!output) {
         return false;
     }

@@ -80,7 +80,8 @@ void Server::SetSyslogTarget(const QString& target)
     QString accepted = target;
     if (!target.isEmpty() && !IsSyslogTarget(target)) {
         qError() << KX_PREFIX_AS(kSource, "valueChanged")
-                 << "!!!Attempt to set incorrect ip-address or port for logging to remote host: " << target;
+                 << "!!!Attempt to set incorrect ip-address or port for logging to remote host: "
+                 << Misc::Excerpt(target);
         m_registry->setValue(kSyslogKey, QString::fromLatin1(""));
         accepted.clear();
     }

@@ -1,6 +1,7 @@
 #include "server/tools/Server.h"
 
 #include "misc/Log.h"
+#include "misc/Utils.h"
 
 #include <Registry.h>
 
@@ -172,8 +173,8 @@ ZoneChange PointZoneLinkTo(const QString& timeZone)
     QFile link(QString::fromLatin1(kLocalTime));
     const QString target = ZoneFile(timeZone);
     if (!target.startsWith(QLatin1String(kZoneRoot))) {
-        qError() << KX_PREFIX_AS(kSource, kFunction) << "Time zone file" << timeZone << "is not located in"
-                 << kZoneRoot;
+        qError() << KX_PREFIX_AS(kSource, kFunction) << "Time zone file" << Misc::Excerpt(timeZone)
+                 << "is not located in" << kZoneRoot;
         return ZoneChange::Failed;
     }
     if (link.symLinkTarget() == target) {
@@ -276,12 +277,14 @@ int Server::SetTimeInfo(const QString& utcTime, const QString& timeZone, const Q
         // Without a zone local time is UTC.
         SetTimeZone(QString(), QString());
         if (SetSystemTime(utcTime, QString()) != Success) {
-            qError() << KX_PREFIX(kSource) << QStringLiteral("Unable to set utcTime '%1'").arg(utcTime);
+            qError() << KX_PREFIX(kSource)
+                     << QStringLiteral("Unable to set utcTime '%1'").arg(Misc::Excerpt(utcTime));
             return 1;
         }
     }
     if (SetTimeZone(timeZone, QString()) != 0) {
-        qError() << KX_PREFIX(kSource) << QStringLiteral("Unable to set timeZone '%1'").arg(timeZone);
+        qError() << KX_PREFIX(kSource)
+                 << QStringLiteral("Unable to set timeZone '%1'").arg(Misc::Excerpt(timeZone));
         return 1;
     }
     RecordSource(timeZone, source);
@@ -294,7 +297,7 @@ bool Server::MaySetTimeInfo(const QString& source)
     if (!Sources().contains(source)) {
         qError() << KX_PREFIX_AS(kSource, kFunction)
                  << QStringLiteral("Invalid infoSource '%1', allowed values: %2")
-                        .arg(source, Sources().join(QStringLiteral(", ")));
+                        .arg(Misc::Excerpt(source), Sources().join(QStringLiteral(", ")));
         return false;
     }
     const QString current = m_registry->getValue(QString::fromLatin1(kSourceKey)).toString();

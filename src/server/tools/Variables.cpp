@@ -54,11 +54,27 @@ LineMatcher MatchPlain(const QString& name)
     };
 }
 
+/// Shortens each run of stars to two, which mean as much as many. Not to one: after a backslash the first
+/// stands for itself. QString::replace would take quadratic time.
+/// \return as much of the result as is needed to see that it is longer than \a limit
+QString ShortenStars(const QString& name, int limit)
+{
+    QString shortened;
+    for (const QChar character : name) {
+        if (shortened.size() > limit) {
+            break;
+        }
+        if (character != QLatin1Char('*') || !shortened.endsWith(QLatin1String("**"))) {
+            shortened += character;
+        }
+    }
+    return shortened;
+}
+
 LineMatcher MatchWildcard(const QString& name)
 {
     constexpr int kMaxLength = 64;
-    // Two stars mean as much as many. Not one: after a backslash the first stands for itself.
-    const QString part = QString(name).replace(QRegExp(QStringLiteral("\\*{3,}")), QStringLiteral("**"));
+    const QString part = ShortenStars(name, kMaxLength);
     if (part.size() > kMaxLength) {
         return MatchNothing;
     }

@@ -47,6 +47,14 @@ void CoinBatteryTest::Voltage_data()
                 {},
                 {},
                 {{kDac, "0\n"}}};
+    QTest::newRow("text behind the numbers")
+        << Case{{},
+                Devices({{kDevices + "2/in_voltage8_raw", " 2048 counts\n"},
+                         {kDevices + "2/in_voltage_scale", "0.805664mV\n"}}),
+                measured(0.805664F),
+                {},
+                {},
+                {{kDac, "0\n"}}};
     QTest::newRow("no DAC") << Case{
         {}, Devices({{kDevices + "4/name", {}}}), kFailure, {}, {}, {{kDac, "7\n"}}};
     QTest::newRow("no ADC") << Case{

@@ -228,6 +228,8 @@ void UsbGadgetTest::StoresSettings_data()
                             << false;
     QTest::newRow("hub id beyond ASCII")
         << Args({{"hubid", QString(QChar(0x00C4))}}) << Files() << Files{{kHubId, "\xC3\xA4"}} << false;
+    QTest::newRow("long hub id") << Args({{"hubid", QString(100'000, 'A')}}) << Files()
+                                 << Files{{kHubId, QByteArray(100'000, 'a')}} << false;
     QTest::newRow("hub id removed") << Args({{"hubid", ""}}) << Files{{kHubId, "old"}}
                                     << Files{{kHubId, QByteArray()}} << false;
     QTest::newRow("no hub id to remove")

@@ -106,6 +106,15 @@ void TimeInfoTest::TimeInfoThatCannotBeSetIsReported_data()
         << QStringList{"", "UTC", "host"} << "\"Invalid infoSource 'host'" + allowed;
     QTest::newRow("source with a placeholder")
         << QStringList{"", "", "%2"} << "\"Invalid infoSource '%2'" + allowed;
+    // Callers' texts are cut.
+    const QString cut(65536, 'x');
+    const QString longText = cut + 'x';
+    QTest::newRow("long source") << QStringList{"", "", longText}
+                                 << "\"Invalid infoSource '" + cut + "'" + allowed;
+    QTest::newRow("long time") << QStringList{longText, "", "HOST"}
+                               << "\"Unable to set utcTime '" + cut + "'\"";
+    QTest::newRow("long zone") << QStringList{"", longText, "HOST"}
+                               << "\"Unable to set timeZone '" + cut + "'\"";
     QTest::newRow("time") << QStringList{"%1 %2", "UTC", "HOST"} << "\"Unable to set utcTime '%1 %2'\"";
     QTest::newRow("zone") << QStringList{"", "%1", "HOST"} << "\"Unable to set timeZone '%1'\"";
 }

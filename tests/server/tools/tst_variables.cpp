@@ -142,6 +142,7 @@ void VariablesTest::HostileNamesDoNotBlock_data()
     QTest::newRow("almost there everywhere") << half + 'b' << false;
     QTest::newRow("stars") << QString(kMillion, '*') << false;
     QTest::newRow("stars between") << QString("a*").repeated(kMillion / 2) << false;
+    QTest::newRow("stars to shorten") << QString("a***").repeated(6 * kMillion) << false;
     QTest::newRow("short with stars") << QString("a**").repeated(21) + 'b' << false;
     QTest::newRow("question marks") << QString(kMillion, '?') << false;
     QTest::newRow("sets") << QString("[ab]").repeated(kMillion / 4) << false;

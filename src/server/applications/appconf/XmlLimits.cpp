@@ -16,7 +16,7 @@ struct Passage {
     QLatin1String end;
 };
 
-constexpr std::array<Passage, 3> kPassages{{
+const std::array<Passage, 3> kPassages{{
     {QLatin1String("<!--"), QLatin1String("-->")},
     {QLatin1String("<![CDATA["), QLatin1String("]]>")},
     {QLatin1String("<?"), QLatin1String("?>")},

@@ -16,6 +16,18 @@
 namespace core::configuration {
 namespace {
 
+/// Opens nothing but a regular file: the mere opening of a device may act, and an application can put a link
+/// to one in its place.
+UniqueFd OpenRegularFile(const QByteArray& path, struct stat& info)
+{
+    const UniqueFd handle(open(path.constData(), O_PATH | O_CLOEXEC));
+    if (!handle || fstat(handle.Get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+        return UniqueFd();
+    }
+    const QByteArray name = "/proc/self/fd/" + QByteArray::number(handle.Get());
+    return UniqueFd(open(name.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+}
+
 /// Reads at most \a limit bytes up to the end of the file.
 bool ReadUpTo(int fd, int limit, QByteArray& content)
 {
@@ -42,10 +54,9 @@ bool ReadUpTo(int fd, int limit, QByteArray& content)
 
 bool ReadConfigFile(const QString& path, QByteArray& content)
 {
-    const QByteArray name = QFile::encodeName(path);
-    const UniqueFd fd(open(name.constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat info = {};
-    if (!fd || fstat(fd.Get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+    const UniqueFd fd = OpenRegularFile(QFile::encodeName(path), info);
+    if (!fd) {
         return false;
     }
     // One byte more than allowed tells a file that grows while it is read.

@@ -1,0 +1,89 @@
+#include "WebView.h"
+
+#include <QFile>
+#include <QJsonDocument>
+#include <QTimer>
+#include <QWebEnginePage>
+#include <QWebEngineScript>
+#include <QWebEngineScriptCollection>
+#include <QWebEngineSettings>
+
+namespace {
+
+constexpr auto kScriptName = "kx";
+constexpr auto kPainted = "kx-painted";
+
+QString Resource(const char* path)
+{
+    QFile file(QString::fromLatin1(path));
+    file.open(QIODevice::ReadOnly);
+    return QString::fromUtf8(file.readAll());
+}
+
+QString PageScript(const QJsonObject& registry)
+{
+    const QString values = QString::fromUtf8(QJsonDocument(registry).toJson(QJsonDocument::Compact));
+    return Resource(":/qtwebchannel/qwebchannel.js") +
+           Resource(":/screen/page.js").replace(QLatin1String("/*REGISTRY*/{}"), values);
+}
+
+} // namespace
+
+WebView::WebView(QWidget* parent) : QWebEngineView(parent)
+{
+    m_channel.registerObject(QStringLiteral("bridge"), &m_bridge);
+    page()->setWebChannel(&m_channel);
+    connect(&m_bridge, &Bridge::Told, this, &WebView::OnTold);
+    settings()->setAttribute(QWebEngineSettings::ShowScrollBars, false);
+    settings()->setAttribute(QWebEngineSettings::PlaybackRequiresUserGesture, false);
+    settings()->setAttribute(QWebEngineSettings::ErrorPageEnabled, true);
+    setContextMenuPolicy(Qt::NoContextMenu);
+    SetRegistry({});
+}
+
+void WebView::SetRegistry(const QJsonObject& values)
+{
+    QWebEngineScriptCollection& scripts = page()->scripts();
+    scripts.remove(scripts.findScript(QString::fromLatin1(kScriptName)));
+    QWebEngineScript script;
+    script.setName(QString::fromLatin1(kScriptName));
+    script.setInjectionPoint(QWebEngineScript::DocumentCreation);
+    script.setWorldId(QWebEngineScript::MainWorld);
+    script.setSourceCode(PageScript(values));
+    scripts.insert(script);
+}
+
+void WebView::Call(const QString& function, const QString& arguments, const std::function<void(bool)>& done)
+{
+    const QString call = QStringLiteral("window.kxScreen !== undefined && document.body !== null && "
+                                        "kxScreen.%1(%2)");
+    page()->runJavaScript(call.arg(function, arguments),
+                          [done](const QVariant& outcome) { done(outcome.toBool()); });
+}
+
+void WebView::Grab(const std::function<void(const QPixmap&)>& done)
+{
+    m_grabs.append(done);
+    const QString ask = QStringLiteral("window.kxScreen !== undefined && (kxScreen.painted(), true)");
+    page()->runJavaScript(ask, [this](const QVariant& asked) {
+        if (!asked.toBool()) {
+            m_grabs.takeLast()(QPixmap());
+        }
+    });
+}
+
+QWebEngineView* WebView::createWindow(QWebEnginePage::WebWindowType)
+{
+    return this;
+}
+
+void WebView::OnTold(const QString& name, const QVariantMap& eventData)
+{
+    if (name != QLatin1String(kPainted)) {
+        emit PageEvent(name, eventData);
+        return;
+    }
+    for (const auto& done : std::exchange(m_grabs, {})) {
+        done(grab());
+    }
+}

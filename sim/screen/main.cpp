@@ -1,0 +1,92 @@
+// The terminal's screen: a browser engine behind the browser service, in a window with the terminal's keys
+// when there is a display, out of sight otherwise.
+#include "BrowserAdaptor.h"
+#include "BrowserService.h"
+#include "DeskControl.h"
+#include "DeskWindow.h"
+
+#include <QApplication>
+#include <QCommandLineParser>
+#include <QDBusConnection>
+#include <QRegularExpression>
+#include <QTextStream>
+
+#include <optional>
+
+namespace {
+
+// Settings of the engine that stay as they are when the environment has them already.
+void PrepareEnvironment(bool headless)
+{
+    const auto set = [](const char* name, const QByteArray& value) {
+        if (!qEnvironmentVariableIsSet(name)) {
+            qputenv(name, value);
+        }
+    };
+    set("QT_QPA_PLATFORM", headless ? "offscreen" : "xcb");
+    // The engine's own sandbox refuses to run as root; the private root is one already.
+    set("QTWEBENGINE_DISABLE_SANDBOX", "1");
+    set("QT_QUICK_BACKEND", "software");
+    set("QTWEBENGINE_CHROMIUM_FLAGS", "--disable-gpu --no-first-run");
+}
+
+std::optional<QSize> ParseSize(const QString& text)
+{
+    static const QRegularExpression size(QStringLiteral("^(\\d{2,4})x(\\d{2,4})$"));
+    const auto match = size.match(text);
+    return match.hasMatch() ? std::make_optional(QSize(match.captured(1).toInt(), match.captured(2).toInt()))
+                            : std::nullopt;
+}
+
+bool Offer(BrowserService& service, DeskControl& control)
+{
+    // The adaptor is a child of the service.
+    new BrowserAdaptor(&service);
+    QDBusConnection bus = QDBusConnection::systemBus();
+    // The objects come first: the core daemon asks for a page as soon as it sees the name.
+    return bus.registerObject(QStringLiteral("/"), &service, QDBusConnection::ExportAdaptors) &&
+           bus.registerObject(QStringLiteral("/Desk"), &control, QDBusConnection::ExportScriptableSlots) &&
+           bus.registerService(QStringLiteral("com.veltrasys.browser"));
+}
+
+int Fail(const QString& text)
+{
+    QTextStream(stderr) << "screen: " << text << Qt::endl;
+    return EXIT_FAILURE;
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    const bool headless = !qEnvironmentVariableIsSet("DISPLAY");
+    PrepareEnvironment(headless);
+    QApplication application(argc, argv);
+    QCommandLineParser parser;
+    const QCommandLineOption sizeOption(QStringLiteral("size"), QStringLiteral("pixels of the screen"),
+                                        QStringLiteral("WxH"), QStringLiteral("320x480"));
+    parser.addOption(sizeOption);
+    parser.addHelpOption();
+    parser.process(application);
+    const auto size = ParseSize(parser.value(sizeOption));
+    if (!size) {
+        return Fail(QStringLiteral("--size is to be like 320x480"));
+    }
+
+    RegisterVectorOfPairSS();
+    WebView view;
+    view.setFixedSize(*size);
+    BrowserService service(view);
+    DeskControl control(view);
+    if (!Offer(service, control)) {
+        return Fail(QStringLiteral("cannot offer its service: ") +
+                    QDBusConnection::systemBus().lastError().message());
+    }
+    if (headless) {
+        view.show();
+        return QApplication::exec();
+    }
+    DeskWindow window(view, service);
+    window.show();
+    return QApplication::exec();
+}
