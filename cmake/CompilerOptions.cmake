@@ -10,6 +10,8 @@ target_compile_options(kx_options INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>
   $<$<BOOL:${KX_WERROR}>:-Werror>
   -fstack-protector-strong)
+# On 32-bit ARM too, a terminal's clock goes on after January 2038 and files are of any size.
+target_compile_definitions(kx_options INTERFACE _TIME_BITS=64 _FILE_OFFSET_BITS=64)
 # Fortification needs optimisation; with a sanitizer it only hides what the sanitizer would report.
 if(NOT KX_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   target_compile_options(kx_options INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)

@@ -23,6 +23,14 @@ endif()
 # Instrumented programs write their counts into the build tree.
 set(_kx_build_bind $<IF:$<BOOL:${KX_COVERAGE}>,--bind-rw,--bind>)
 
+# Built for another architecture, they are emulated there, which takes several times as long.
+set(_kx_sysroot "")
+set(_kx_slowness 1)
+if(CMAKE_CROSSCOMPILING)
+  set(_kx_sysroot --sysroot "${CMAKE_SYSROOT}")
+  set(_kx_slowness 5)
+endif()
+
 # kx_add_test(NAME name COMMAND program [arg...] [SIM] [LABELS label...] [TIMEOUT seconds])
 # Registers a test that runs the program, a target or an absolute path, in the private root. There are the staged
 # installation, with SIM also the desk terminal, and the source and the build tree at the paths they have here.
@@ -34,6 +42,7 @@ function(kx_add_test)
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 60)
   endif()
+  math(EXPR arg_TIMEOUT "${arg_TIMEOUT} * ${_kx_slowness}")
   set(stage "${KX_STAGE_DIR}")
   set(fixture stage)
   if(arg_SIM)
@@ -45,13 +54,15 @@ function(kx_add_test)
     set(program "$<TARGET_FILE:${program}>")
   endif()
   add_test(NAME ${arg_NAME}
-    COMMAND "${CMAKE_SOURCE_DIR}/scripts/sandbox" --stage "${stage}"
+    COMMAND "${CMAKE_SOURCE_DIR}/scripts/sandbox" --stage "${stage}" ${_kx_sysroot}
       --bind "${CMAKE_SOURCE_DIR}" ${_kx_build_bind} "${CMAKE_BINARY_DIR}" -- ${program} ${arg_COMMAND})
   set_tests_properties(${arg_NAME} PROPERTIES
     FIXTURES_REQUIRED ${fixture}
     LABELS "${arg_LABELS}"
     TIMEOUT ${arg_TIMEOUT})
-  if(KX_SANITIZE)
+  if(CMAKE_CROSSCOMPILING)
+    set_tests_properties(${arg_NAME} PROPERTIES ENVIRONMENT KX_TIME_FACTOR=${_kx_slowness})
+  elseif(KX_SANITIZE)
     set_tests_properties(${arg_NAME} PROPERTIES ENVIRONMENT
       "ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1;UBSAN_OPTIONS=print_stacktrace=1")
   endif()

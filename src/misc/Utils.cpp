@@ -192,7 +192,7 @@ void Pause(std::chrono::milliseconds duration)
     clock_gettime(CLOCK_MONOTONIC, &deadline);
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
     deadline.tv_sec += seconds.count();
-    deadline.tv_nsec += std::chrono::nanoseconds(duration - seconds).count();
+    deadline.tv_nsec += static_cast<long>(std::chrono::nanoseconds(duration - seconds).count());
     if (deadline.tv_nsec >= kNanosecondsPerSecond) {
         deadline.tv_nsec -= kNanosecondsPerSecond;
         ++deadline.tv_sec;

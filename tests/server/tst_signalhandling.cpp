@@ -143,7 +143,7 @@ private slots:
 
     void OtherSignalsChangeNothing()
     {
-        for (const int signo : {SIGINT, SIGHUP, SIGALRM, SIGCHLD, SIGUSR1, SIGPIPE, SIGRTMAX}) {
+        for (const int signo : {SIGINT, SIGHUP, SIGALRM, SIGCHLD, SIGUSR1, SIGPIPE, SIGRTMIN + 2}) {
             errno = EXDEV;
             const int sent = raise(signo);
             const int error = errno;

@@ -1,10 +1,10 @@
+#include "AccountingRecord.h"
 #include "DaemonFixture.h"
 
 #include <QFileInfo>
 
 #include <fcntl.h>
 #include <unistd.h>
-#include <utmp.h>
 
 #include <csignal>
 #include <cstring>
@@ -49,8 +49,11 @@ pid_t LockHolder(const char* path)
 QVector<struct utmp> AccountingRecords()
 {
     const QByteArray content = ContentOf(kAccounting);
-    QVector<struct utmp> records(content.size() / static_cast<int>(sizeof(struct utmp)));
-    std::memcpy(records.data(), content.constData(), records.size() * sizeof(struct utmp));
+    QVector<struct utmp> records(content.size() / kAccountingRecordSize);
+    for (int record = 0; record < records.size(); ++record) {
+        std::memcpy(&records[record], content.constData() + record * kAccountingRecordSize,
+                    kAccountingRecordSize);
+    }
     return records;
 }
 

@@ -59,6 +59,7 @@ void DBusMonitor::SavePoweroffRecord()
     std::memcpy(record.ut_line, "~~", 2);
     std::memcpy(record.ut_id, "~~", 2);
     std::strncpy(record.ut_user, "poweroff", sizeof(record.ut_user));
+    // Where the file has 32 bits for the time, it gets the lower ones.
     record.ut_tv.tv_sec = static_cast<decltype(record.ut_tv.tv_sec)>(std::time(nullptr));
 
     // updwtmp appends to a file that exists; the volatile file system starts without one. An application may

@@ -1,5 +1,6 @@
 #include "server/dbus/DbusMonitor.h"
 
+#include "AccountingRecord.h"
 #include "Files.h"
 #include "Fixture.h"
 #include "Processes.h"
@@ -10,7 +11,6 @@
 
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utmp.h>
 
 #include <csignal>
 #include <cstring>
@@ -71,8 +71,8 @@ private slots:
         QByteArray content = ReadFile(kRecords);
         for (int record = 0; record < 2; ++record) {
             utmp written = {};
-            std::memcpy(&written, content.constData(), qMin<size_t>(content.size(), sizeof(written)));
-            content.remove(0, sizeof(written));
+            std::memcpy(&written, content.constData(), qMin(content.size(), kAccountingRecordSize));
+            content.remove(0, kAccountingRecordSize);
             QVERIFY(before <= written.ut_tv.tv_sec && written.ut_tv.tv_sec <= std::time(nullptr));
             expected.ut_tv = written.ut_tv;
             QCOMPARE(BytesOf(written), BytesOf(expected));
@@ -128,7 +128,7 @@ private slots:
         QElapsedTimer sinceLoss;
         sinceLoss.start();
         QTRY_COMPARE(ReadFile(kCalls), QByteArray("fbv -f -r /etc/platform/sys/maintenance.png\n"));
-        QTRY_COMPARE(ReadFile(kRecords).size(), static_cast<int>(sizeof(utmp)));
+        QTRY_COMPARE(ReadFile(kRecords).size(), kAccountingRecordSize);
         QCOMPARE(TakeLogLines(),
                  QStringList({"0 DBusDied Seems that dbus-daemon died.",
                               "0 DBusDied Updater is not running => The unit must be restarted"}));

@@ -15,6 +15,13 @@ enum { NanosecondsPerSecond = 1000000000 };
 /* What the kernel takes: some three centuries from the epoch on. */
 static const long long kLastSettable = 8277292036LL;
 
+/* The call that fills a timespec with 64 bits of seconds; 32-bit machines also have an older one. */
+#ifdef SYS_clock_gettime64
+static const long kClockGettime = SYS_clock_gettime64;
+#else
+static const long kClockGettime = SYS_clock_gettime;
+#endif
+
 static struct timespec shift;
 
 __attribute__((constructor)) static void LeaveEnvironment(void)
@@ -43,10 +50,15 @@ static struct timespec Negative(struct timespec a)
     return a;
 }
 
+static int MachineClock(clockid_t clock, struct timespec* result)
+{
+    return (int)syscall(kClockGettime, clock, result);
+}
+
 static struct timespec MachineTime(void)
 {
     struct timespec now = {0, 0};
-    syscall(SYS_clock_gettime, CLOCK_REALTIME, &now);
+    MachineClock(CLOCK_REALTIME, &now);
     return now;
 }
 
@@ -97,7 +109,7 @@ int gettimeofday(struct timeval* restrict result, void* restrict zone)
 int clock_gettime(clockid_t clock, struct timespec* result)
 {
     if (clock != CLOCK_REALTIME) {
-        return (int)syscall(SYS_clock_gettime, clock, result);
+        return MachineClock(clock, result);
     }
     *result = Now();
     return 0;
