@@ -10,8 +10,11 @@ target_compile_options(kx_options INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>
   $<$<BOOL:${KX_WERROR}>:-Werror>
   -fstack-protector-strong)
-# On 32-bit ARM too, a terminal's clock goes on after January 2038 and files are of any size.
-target_compile_definitions(kx_options INTERFACE _TIME_BITS=64 _FILE_OFFSET_BITS=64)
+# On a 32-bit terminal too, the clock goes on after January 2038 and files are of any size. Elsewhere that is so
+# anyway, and the definitions would only give some C functions other names.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  target_compile_definitions(kx_options INTERFACE _TIME_BITS=64 _FILE_OFFSET_BITS=64)
+endif()
 # Fortification needs optimisation; with a sanitizer it only hides what the sanitizer would report.
 if(NOT KX_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   target_compile_options(kx_options INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
