@@ -14,8 +14,9 @@ void Checks::Photograph(const QString& name)
     const QString words = name.section(QLatin1Char(','), 0, 0).toLower().replace(other, QStringLiteral("-"));
     const QString file =
         QStringLiteral("%1-%2.png").arg(++m_pictureCount, 2, 10, QLatin1Char('0')).arg(words);
-    // While a page is being loaded there is nothing to take a picture of.
-    if (!WaitFor([&] { return m_terminal.Photograph(QDir(m_pictures).filePath(file)); })) {
+    // Before the first page there is nothing to take a picture of.
+    if (!WaitFor(
+            [&] { return !Title().isEmpty() && m_terminal.Photograph(QDir(m_pictures).filePath(file)); })) {
         Expect(false, QStringLiteral("a picture is taken: ") + file, m_terminal.LastError());
     }
 }
