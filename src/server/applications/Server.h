@@ -19,8 +19,8 @@ namespace core::applications {
 /// The object behind /Applications: knows the installed applications, publishes their web resources, starts
 /// and stops their programs and says which page the terminal shows.
 ///
-/// Lives on the main thread; every function blocks it until it returns. No exception leaves a slot: what
-/// escapes inside is logged at error level as "Unexpected exception".
+/// Lives on the main thread; every function blocks it until it returns. No exception leaves Enumerate, Start,
+/// StartApplication or Terminate: what escapes inside is logged at error level as "Unexpected exception".
 class Server : public QObject {
     Q_OBJECT
 
