@@ -106,9 +106,11 @@ private:
         int cgiDefaults = 0;
     };
 
+    static constexpr auto kShowOnceForm = "/home/platform/html/show_once.html";
+
     void RunStartSequence();
     BootPlan StartBootPrograms();
-    void LinkDefaultCgi(const BootPlan& plan) const;
+    static void LinkDefaultCgi(const BootPlan& plan);
     void ShowFormOf(const QString& page, QString application);
     const core::configuration::ApplicationConfig* FindApplication(const QString& name) const;
     QString LaunchBinary(const QString& application, const QString& binary, const QString& params);
