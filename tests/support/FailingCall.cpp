@@ -57,6 +57,8 @@ KX_FAILING(int, -1, close, (int fd), (fd))
 KX_FAILING(int, -1, fchmod, (int fd, mode_t mode), (fd, mode))
 KX_FAILING(int, -1, fcntl, (int fd, int command, long argument), (fd, command, argument))
 KX_FAILING(pid_t, -1, fork, (), ())
+KX_FAILING(int, -1, getgrouplist, (const char* user, gid_t group, gid_t* groups, int* count),
+           (user, group, groups, count))
 KX_FAILING(struct passwd*, nullptr, getpwuid, (uid_t uid), (uid))
 KX_FAILING(int, -1, pipe, (int* ends), (ends))
 KX_FAILING(int, -1, pipe2, (int* ends, int flags), (ends, flags))

@@ -18,7 +18,6 @@ namespace core::applications {
 namespace {
 
 constexpr auto kSource = "/pkgs/kx-core/src/server/applications/Server";
-constexpr auto kShowOnceForm = "/home/platform/html/show_once.html";
 
 /// In order of priority: a terminal that has several of them shows the first.
 constexpr std::array<const char*, 4> kDefaultApplications{"desktop", "productiontest", "systemconfig",
@@ -74,9 +73,7 @@ QString Server::GetNameOfInstalledDefaultApp()
 
 bool Server::IsValidAppID(unsigned uid, unsigned gid)
 {
-    constexpr unsigned kFirst = 4000;
-    constexpr unsigned kLast = 4999;
-    return uid >= kFirst && uid <= kLast && gid >= kFirst && gid <= kLast;
+    return ProcessManager::IsApplicationIdentity(uid, gid);
 }
 
 bool Server::HasShowOnceForm()

@@ -19,8 +19,8 @@ namespace core::applications {
 /// The object behind /Applications: knows the installed applications, publishes their web resources, starts
 /// and stops their programs and says which page the terminal shows.
 ///
-/// Lives on the main thread; every function blocks it until it returns. No exception leaves a slot: what
-/// escapes inside is logged at error level as "Unexpected exception".
+/// Lives on the main thread; every function blocks it until it returns. No exception leaves Enumerate, Start,
+/// StartApplication or Terminate: what escapes inside is logged at error level as "Unexpected exception".
 class Server : public QObject {
     Q_OBJECT
 
@@ -106,9 +106,11 @@ private:
         int cgiDefaults = 0;
     };
 
+    static constexpr auto kShowOnceForm = "/home/platform/html/show_once.html";
+
     void RunStartSequence();
     BootPlan StartBootPrograms();
-    void LinkDefaultCgi(const BootPlan& plan) const;
+    static void LinkDefaultCgi(const BootPlan& plan);
     void ShowFormOf(const QString& page, QString application);
     const core::configuration::ApplicationConfig* FindApplication(const QString& name) const;
     QString LaunchBinary(const QString& application, const QString& binary, const QString& params);

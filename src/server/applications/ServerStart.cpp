@@ -16,7 +16,6 @@ namespace {
 constexpr auto kSource = "/pkgs/kx-core/src/server/applications/Server";
 constexpr auto kNoApplicationsPage = "http://localhost/cgi-bin/page/show?path=platform/misc/noapps.html";
 constexpr auto kShowOncePage = "http://localhost/cgi-bin/page/show?path=platform/show_once.html";
-constexpr auto kShowOnceForm = "/home/platform/html/show_once.html";
 constexpr auto kIndexPage = "html/index.html";
 constexpr auto kDefaultCgiLink = "/var/run/www/cgi-bin-default";
 
@@ -204,7 +203,7 @@ Server::BootPlan Server::StartBootPrograms()
     return plan;
 }
 
-void Server::LinkDefaultCgi(const BootPlan& plan) const
+void Server::LinkDefaultCgi(const BootPlan& plan)
 {
     if (plan.cgiDefaults == 1) {
         FileSystem::CreateSymlink(QStringLiteral("/home/%1/cgi-bin").arg(plan.cgiDefaultApp),

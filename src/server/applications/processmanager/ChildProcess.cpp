@@ -71,12 +71,13 @@ void ChildProcess::FindGroups(const QString& userName)
 {
     const QByteArray user = userName.toLatin1();
     int count = 16;
-    m_groups.resize(static_cast<size_t>(count));
-    while (getgrouplist(user.constData(), m_gid, m_groups.data(), &count) < 0 &&
-           static_cast<size_t>(count) > m_groups.size()) {
-        m_groups.resize(static_cast<size_t>(count));
-    }
-    m_groups.resize(static_cast<size_t>(count));
+    int found = -1;
+    do {
+        m_groups.resize(static_cast<size_t>(count), m_gid);
+        found = getgrouplist(user.constData(), m_gid, m_groups.data(), &count);
+    } while (found < 0 && static_cast<size_t>(count) > m_groups.size());
+    // A search that ran out of memory leaves only the application's own group, never the zeros of root's.
+    m_groups.resize(found < 0 ? 1 : static_cast<size_t>(found));
 }
 
 void ChildProcess::BuildEnvironment(const core::configuration::ApplicationConfig& config)

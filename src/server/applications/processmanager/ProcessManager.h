@@ -42,6 +42,9 @@ public:
     /// \param pid  process id in decimal
     static void GetProcessUIDandGID(const QString& pid, unsigned int& uid, unsigned int& gid);
 
+    /// \return whether both ids are those of application accounts, 4000 to 4999
+    static bool IsApplicationIdentity(unsigned uid, unsigned gid);
+
     /// Sends SIGTERM and, 250 ms later, SIGKILL to every process whose user and group both are application
     /// accounts; then waits, without sleeping, until the daemon has no children.
     void TerminateApps();

@@ -37,6 +37,11 @@ QStringList ListProcesses()
 
 } // namespace
 
+bool ProcessManager::IsApplicationIdentity(unsigned uid, unsigned gid)
+{
+    return IsApplicationId(uid) && IsApplicationId(gid);
+}
+
 void ProcessManager::GetProcessUIDandGID(const QString& pid, unsigned int& uid, unsigned int& gid)
 {
     const QString path = QStringLiteral("/proc/") + pid;
@@ -68,7 +73,7 @@ void ProcessManager::SignalApplicationProcesses()
             unsigned uid = 0;
             unsigned gid = 0;
             GetProcessUIDandGID(process, uid, gid);
-            if (IsApplicationId(uid) && IsApplicationId(gid)) {
+            if (IsApplicationIdentity(uid, gid)) {
                 TerminateProcess(process.toInt(), signo);
                 signalled = true;
             }

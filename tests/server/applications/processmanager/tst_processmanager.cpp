@@ -269,6 +269,13 @@ private slots:
         QCOMPARE(logged, log);
     }
 
+    void UnknownGroupsLeaveTheOwnOne()
+    {
+        const FailingCall failure("getgrouplist", ENOMEM);
+        QVERIFY(m_manager.StartProcess("/home/pay/bin/app 60", Pay()));
+        QCOMPARE(StatusOf(Children().value(0)).value("Groups"), QByteArray("4002"));
+    }
+
     void MissingHomeAndUnknownIdentityShowInTheLogOnly()
     {
         ApplicationConfig config = Pay();
