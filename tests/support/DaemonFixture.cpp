@@ -288,9 +288,14 @@ bool DaemonFixture::WaitUntilServing()
     return serving;
 }
 
+bool DaemonFixture::AdoptsOrphans()
+{
+    return prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
+}
+
 bool DaemonFixture::LaunchDetached(const QStringList& arguments)
 {
-    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    AdoptsOrphans();
     const auto before = ChildrenOf(getpid());
     if (!Launch(arguments) || WaitForExit() != 0) {
         return false;

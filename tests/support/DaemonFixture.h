@@ -113,9 +113,13 @@ public:
     /// Waits until the event loop of the daemon answers on the bus, which is after its boot sequence.
     bool WaitUntilServing();
 
+    /// Makes this process the parent of what the daemon leaves behind.
+    /// \return false when the machine cannot do that (an emulator)
+    static bool AdoptsOrphans();
+
     /// Starts a daemon that detaches itself and takes it over, so that Pid, Signal and WaitForExit work on
-    /// it. This process becomes the reaper of what the daemon leaves behind. \return false when nothing
-    /// detached or the program that was started did not end with status 0
+    /// it; see AdoptsOrphans. \return false when nothing detached or the program that was started did not
+    /// end with status 0
     bool LaunchDetached(const QStringList& arguments);
 
     void Signal(int signo) const;

@@ -162,8 +162,8 @@ void VariablesTest::HostileNamesDoNotBlock()
 
     QCOMPARE(m_server.SaveVariableValue(name, "1"), 0);
 
-    constexpr qint64 kBound = 10000;
-    QVERIFY2(timer.elapsed() < kBound, qPrintable(QString::number(timer.elapsed())));
+    const qint64 bound = 10000LL * qMax(1, qEnvironmentVariableIntValue("KX_TIME_FACTOR"));
+    QVERIFY2(timer.elapsed() < bound, qPrintable(QString::number(timer.elapsed())));
     const QByteArray saved = "export " + name.toLatin1() + "=\"1\"\n";
     const bool isFirst = name.startsWith("**");
     const QByteArray rest = Read(kConfiguration).mid(isFirst ? 0 : isFound ? 13 : lines.size());

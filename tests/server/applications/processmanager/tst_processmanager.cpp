@@ -46,8 +46,10 @@ int EndChild()
     if (child == 0) {
         return kNoChild;
     }
-    // Until it executes its program or ends it is a copy of this process.
-    const QList<QByteArray> own = EntriesOf(getpid(), "cmdline");
+    // Until it executes its program or ends it is a copy of this process. Asked for in the usual place, an
+    // emulator would hide itself from the process that it runs.
+    const QByteArray inTask = "task/" + QByteArray::number(getpid()) + "/cmdline";
+    const QList<QByteArray> own = EntriesOf(getpid(), inTask.constData());
     if (!QTest::qWaitFor([&] { return EntriesOf(child, "cmdline") != own; })) {
         qWarning("the child hangs");
     }
