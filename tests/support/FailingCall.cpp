@@ -1,6 +1,7 @@
 #include "FailingCall.h"
 
 #include <grp.h>
+#include <poll.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -62,6 +63,7 @@ KX_FAILING(int, -1, getgrouplist, (const char* user, gid_t group, gid_t* groups,
 KX_FAILING(struct passwd*, nullptr, getpwuid, (uid_t uid), (uid))
 KX_FAILING(int, -1, pipe, (int* ends), (ends))
 KX_FAILING(int, -1, pipe2, (int* ends, int flags), (ends, flags))
+KX_FAILING(int, 0, poll, (struct pollfd * entries, nfds_t count, int timeout), (entries, count, timeout))
 KX_FAILING(int, -1, prctl, (int option, long a, long b, long c, long d), (option, a, b, c, d))
 KX_FAILING(ssize_t, -1, read, (int fd, void* buffer, size_t size), (fd, buffer, size))
 KX_FAILING(int, -1, setegid, (gid_t gid), (gid))

@@ -9,7 +9,7 @@ class FailingCall {
 public:
     /// \param name   the function, one of those in FailingCall.cpp
     /// \param error  errno that it fails with; kHalfDone for a write of half of what was asked for; kThrow
-    ///               for std::bad_alloc thrown
+    ///               for std::bad_alloc thrown; poll reports that the time is over, whatever the number
     /// \param skip   how many calls succeed before
     FailingCall(const char* name, int error, int skip = 0);
     ~FailingCall();

@@ -6,13 +6,16 @@
 #include "server/SignalHandling.h"
 #include "server/applications/processmanager/ChildProcess.h"
 
+#include <QDeadlineTimer>
 #include <QStringList>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -26,6 +29,9 @@ namespace {
 constexpr auto kSource = "/pkgs/kx-core/src/server/applications/processmanager/ProcessManager";
 constexpr auto kFunction = "StartProcess";
 constexpr auto kSharedDirectory = "/shared";
+
+/// Far more than a busy terminal needs, and less than a caller on the bus waits for its reply.
+constexpr std::chrono::seconds kExecPatience{10};
 
 struct Pipe {
     UniqueFd readEnd;
@@ -77,18 +83,36 @@ bool OpenErrorPipe(Pipe& errorPipe)
     return true;
 }
 
-/// Waits for the child to execute its program.
+/// \return as read does; -1 with ETIMEDOUT when nothing comes in time
+ssize_t ReadInTime(int fd, void* buffer, size_t size)
+{
+    const QDeadlineTimer deadline(kExecPatience);
+    struct pollfd entry = {fd, POLLIN, 0};
+    ssize_t count = -1;
+    do {
+        const int ready = poll(&entry, 1, static_cast<int>(deadline.remainingTime()));
+        if (ready == 0) {
+            errno = ETIMEDOUT;
+            return -1;
+        }
+        count = ready > 0 ? read(fd, buffer, size) : -1;
+    } while (count < 0 && errno == EINTR);
+    return count;
+}
+
+/// Waits for the child to execute its program. One that does not get there is killed: it has the identity of
+/// the application, which may have stopped it, or hold the program back with a lease, to block the daemon.
 /// \return whether the pipe was closed without a word
-bool WaitForExec(int readEnd)
+bool WaitForExec(int readEnd, pid_t child)
 {
     int childError = 0;
-    ssize_t count = 0;
-    do {
-        count = read(readEnd, &childError, sizeof(childError));
-    } while (count < 0 && errno == EINTR);
-
+    const ssize_t count = ReadInTime(readEnd, &childError, sizeof(childError));
     if (count < 0) {
-        LogError(QStringLiteral("Start: Error reading from pipe (%1)"), errno);
+        const int error = errno;
+        if (error == ETIMEDOUT) {
+            kill(child, SIGKILL);
+        }
+        LogError(QStringLiteral("Start: Error reading from pipe (%1)"), error);
     } else if (count == static_cast<ssize_t>(sizeof(childError))) {
         LogError(QStringLiteral("Start: Failed to execute child (%1)"), childError);
     } else if (count > 0) {
@@ -118,7 +142,7 @@ bool Launch(const ChildProcess& child)
         return false;
     }
     errorPipe.writeEnd.Reset();
-    return WaitForExec(errorPipe.readEnd.Get());
+    return WaitForExec(errorPipe.readEnd.Get(), pid);
 }
 
 } // namespace

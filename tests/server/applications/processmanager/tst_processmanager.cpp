@@ -5,12 +5,14 @@
 #include "Fixture.h"
 #include "Processes.h"
 
+#include "misc/UniqueFd.h"
 #include "server/SignalHandling.h"
 
 #include <QDir>
 #include <QFileInfo>
 #include <QProcessEnvironment>
 
+#include <fcntl.h>
 #include <grp.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -276,6 +278,22 @@ private slots:
         const FailingCall failure("getgrouplist", ENOMEM);
         QVERIFY(m_manager.StartProcess("/home/pay/bin/app 60", Pay()));
         QCOMPARE(StatusOf(Children().value(0)).value("Groups"), QByteArray("4002"));
+    }
+
+    void ChildThatIsHeldBackIsKilled()
+    {
+        const UniqueFd program(open("/home/pay/bin/app", O_RDWR | O_CLOEXEC));
+        static_cast<void>(std::signal(SIGIO, SIG_IGN));
+        QCOMPARE(fcntl(program.Get(), F_SETLEASE, F_WRLCK), 0); // longer than poll would wait
+        {
+            const FailingCall timeOut("poll", 0);
+            QVERIFY(!m_manager.StartProcess("/home/pay/bin/app 60", Pay()));
+        }
+        int status = 0;
+        QVERIFY(QTest::qWaitFor([&] { return waitpid(-1, &status, WNOHANG) > 0; }));
+        QVERIFY(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+        QCOMPARE(TakeLogLines(),
+                 QStringList(Quoted("Start: Error reading from pipe (Connection timed out)")));
     }
 
     void MissingHomeAndUnknownIdentityShowInTheLogOnly()
