@@ -7,6 +7,7 @@
 #include <QFile>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 
@@ -348,7 +349,10 @@ int main(int argc, char** argv)
     const QStringList arguments = QCoreApplication::arguments().mid(1);
     if (QCoreApplication::applicationFilePath() == kCaller) {
         std::puts(qPrintable(Act(arguments)));
-        return 0;
+        std::fflush(stdout);
+        // At once: a leak check at exit sees what the bus thread is just busy with, and ends before the
+        // output.
+        _exit(0);
     }
     AccessTest test;
     return QTest::qExec(&test, argc, argv);
