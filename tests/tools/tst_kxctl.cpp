@@ -288,8 +288,9 @@ private slots:
         const QDBusReply<void> reloaded = QDBusConnection::systemBus().interface()->call("ReloadConfig");
         QVERIFY2(reloaded.isValid(), qPrintable(reloaded.error().message()));
         const CommandRun run = RunCommand("setpriv", {"--reuid", "guest", "--clear-groups", "kxctl", "apps"});
-        KX_VERIFY_MATCH(run.err,
-                        QString("kxctl: the system bus does not let this account ask for that[^\n]+\n"));
+        // A counting program complains below that its counts cannot be written.
+        KX_VERIFY_MATCH(run.err.section('\n', 0, 0),
+                        QString("kxctl: the system bus does not let this account ask for that[^\n]+"));
         QCOMPARE(run.status, 1);
     }
 
