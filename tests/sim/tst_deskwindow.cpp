@@ -53,10 +53,11 @@ void DeskWindowTest::KeysReachTheApplicationsAndTheirPages()
     kxtest::InstallApplication("desktop", 4001, 4001,
                                "<application><home_button>html/index.html</home_button></application>",
                                {{"html/index.html", PageCalled("desk")}});
-    kxtest::InstallApplication("pay", 4002, 4002,
-                               "<application><home_button>html/home.html</home_button><desktop_item title='Pay' "
-                               "icon_position='1'>html/form.html</desktop_item></application>",
-                               {{"html/form.html", kForm}, {"html/home.html", PageCalled("home of pay")}});
+    kxtest::InstallApplication(
+        "pay", 4002, 4002,
+        "<application><home_button>html/home.html</home_button><desktop_item title='Pay' "
+        "icon_position='1'>html/form.html</desktop_item></application>",
+        {{"html/form.html", kForm}, {"html/home.html", PageCalled("home of pay")}});
     QDir().mkpath("/run/www");
     QProcess web;
     web.start("/usr/sbin/lighttpd", {"-D", "-f", "/usr/libexec/kx-sim/lighttpd.conf"});
