@@ -6,6 +6,7 @@
 #include "server/applications/Server.h"
 #include "server/dbus/ApplicationList.h"
 #include "server/dbus/DbusMonitor.h"
+#include "server/dbus/VectorOfPairSS.h"
 #include "server/system/Server.h"
 #include "server/tools/Server.h"
 
@@ -66,6 +67,7 @@ QDBusConnection ConnectToBus()
 int Serve()
 {
     RegisterApplicationList();
+    RegisterVectorOfPairSS();
     QDBusConnection bus = ConnectToBus();
     if (!bus.registerService(QStringLiteral("com.veltrasys.kx.core"))) {
         return Fail(NoService, "Can't register service");

@@ -134,11 +134,11 @@ private slots:
             "2: error: <show_on_boot>: 'res/list' has no page address: pages lie below html");
         // Files that are not read at all.
         file("not well-formed", "<application>\n  <a>\n</application>",
-             "3: error: not well-formed: Opening and ending tag mismatch (column 14); nothing of the file is "
+             "3: error: not well-formed: tag mismatch (column 14); nothing of the file is "
              "read");
         file(
             "nested", Nested(200),
-            "1: error: elements are nested deeper than 100 levels (column 313); nothing of the file is read");
+            "1: error: elements are nested deeper than 100 levels (column 310); nothing of the file is read");
         file("exploding", Exploding(),
              "1: error: entities expand to more than 16777216 characters (column 0); nothing of the file is "
              "read");

@@ -8,8 +8,17 @@
 
 namespace {
 
-/// Half of what the bus takes; the sizes are estimates.
-constexpr qint64 kMaxReplyBytes = 16LL * 1024 * 1024;
+/// Three quarters of what the bus takes; keys, signatures and padding are estimated.
+constexpr qint64 kMaxReplyBytes = 24LL * 1024 * 1024;
+
+qint64 Utf8Bytes(const QString& text)
+{
+    return std::accumulate(text.begin(), text.end(), qint64{0}, [](qint64 sum, QChar unit) {
+        // Each half of a surrogate pair counts for two of its four bytes.
+        const bool isHalf = unit.isSurrogate();
+        return sum + (unit.unicode() < 0x80 ? 1 : unit.unicode() < 0x800 || isHalf ? 2 : 3);
+    });
+}
 
 qint64 EstimateBytes(const QVariant& value);
 
@@ -25,10 +34,9 @@ qint64 EstimateBytes(const QVariantMap& map)
 
 qint64 EstimateBytes(const QVariant& value)
 {
-    constexpr qint64 kUtf8PerUnit = 3;
     switch (static_cast<QMetaType::Type>(value.type())) {
     case QMetaType::QString:
-        return kUtf8PerUnit * value.toString().size();
+        return Utf8Bytes(value.toString());
     case QMetaType::QVariantMap:
         return EstimateBytes(value.toMap());
     case QMetaType::QVariantList: {

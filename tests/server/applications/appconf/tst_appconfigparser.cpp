@@ -245,6 +245,21 @@ private slots:
         QCOMPARE(Parser::GatherApplicationData(expanded.constData(), "pay").m_prompts.size(), 1000010);
     }
 
+    /// What the limits are checked with is no stricter than the reader.
+    void LaxFileIsRead()
+    {
+        const QByteArray body = "<application><resources>r</resources></application>";
+        for (const QByteArray& content :
+             {"<?xml version='1.1'?>" + body, "<?xml version='1.0' encoding='none'?>" + body,
+              QByteArray("<application><x:y:z/><a b='1'c='&nbsp;'/><resources>r</resources></application>"),
+              "<!DOCTYPE a [<!ENTITY e '" + QByteArray(5000, 'x') +
+                  "'>]><application><resources>r</resources>"
+                  "<a>&e;</a></application>"}) {
+            QVERIFY2(Parser::GatherApplicationData(content.constData(), "pay").m_resources == "/home/pay/r",
+                     content);
+        }
+    }
+
     void IdentityAndKindComeFromTheHome()
     {
         const auto identity = [](const ApplicationConfig& config) {
