@@ -4,8 +4,8 @@
 
 namespace core::tools {
 
-/// Runs the steps of a D-Bus method. What a caller sends may need more memory than there is: that must not end the
-/// daemon.
+/// Runs the steps of a D-Bus method. What a caller sends may need more memory than there is: that must not
+/// end the daemon.
 ///
 /// \param function  name of the method, for the log ("Unexpected exception", error level)
 /// \param failure   result when an exception leaves the steps

@@ -355,7 +355,7 @@ private slots:
         Columns<QString, QStringList>("obstacle", "log");
         const QString notOwned("3 CreateDirIfNeeded Failed to create dir =  20");
         Row("tmp", "/tmp/pay", QStringList({notOwned, "3 PrepareEnviornment Failed to create tmp dir"}));
-        Row("shared", "/shared", QStringList({notOwned, "3 PrepareEnviornment Failed to create shared dir"}));
+        Row("shared", "/shared", QStringList("3 PrepareEnviornment Failed to create shared dir"));
         Row("sockets", "/var/run/sockets",
             QStringList("3 PrepareEnviornment Failed to create socket dir dir"));
     }
