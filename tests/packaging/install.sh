@@ -55,6 +55,20 @@ pid_of_daemon() { pgrep --exact kxcore; }
 is_enabled() { test -L /etc/rc2.d/S01kxcore; }
 is_masked() { test -L /etc/systemd/system/kxcore.service; }
 
+# is_manual_page FILE: below /usr/share/man, and without a warning of the formatter
+is_manual_page() {
+    local warnings
+    warnings=$(LC_ALL=C.UTF-8 man --warnings --local-file "/usr/share/man/$1" 2>&1 >/dev/null) || return
+    test -z "$warnings"
+}
+
+manuals_are_installed() {
+    local page
+    for page in man1/kxctl.1 man1/kxregistry.1 man5/app.conf.5 man8/kxcore.8; do
+        check "there is a manual page $page" is_manual_page "$page.gz"
+    done
+}
+
 installs() {
     check "the packages install" dpkg --install "$packages"/*.deb
     check "their dependencies are met" dpkg --configure --pending
@@ -150,7 +164,10 @@ inside() {
     # The private root comes with the groups, and a build machine may forbid its packages to start services.
     sed -i '/^kx/d' /etc/group
     rm -f /usr/sbin/policy-rc.d
+    # The formatter of manual pages misses the operator's macros when there is no such file.
+    mkdir -p /etc/groff && touch /etc/groff/man.local
     installs
+    manuals_are_installed
     serves_by_policy
     clients_build
     upgrades
