@@ -23,9 +23,22 @@ constexpr Method kStart{"com.veltrasys.kx.core", "/Applications", "com.veltrasys
                         "Start"};
 constexpr Method kTerminate{"com.veltrasys.kx.core", "/Applications", "com.veltrasys.kx.core.Applications",
                             "Terminate"};
-constexpr Method kQtPing{"com.veltrasys.bench.Qt", "/", "com.veltrasys.bench.Qt", "Ping"};
-constexpr Method kQtStart{"com.veltrasys.bench.Qt", "/", "com.veltrasys.bench.Qt", "Start"};
 constexpr Method kBusPing{"com.veltrasys.bench.Bus", "/", "com.veltrasys.bench.Bus", "Ping"};
+
+/// One of the services on QtDBus; the second also sets libcurl up, to tell its share of what the daemon
+/// costs.
+struct QtService {
+    const char* program;
+    Method ping;
+    Method start;
+};
+
+constexpr QtService kQt{"/usr/libexec/kx-bench/qt-service",
+                        {"com.veltrasys.bench.Qt", "/", "com.veltrasys.bench.Qt", "Ping"},
+                        {"com.veltrasys.bench.Qt", "/", "com.veltrasys.bench.Qt", "Start"}};
+constexpr QtService kQtCurl{"/usr/libexec/kx-bench/qt-service-curl",
+                            {"com.veltrasys.bench.QtCurl", "/", "com.veltrasys.bench.Qt", "Ping"},
+                            {"com.veltrasys.bench.QtCurl", "/", "com.veltrasys.bench.Qt", "Start"}};
 
 /// A client on the bus. What fails throws.
 class Bus {

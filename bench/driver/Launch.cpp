@@ -17,6 +17,8 @@
 namespace kxbench {
 namespace {
 
+constexpr size_t kFirstPeer = 3; ///< after the daemon and the two limits
+
 /// The pipe that the launched program writes to.
 class StampPipe {
 public:
@@ -62,7 +64,8 @@ double Latency(Launcher& launcher, const StampPipe& pipe)
 
 Section MeasureLaunch(const Options& options)
 {
-    constexpr double kRest = 1.2e6; // what supervisors need between two runs of a service
+    constexpr int kPerRest = 8;   // half of the supervisors' services
+    constexpr double kRest = 6e5; // so that each has the second that supervisors want between two of its runs
     InstallApplications(1);
     const StampPipe pipe;
     const auto launchers = StartLaunchers();
@@ -71,7 +74,6 @@ Section MeasureLaunch(const Options& options)
         rows.push_back({launcher->Name(), {}, 0});
         Latency(*launcher, pipe);
     }
-    constexpr int kPerRest = 8; // half of the supervisors' services
     for (int turn = options.Times(25, 4); turn > 0; --turn) {
         const double begin = Now();
         for (int i = 0; i < kPerRest; ++i) {
@@ -79,27 +81,34 @@ Section MeasureLaunch(const Options& options)
                 rows[at].samples.Add(Latency(*launchers[at], pipe));
             }
         }
-        WaitFor("the supervisors", [begin] { return Now() > begin + kRest / 2; });
+        WaitFor("the supervisors", [begin] { return Now() > begin + kRest; });
     }
-    double slowestAhead = 0;
-    for (size_t at = 1; at < rows.size(); ++at) {
-        rows[at].ratio = Ratio(rows[0].samples, rows[at].samples);
-        slowestAhead = at > 1 ? std::max(slowestAhead, rows[at].ratio) : 0;
+    for (Row& row : rows) {
+        row.ratio = Ratio(rows[0].samples, row.samples);
     }
-    return {
-        "Launch latency",
-        "From the request to the first instruction of the program, which notes the time before any library "
-        "is "
-        "set up. Each launcher changes to the application's account and is asked over its own control "
-        "channel: "
-        "the bus, runit's and s6's control pipes (their `run` script is a shell's `exec` of the tool that "
-        "changes the account), supervisord's XML-RPC socket. They take turns.",
-        {{"ms", rows}},
-        {{"at most 1.25 x the limit", rows[1].ratio, 1.25,
-          "the daemon checks the program and the account, and hears from the child that it was executed"},
-         {"at most half of dbus-daemon's activation", rows[2].ratio, 0.5, "see above"},
-         {"ahead of every peer", slowestAhead, 1, "see above", true}},
-        {}};
+    rows[0].ratio = 0;
+    double peers = 0;
+    for (size_t at = kFirstPeer; at < rows.size(); ++at) {
+        peers = std::max(peers, rows[at].ratio);
+    }
+    const std::string reason =
+        "most of the difference is the kernel's, which copies the map of the daemon's memory when "
+        "it forks and takes it down when the program is executed, and more than half of that map "
+        "is libcurl and what libcurl needs: see the limit with libcurl";
+    Section section;
+    section.title = "Launch latency";
+    section.text = "From the request to the first instruction of the program, which notes the time before "
+                   "any library is set up. "
+                   "Each launcher changes to the application's account and is asked over its own control "
+                   "channel: the bus, "
+                   "runit's and s6's control pipes (their `run` script is a shell's `exec` of the tool that "
+                   "changes the account), "
+                   "supervisord's XML-RPC socket. They take turns.";
+    section.goals = {{"at most 1.25 x the limit", rows[1].ratio, 1.25, reason},
+                     {"at most half of dbus-daemon's activation", rows[kFirstPeer].ratio, 0.5, reason},
+                     {"ahead of every peer", peers, 1, reason, true}};
+    section.tables = {{"ms", std::move(rows)}};
+    return section;
 }
 
 } // namespace kxbench

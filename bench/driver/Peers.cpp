@@ -18,6 +18,7 @@
 #include <fstream>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 namespace fs = std::filesystem;
 
@@ -52,11 +53,19 @@ private:
 
 class Limit : public Launcher {
 public:
-    std::string Name() const override { return "the limit: bare QtDBus, fork and exec in plain C"; }
-    void Launch() override { m_bus.Call(kQtStart, "su", Stamp().c_str(), kFirstAccount); }
+    Limit(std::string name, const QtService& service)
+        : m_name(std::move(name)),
+          m_start(service.start),
+          m_service(StartService(service.program, service.ping))
+    {}
+
+    std::string Name() const override { return m_name; }
+    void Launch() override { m_bus.Call(m_start, "su", Stamp().c_str(), kFirstAccount); }
 
 private:
-    Process m_service = StartQtService();
+    std::string m_name;
+    Method m_start;
+    Process m_service;
     Bus m_bus;
 };
 
@@ -205,7 +214,8 @@ std::vector<std::unique_ptr<Launcher>> StartLaunchers()
 {
     std::vector<std::unique_ptr<Launcher>> launchers;
     launchers.push_back(std::make_unique<Daemon>());
-    launchers.push_back(std::make_unique<Limit>());
+    launchers.push_back(std::make_unique<Limit>("the limit: bare QtDBus, fork and exec in plain C", kQt));
+    launchers.push_back(std::make_unique<Limit>("the same with libcurl set up", kQtCurl));
     launchers.push_back(std::make_unique<Activation>());
     launchers.push_back(std::make_unique<Supervisor>("runit", "runsv", "chpst -u"));
     launchers.push_back(std::make_unique<Supervisor>("s6", "s6-supervise", "s6-setuidgid"));

@@ -21,7 +21,8 @@ public:
     virtual void Launch() = 0;
 };
 
-/// The daemon first, then the limit, then the peers. They run until the list goes out of scope.
+/// The daemon first, then the limit, the limit with libcurl, dbus-daemon and the other peers. They run until
+/// the list goes out of scope.
 std::vector<std::unique_ptr<Launcher>> StartLaunchers();
 
 } // namespace kxbench

@@ -142,11 +142,11 @@ Process StartDaemon(const std::string& variable)
     return daemon;
 }
 
-Process StartQtService()
+Process StartService(const std::string& program, const Method& ping)
 {
-    Process service({std::string(kPrograms) + "qt-service"});
+    Process service({program});
     Bus bus;
-    WaitFor("the QtDBus service", [&bus] { return bus.TryCall(kQtPing) >= 0; });
+    WaitFor(program, [&] { return bus.TryCall(ping) >= 0; });
     return service;
 }
 

@@ -9,6 +9,8 @@
 
 namespace kxbench {
 
+struct Method;
+
 constexpr auto kDaemon = "/usr/sbin/kxcore";
 constexpr auto kPrograms = "/usr/libexec/kx-bench/";
 
@@ -48,7 +50,8 @@ private:
 /// \param variable  as of Process
 Process StartDaemon(const std::string& variable = {});
 
-/// The QtDBus service, started and serving.
-Process StartQtService();
+/// A program, started and serving.
+/// \param ping  a method of the service that it is to own
+Process StartService(const std::string& program, const Method& ping);
 
 } // namespace kxbench

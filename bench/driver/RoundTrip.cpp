@@ -25,17 +25,16 @@ Section MeasureRoundTrip(const Options& options)
 {
     InstallApplications(0);
     const Process daemon = StartDaemon();
-    const Process qtService = StartQtService();
-    const Process busService({std::string(kPrograms) + "bus-service"});
+    const Process qtService = StartService(kQt.program, kQt.ping);
+    const Process busService = StartService(std::string(kPrograms) + "bus-service", kBusPing);
     Bus bus;
-    WaitFor("the sd-bus service", [&bus] { return bus.TryCall(kBusPing) >= 0; });
 
     Samples core;
     Samples qt;
     Samples plain;
     for (int i = options.Times(200, 30); i > 0; --i) {
         TimeCalls(bus, kCheapest, core);
-        TimeCalls(bus, kQtPing, qt);
+        TimeCalls(bus, kQt.ping, qt);
         TimeCalls(bus, kBusPing, plain);
     }
     const double ratio = Ratio(core, qt);

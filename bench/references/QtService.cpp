@@ -10,6 +10,16 @@
 #include <array>
 #include <csignal>
 
+#ifdef KX_BENCH_CURL
+#include <curl/curl.h>
+
+/// Sets libcurl up before main, as the daemon does.
+const CURLcode g_curl = curl_global_init(CURL_GLOBAL_ALL);
+constexpr auto kName = "com.veltrasys.bench.QtCurl";
+#else
+constexpr auto kName = "com.veltrasys.bench.Qt";
+#endif
+
 class QtService : public QObject {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "com.veltrasys.bench.Qt")
@@ -36,7 +46,7 @@ int main(int argc, char** argv)
     QtService service;
     QDBusConnection bus = QDBusConnection::systemBus();
     if (!bus.registerObject(QStringLiteral("/"), &service, QDBusConnection::ExportAllSlots) ||
-        !bus.registerService(QStringLiteral("com.veltrasys.bench.Qt"))) {
+        !bus.registerService(QString::fromLatin1(kName))) {
         return 1;
     }
     return QCoreApplication::exec();
