@@ -37,7 +37,6 @@ Section MeasureIdle(const Options& options)
     InstallApplications(10);
     const Process daemon = StartDaemon();
     const std::string pid = std::to_string(daemon.Pid());
-    const long before = daemon.Sleeps();
     long sleeps = 0;
     {
         std::remove(kSummary);
@@ -56,7 +55,6 @@ Section MeasureIdle(const Options& options)
         }
         sleeps = daemon.Sleeps() - attached;
     }
-    (void)before;
     const long calls = CallsInSummary();
     return {"Idle",
             "With 10 applications installed and nobody calling, for " + std::to_string(seconds) +
