@@ -1,6 +1,7 @@
 # Flags that every target of the project shares; link to kx_options to get them.
 option(KX_WERROR "Treat warnings as errors" ON)
 option(KX_COVERAGE "Instrument for line coverage (gcov)" OFF)
+option(KX_FUZZ "Build the fuzz targets (clang)" OFF)
 set(KX_SANITIZE "" CACHE STRING "Sanitizers to build with, a list such as address;undefined")
 
 add_library(kx_options INTERFACE)
@@ -30,4 +31,10 @@ endif()
 if(KX_COVERAGE)
   target_compile_options(kx_options INTERFACE --coverage -O0)
   target_link_options(kx_options INTERFACE --coverage)
+endif()
+# All code under test reports its branches to the fuzzer; only the targets have the fuzzer's main.
+if(KX_FUZZ)
+  target_compile_options(kx_options INTERFACE -fsanitize=fuzzer-no-link)
+  target_compile_definitions(kx_options INTERFACE QT_FORCE_ASSERTS)
+  target_link_options(kx_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()

@@ -77,9 +77,8 @@ QString Answer(const char* name)
     return QString(kAnswers) + '/' + name;
 }
 
-Terminal::Terminal()
+Terminal::Terminal() : m_applications(std::make_unique<core::applications::Server>())
 {
-    m_applications = std::make_unique<core::applications::Server>();
     QCoreApplication::sendPostedEvents();
     connect(m_applications.get(), &core::applications::Server::OnTerminate, this,
             [] { RecordEvent("OnTerminate"); });
