@@ -54,12 +54,19 @@ bool RegisterObject(QDBusConnection& bus, const char* path, QObject& server)
     return false;
 }
 
-/// Owns the service name and serves the objects until the event loop ends. The bus is touched here for the
-/// first time: it brings a thread, which daemonizing would lose.
+/// Touches the bus for the first time. It brings a thread, which daemonizing would lose, and on which the
+/// signal handlers, made for the main thread, must not run.
+QDBusConnection ConnectToBus()
+{
+    const SignalBlock noSignalsOnThreads;
+    return QDBusConnection::systemBus();
+}
+
+/// Owns the service name and serves the objects until the event loop ends.
 int Serve()
 {
     RegisterApplicationList();
-    QDBusConnection bus = QDBusConnection::systemBus();
+    QDBusConnection bus = ConnectToBus();
     if (!bus.registerService(QStringLiteral("com.veltrasys.kx.core"))) {
         return Fail(NoService, "Can't register service");
     }

@@ -166,7 +166,8 @@ void ToolTest::DeniesOtherAccounts()
             Run("setpriv",
                 QStringList{"--reuid=4000", "--regid=4000", "--clear-groups", KX_REGISTRY_TOOL} + command);
         // Counting programs of other accounts complain below that their counts cannot be written.
-        QCOMPARE(outcome.errors.split('\n').first(), QByteArray("kxregistry: ") + kFile + ": Permission denied");
+        QCOMPARE(outcome.errors.split('\n').first(),
+                 QByteArray("kxregistry: ") + kFile + ": Permission denied");
         QCOMPARE(outcome.status, 1);
     }
     QCOMPARE(RunTool({"get", "a"}).output, QByteArray("1\n"));

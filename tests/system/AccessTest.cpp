@@ -49,9 +49,9 @@ Call Tools(Caller from, const char* member, const QVariantList& arguments = {})
     return {from, "/Tools", kService + ".Tools", member, arguments};
 }
 
-Call Standard(const char* interface, const char* member, const QVariantList& arguments = {})
+Call Standard(Caller from, const char* interface, const char* member, const QVariantList& arguments = {})
 {
-    return {Application, "/System", QStringLiteral("org.freedesktop.DBus.") + interface, member, arguments};
+    return {from, "/System", QStringLiteral("org.freedesktop.DBus.") + interface, member, arguments};
 }
 
 /// Every method there is, with arguments that change nothing where that is possible.
@@ -72,9 +72,9 @@ const QVector<Call>& Calls()
         Tools(Administrator, "SaveVariableValue", {"NAME", "value"}),
         Tools(Administrator, "EnableAudiopayd", {true}),
         Tools(GroupMember, "IsAudiopaydEnabled"),
-        Standard("Introspectable", "Introspect"),
-        Standard("Peer", "Ping"),
-        Standard("Properties", "GetAll", {kService + ".System"}),
+        Standard(Application, "Introspectable", "Introspect"),
+        Standard(Application, "Peer", "Ping"),
+        Standard(GroupMember, "Properties", "GetAll", {kService + ".System"}),
         {Administrator, "/Applications", "", "Enumerate", {}},
         {Administrator, "/Tools", "", "IsAudiopaydEnabled", {}},
     };

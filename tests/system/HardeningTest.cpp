@@ -46,6 +46,8 @@ private slots:
     void DevicesAreNotOpenedAsConfiguration();
     void NothingIsOpenToOthersWhateverTheUmask();
     void ProgramsGetTheStandardDescriptorsOnly();
+    void CrowdedConfigurationsDoNotCostTheBus();
+    void CrowdedParametersAreRefusedEarly();
 
 private:
     QVariantMap SystemCall(int id, const QVariantMap& args);
@@ -132,6 +134,49 @@ void HardeningTest::ProgramsGetTheStandardDescriptorsOnly()
     QCOMPARE(daemon.StartRequest({{"application", "pay"}, {"binary", "list"}})["errorCode"].toInt(), 0);
     // The fourth is the listing's own.
     KX_TRY_COMPARE(kxtest::ContentOf("/tmp/pay/descriptors"), QByteArray("0 1 2 3\n"));
+    QCOMPARE(daemon.Stop(), 0);
+}
+
+// The bus drops whoever sends it more than 32 MiB, and the daemon reboots the terminal then.
+void HardeningTest::CrowdedConfigurationsDoNotCostTheBus()
+{
+    const QByteArray icon = "<desktop_item>html/f</desktop_item>\n";
+    const QByteArray crowded =
+        "<application>" + icon.repeated(1024 * 1024 / icon.size() - 1) + "</application>";
+    const QStringList crowdedNames{"c1", "c2", "c3", "c4", "c5", "c6"};
+    for (const QString& name : crowdedNames) {
+        kxtest::InstallApplication(name, kAccount, kAccount, crowded, {{"html/f", "form"}});
+    }
+    kxtest::InstallApplication("pay", kAccount, kAccount, {}, {kxtest::IdleProgram()});
+    DaemonFixture daemon;
+    QVERIFY(daemon.Start());
+    QStringList names;
+    for (const QVariantMap& application : daemon.Enumerate()) {
+        names += application["name"].toString();
+    }
+    QVERIFY2(names.size() > 1 && names.size() < 7 && names.contains("pay"), qPrintable(names.join(' ')));
+    QVERIFY(!daemon.WaitForRecord("Too much in app.conf, left out of the reply:  \"c1\"").text.isEmpty());
+    // What is left out is known all the same.
+    const QString failure =
+        daemon.StartRequest({{"application", "c1"}, {"binary", "x"}})["errorText"].toString();
+    QCOMPARE(failure, QString("Binary directory /home/c1/bin doesn't exist"));
+    QCOMPARE(daemon.Stop(), 0);
+}
+
+void HardeningTest::CrowdedParametersAreRefusedEarly()
+{
+    kxtest::InstallApplication("pay", kAccount, kAccount, {}, {kxtest::IdleProgram()});
+    DaemonFixture daemon;
+    QVERIFY(daemon.Start());
+    const QString params = QString("a ").repeated(8 * 1024 * 1024);
+    const QVariantMap result =
+        daemon.StartRequest({{"application", "pay"}, {"binary", "idle"}, {"params", params}});
+    QCOMPARE(result["errorCode"].toInt(), -1);
+    QVERIFY(!daemon.WaitForRecord("Start: Failed to execute child (Argument list too long)").text.isEmpty());
+    // Taken apart and copied, they take some 900 MiB.
+    const QByteArray status = kxtest::ContentOf(QString("/proc/%1/status").arg(daemon.Pid()));
+    const qint64 peak = status.mid(status.indexOf("VmHWM:") + 6).trimmed().split(' ').first().toLongLong();
+    QVERIFY2(peak > 0 && peak < 600 * 1024, qPrintable(QString::number(peak)));
     QCOMPARE(daemon.Stop(), 0);
 }
 
