@@ -24,6 +24,12 @@ const QString kHubId = QStringLiteral("/etc/platform/sys/hubID");
 const QString kRegistry = QStringLiteral("/var/lib/kxregistry/registry.ini");
 constexpr int kPageSize = 4096;
 
+#if defined(__SANITIZE_ADDRESS__) || (defined(__has_feature) && __has_feature(address_sanitizer))
+constexpr bool kHoldsFreedMemory = true; // a sanitizer keeps what was freed for a while
+#else
+constexpr bool kHoldsFreedMemory = false;
+#endif
+
 /// A call, what it has to answer and what the log has to say; null: nothing in particular.
 struct Case {
     const char* name;
@@ -34,11 +40,9 @@ struct Case {
 
 Message UsbCall()
 {
-    return SystemCall(96, {{"mode", "serial"},
-                           {"usbForceFullspeed", "0"},
-                           {"dflt", "0"},
-                           {"usbuid", "0"},
-                           {"hubid", "hub"}});
+    return SystemCall(
+        96,
+        {{"mode", "serial"}, {"usbForceFullspeed", "0"}, {"dflt", "0"}, {"usbuid", "0"}, {"hubid", "hub"}});
 }
 
 Message ConsoleCall()
@@ -154,6 +158,7 @@ private slots:
     void MissingToolsAreReported();
     void DescriptorsRunOut();
     void ProcessesRunOut();
+    void MemoryOfLargeMessagesIsGivenBack();
 
 private:
     void Start(const QString& variable = {}, const QString& value = {});
@@ -161,6 +166,7 @@ private:
     /// Makes each call and compares.
     template<typename Cases>
     void ExpectAnswers(const Cases& cases);
+    long ResidentKilobytes() const;
 
     std::unique_ptr<DaemonFixture> m_daemon;
     std::unique_ptr<BusClient> m_client;
@@ -170,7 +176,8 @@ private:
 void FaultsTest::init()
 {
     kxtest::RemoveApplications();
-    kxtest::InstallApplication("pay", 4002, 4002, "<application><home_button>html/a.html</home_button></application>",
+    kxtest::InstallApplication("pay", 4002, 4002,
+                               "<application><home_button>html/a.html</home_button></application>",
                                {kxtest::IdleProgram()});
 }
 
@@ -208,14 +215,23 @@ void FaultsTest::ExpectAnswers(const Cases& cases)
     }
 }
 
+long FaultsTest::ResidentKilobytes() const
+{
+    const QByteArray statm = ContentOf(QStringLiteral("/proc/%1/statm").arg(m_daemon->Pid()));
+    return statm.split(' ').value(1).toLong() * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
 /// Its private root is small, see CMakeLists.txt. The log is on the same disk and says nothing.
 void FaultsTest::FullDiskIsReported()
 {
     Start("LD_PRELOAD", KX_FAKECLOCK_LIBRARY);
     static constexpr Case kCases[]{
-        {"variable", VariableCall, "-1", nullptr},  {"time offset", TimeCall, "-3", nullptr},
-        {"hub identifier", UsbCall, kFailedWithOne, nullptr}, {"kernels", KernelsCall, kFailed, nullptr},
-        {"registry", SourceCall, "0", nullptr},     {"start", StartIdle, kStarted, nullptr},
+        {"variable", VariableCall, "-1", nullptr},
+        {"time offset", TimeCall, "-3", nullptr},
+        {"hub identifier", UsbCall, kFailedWithOne, nullptr},
+        {"kernels", KernelsCall, kFailed, nullptr},
+        {"registry", SourceCall, "0", nullptr},
+        {"start", StartIdle, kStarted, nullptr},
     };
     const QByteArray variables(kPageSize, '#'); // one more line needs another page
     WriteFile(kVariables, variables);
@@ -281,8 +297,7 @@ void FaultsTest::MissingToolsAreReported()
                                             "/etc/platform/34-sredd", "/sred/root/hwtest/hwtest"};
     static constexpr Case kCases[]{
         {"reboot", [] { return SystemCall(1); }, kNotFound, nullptr},
-        {"modprobe, rmmod, lsmod", UsbCall, kFailedWithOne,
-         "Couldn't reload usb gadget's modules"},
+        {"modprobe, rmmod, lsmod", UsbCall, kFailedWithOne, "Couldn't reload usb gadget's modules"},
         {"web server", [] { return SystemCall(97); }, R"({ "response": <"OK"> ,  "return": <0> })",
          "/etc/rc.d/init.d/lighthttpd restart returned  127"},
         {"hardware test", [] { return SystemCall(98); }, R"({ "return": <0> })", nullptr},
@@ -310,7 +325,8 @@ void FaultsTest::DescriptorsRunOut()
     };
     Start();
     QCOMPARE(Answer(StartIdle()), std::string(kStarted)); // the application's directories are prepared
-    QCOMPARE(Answer(SystemCall(77)), std::string(kFailed)); // the log is open, as it is from the first record on
+    QCOMPARE(Answer(SystemCall(77)),
+             std::string(kFailed)); // the log is open, as it is from the first record on
     const QString folder = QStringLiteral("/proc/%1/fd").arg(m_daemon->Pid());
     const int open = QDir(folder).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot).size();
     const LowLimit limit(m_daemon->Pid(), RLIMIT_NOFILE, static_cast<rlim_t>(open));
@@ -330,10 +346,28 @@ void FaultsTest::ProcessesRunOut()
     }
     QCOMPARE(answer, std::string(R"({ "errorCode": <-1> ,  )"
                                  R"("errorText": <"Failed to start /home/pay/bin/idle 1000 binary"> })"));
-    const QString record = QStringLiteral("Start: Failed to execute child (Resource temporarily unavailable)");
+    const QString record =
+        QStringLiteral("Start: Failed to execute child (Resource temporarily unavailable)");
     QCOMPARE(m_daemon->WaitForRecord(record).text, '"' + record + '"');
     QCOMPARE(kxtest::ProcessesOf("/home/pay/bin/idle").size(), started - 1);
     QCOMPARE(Answer(Terminate()), std::string());
+}
+
+void FaultsTest::MemoryOfLargeMessagesIsGivenBack()
+{
+    constexpr size_t kLarge = 8'000'000;
+    constexpr int kMessages = 5;
+    constexpr long kAllowedKilobytes = 8 * 1024;
+    Start();
+    const long before = ResidentKilobytes();
+    for (int message = 0; message < kMessages; ++message) {
+        const Message call =
+            torture::StartCall({{"application", std::string(kLarge * (1 + message % 3), 'x')}});
+        QVERIFY(Answer(call).find("Application xxx") != std::string::npos);
+    }
+    QCOMPARE(Answer(Enumerate()), m_applications); // until then the bus library holds the last message
+    const long growth = ResidentKilobytes() - before;
+    QVERIFY2(kHoldsFreedMemory || growth < kAllowedKilobytes, qPrintable(QString::number(growth)));
 }
 
 QTEST_GUILESS_MAIN(FaultsTest)
