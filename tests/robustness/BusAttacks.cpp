@@ -31,7 +31,9 @@ Message LongCall(Chance& chance)
         [] { return EnumerateCall(); },
         [] { return StartProgram("pay", "tally"); },
         [] { return StartCall({}); },
-        [] { return SystemCall(102, {{"number", "2"}}); },
+        [] {
+            return SystemCall(102, {{"number", "2"}});
+        },
     };
     return chance.OneOf(kLongCalls)();
 }

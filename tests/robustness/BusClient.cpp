@@ -176,7 +176,8 @@ Message BusClient::Call(const Message& call, int milliseconds)
 {
     DBusPendingCall* sent = nullptr;
     if (!IsConnected() ||
-        dbus_connection_send_with_reply(m_connection, call.get(), &sent, milliseconds) == 0 || sent == nullptr) {
+        dbus_connection_send_with_reply(m_connection, call.get(), &sent, milliseconds) == 0 ||
+        sent == nullptr) {
         return nullptr;
     }
     const std::unique_ptr<DBusPendingCall, Unref> pending(sent);
@@ -187,8 +188,8 @@ Message BusClient::Call(const Message& call, int milliseconds)
 
 std::string BusClient::DaemonConnection()
 {
-    const Message call(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS,
-                                                    "GetNameOwner"));
+    const Message call(
+        dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "GetNameOwner"));
     const char* name = kService;
     dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &name, DBUS_TYPE_INVALID);
     const Message reply = Call(call);

@@ -41,8 +41,8 @@ Message ToolsCall(const char* member, const std::vector<std::string>& arguments)
 /// \return the call that has an application run the program with which it is installed here
 Message StartProgram(const char* application, const std::string& parameters);
 
-/// A caller with a connection to the bus of its own, to be used from one thread. It works below Qt, which would
-/// not send most of what a hostile caller can.
+/// A caller with a connection to the bus of its own, to be used from one thread. It works below Qt, which
+/// would not send most of what a hostile caller can.
 class BusClient {
 public:
     /// Connects to the system bus, which may have been restarted since the last client did.

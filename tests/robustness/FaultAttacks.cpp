@@ -40,17 +40,24 @@ constexpr std::array<Written, 7> kWritten{{
                        : ToolsCall("SetTimeInfo", {"", "Europe/Berlin", "HOST"});
      }},
     {"/etc/rc.d/rc.platform.conf", false,
-     [](bool second) { return ToolsCall("SaveVariableValue", {"MSG", std::string(200, second ? 'b' : 'a')}); }},
+     [](bool second) {
+         return ToolsCall("SaveVariableValue", {"MSG", std::string(200, second ? 'b' : 'a')});
+     }},
     {"/etc/localtime", false,
      [](bool second) { return ToolsCall("SetTimeZone", {second ? "Asia/Tokyo" : "Europe/Berlin"}); }},
     {"/etc/time_offset", false,
      [](bool second) {
-         return ToolsCall("SetTimeInfo", {second ? "2030-01-01 00:00:00" : "2031-01-01 00:00:00", "", "HOST"});
+         return ToolsCall("SetTimeInfo",
+                          {second ? "2030-01-01 00:00:00" : "2031-01-01 00:00:00", "", "HOST"});
      }},
     {"/etc/lighttpd/lighttpd.conf", false,
-     [](bool second) { return SystemCall(97, {{"newconf", second ? "HTTPS" : "HTTP"}}); }},
+     [](bool second) {
+         return SystemCall(97, {{"newconf", second ? "HTTPS" : "HTTP"}});
+     }},
     {"/etc/platform/settings/L2KernelsVersion", false,
-     [](bool second) { return SystemCall(102, {{"number", second ? "2" : "1"}}); }},
+     [](bool second) {
+         return SystemCall(102, {{"number", second ? "2" : "1"}});
+     }},
     {"/etc/platform/sys/hubID", false, [](bool second) { return UsbCall(second ? "b" : "a"); }},
 }};
 
@@ -131,7 +138,8 @@ void JumpDuringTimer(Arena& arena, BusClient& client, Findings& findings)
     findings.Expect(Describe(client.Call(ToolsCall("SetSystemTime", {day}))) == "0",
                     "the clock was not set to " + QString::fromStdString(day));
     findings.Expect(WaitFor([&] { return restarts() == before + 1; }, 3000),
-                    "the web server was not restarted in time after a jump to " + QString::fromStdString(day));
+                    "the web server was not restarted in time after a jump to " +
+                        QString::fromStdString(day));
 }
 
 } // namespace
@@ -159,15 +167,15 @@ void KillWhileWriting(Arena& arena, Findings& findings)
         // What is torn is whole again after the next call.
         BusClient client;
         client.Call(expectation.What().call(true));
-        findings.Expect(expectation.IsMet(),
-                        QStringLiteral("%1 stayed torn").arg(expectation.What().path));
+        findings.Expect(expectation.IsMet(), QStringLiteral("%1 stayed torn").arg(expectation.What().path));
     }
     findings.Count(kills, "kills");
     for (size_t index = 0; index < torn.size(); ++index) {
         const Written& written = expectations[index].What();
         findings.Expect(!written.atomic || torn[index] == 0, QStringLiteral("%1 torn").arg(written.path));
         if (torn[index] > 0) {
-            findings.Count(torn[index], qPrintable(QStringLiteral("times neither old nor new: %1").arg(written.path)));
+            findings.Count(torn[index],
+                           qPrintable(QStringLiteral("times neither old nor new: %1").arg(written.path)));
         }
     }
     findings.Count(Litter(), "temporary files left beside the registry");

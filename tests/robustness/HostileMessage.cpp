@@ -42,14 +42,21 @@ constexpr std::array<Method, 15> kMethods{{
     {"/Tools", DBUS_INTERFACE_PROPERTIES, "GetAll"},
 }};
 
-constexpr std::array<const char*, 10> kTexts{
-    "", "pay", "desktop", "../../../bin/sh", "'\"`reboot`$(reboot);reboot\n|reboot&%1%s%n", "\xEF\xBF\xBF",
-    "\xF0\x9F\x92\xB3\xCC\x81\xE2\x80\xAE", "2026-02-30 25:61:61", "Europe/../../../etc", "[[[*?\\"};
+constexpr std::array<const char*, 10> kTexts{"",
+                                             "pay",
+                                             "desktop",
+                                             "../../../bin/sh",
+                                             "'\"`reboot`$(reboot);reboot\n|reboot&%1%s%n",
+                                             "\xEF\xBF\xBF",
+                                             "\xF0\x9F\x92\xB3\xCC\x81\xE2\x80\xAE",
+                                             "2026-02-30 25:61:61",
+                                             "Europe/../../../etc",
+                                             "[[[*?\\"};
 
 constexpr std::array<const char*, 4> kStartKeys{"application", "binary", "params", "default"};
-constexpr std::array<const char*, 14> kSystemKeys{"mode",    "usbForceFullspeed", "dflt", "usbuid",  "hubid",
-                                                  "newconf", "caching",           "url",  "text",    "buffer-resp",
-                                                  "command", "number",            "",     "drmode"};
+constexpr std::array<const char*, 14> kSystemKeys{
+    "mode", "usbForceFullspeed", "dflt",    "usbuid", "hubid", "newconf", "caching", "url",
+    "text", "buffer-resp",       "command", "number", "",      "drmode"};
 
 constexpr std::array<const char*, 11> kBasicTypes{"y", "b", "n", "q", "i", "u", "x", "t", "d", "s", "o"};
 
@@ -134,7 +141,8 @@ Message HostileMessage::WrongArguments()
 Message HostileMessage::UnknownNames()
 {
     const Method& known = m_chance.OneOf(kMethods);
-    const std::string path = m_chance.OneIn(2) ? "/" + AnyName(m_chance.OneIn(10) ? kMegabyte : kLongestName) : known.path;
+    const std::string path =
+        m_chance.OneIn(2) ? "/" + AnyName(m_chance.OneIn(10) ? kMegabyte : kLongestName) : known.path;
     const std::string interface =
         m_chance.OneIn(2) ? AnyName(100) + '.' + AnyName(100) : std::string(known.interface);
     Message call = MethodCall(path.c_str(), interface.c_str(), AnyName(kLongestName).c_str());
@@ -227,7 +235,8 @@ Message HostileMessage::DeepVariant()
     const size_t depth = 1 + m_chance.Below(kDeepest);
     DBusMessageIter* outer = &entry;
     for (size_t level = 0; level < depth; ++level) {
-        dbus_message_iter_open_container(outer, DBUS_TYPE_VARIANT, level + 1 < depth ? "v" : "s", &levels[level]);
+        dbus_message_iter_open_container(outer, DBUS_TYPE_VARIANT, level + 1 < depth ? "v" : "s",
+                                         &levels[level]);
         outer = &levels[level];
     }
     AppendText(*outer, "pay");

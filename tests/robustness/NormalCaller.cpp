@@ -19,7 +19,9 @@ struct NormalCall {
 
 const std::array<NormalCall, 6> kCalls{{
     {[] { return MethodCall("/Applications", "com.veltrasys.kx.core.Applications", "Enumerate"); }, nullptr},
-    {[] { return StartCall({{"application", "nobody"}}); },
+    {[] {
+         return StartCall({{"application", "nobody"}});
+     },
      R"({ "errorCode": <-1> ,  "errorText": <"Application nobody doesn't exist"> })"},
     {[] { return SystemCall(77); }, R"({ "return": <-1> })"},
     {[] { return ToolsCall("SetSystemTime", {"yesterday"}); }, "-1"},
@@ -95,7 +97,8 @@ void NormalCaller::Stop()
 void NormalCaller::Run()
 {
     BusClient client;
-    for (size_t index = 0; !m_stopped && m_complaints.size() < kMostComplaints; index = (index + 1) % kCalls.size()) {
+    for (size_t index = 0; !m_stopped && m_complaints.size() < kMostComplaints;
+         index = (index + 1) % kCalls.size()) {
         const auto begin = Clock::now();
         const QString complaint = Complaint(client, index);
         const auto taken = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);

@@ -17,9 +17,9 @@ namespace {
 
 constexpr int kSettling = 5000;
 
-/// What the allocator may keep of the largest messages, some of which are in the queue together. A leak passes it
-/// soon, as the attacks are many.
-constexpr long kMemoryAllowance = 128 * 1024;
+/// What the allocator may keep of maps with 100,000 entries, some of which are in the queue together. A leak
+/// passes it soon, as the attacks are many.
+constexpr long kMemoryAllowance = 64 * 1024;
 
 #if defined(__SANITIZE_ADDRESS__) || (defined(__has_feature) && __has_feature(address_sanitizer))
 constexpr bool kHoldsFreedMemory = true; // a sanitizer keeps what was freed for a while
@@ -70,8 +70,8 @@ QVector<pid_t> ApplicationProcesses()
     for (const QString& name : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
         struct stat info = {};
         const QByteArray path = "/proc/" + name.toLatin1();
-        if (name.toInt() > 1 && stat(path.constData(), &info) == 0 && info.st_uid >= 4000 && info.st_uid < 5000 &&
-            !ContentOf(path + "/cmdline").isEmpty()) {
+        if (name.toInt() > 1 && stat(path.constData(), &info) == 0 && info.st_uid >= 4000 &&
+            info.st_uid < 5000 && !ContentOf(path + "/cmdline").isEmpty()) {
             found += name.toInt();
         }
     }

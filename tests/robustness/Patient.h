@@ -37,10 +37,10 @@ public:
     /// Has the next daemons run with another library preloaded; none when empty.
     void Preload(const QString& library) { m_preload = library; }
 
-    /// Looks, for some seconds if need be, whether the daemon is as it was when it was started: the same process
-    /// on the same connection, with as many descriptors and threads, no children and no application processes,
-    /// memory within bounds, and every normal call answered right.
-    /// \return what is not; empty when all is well
+    /// Looks, for some seconds if need be, whether the daemon is as it was when it was started: the same
+    /// process on the same connection, with as many descriptors and threads, no children and no application
+    /// processes, memory within bounds, and every normal call answered right. \return what is not; empty when
+    /// all is well
     QStringList Complaints();
 
     kxtest::DaemonFixture& Daemon() { return *m_daemon; }

@@ -50,16 +50,19 @@ Ending EndPrograms(BusClient& client, const std::string& behaviour, int count, F
     Ending ending;
     for (; ending.programs < count; ++ending.programs) {
         const std::string answer = Describe(client.Call(StartProgram("pay", behaviour)));
-        findings.Expect(answer == kStarted, QStringLiteral("%1: start answered %2")
-                                                .arg(QString::fromStdString(behaviour), QString::fromStdString(answer)));
+        findings.Expect(answer == kStarted,
+                        QStringLiteral("%1: start answered %2")
+                            .arg(QString::fromStdString(behaviour), QString::fromStdString(answer)));
     }
-    findings.Expect(WaitFor([&] { return QFileInfo(kReady).size() == count; }), "a program did not get ready");
+    findings.Expect(WaitFor([&] { return QFileInfo(kReady).size() == count; }),
+                    "a program did not get ready");
     ending.processes = ApplicationProcesses().size();
     QElapsedTimer timer;
     timer.start();
     findings.Expect(!IsUnanswered(client.Call(TerminateCall())), "Terminate was not answered");
     ending.milliseconds = timer.elapsed();
-    WaitFor([] { return ApplicationProcesses().isEmpty(); }, 1000); // those that are killed take a moment to go
+    WaitFor([] { return ApplicationProcesses().isEmpty(); },
+            1000); // those that are killed take a moment to go
     ending.left = ApplicationProcesses().size();
     return ending;
 }
@@ -75,9 +78,8 @@ int EndHeirs(BusClient& client, Findings& findings)
     return ending.left;
 }
 
-/// A program that runs in a group that is no application's is not signalled: the daemon waits for it, and every
-/// caller with it, as long as the program lives.
-/// \return how long that was, in milliseconds
+/// A program that runs in a group that is no application's is not signalled: the daemon waits for it, and
+/// every caller with it, as long as the program lives. \return how long that was, in milliseconds
 qint64 OutliveForeignGroup(BusClient& client, Findings& findings)
 {
     constexpr qint64 kLife = 1000;
@@ -86,7 +88,8 @@ qint64 OutliveForeignGroup(BusClient& client, Findings& findings)
     QElapsedTimer timer;
     timer.start();
     findings.Expect(!IsUnanswered(client.Call(TerminateCall())), "Terminate was not answered");
-    findings.Expect(timer.elapsed() < 3 * kLife, "Terminate did not return when the program of another group ended");
+    findings.Expect(timer.elapsed() < 3 * kLife,
+                    "Terminate did not return when the program of another group ended");
     return timer.elapsed();
 }
 
@@ -125,10 +128,11 @@ void StartUnrulyPrograms(Arena& arena, Findings& findings)
     Ending all;
     do {
         const std::string& behaviour = arena.chance.OneOf(kBehaviours);
-        const Ending ending = EndPrograms(client, behaviour, static_cast<int>(1 + arena.chance.Below(3)), findings);
-        findings.Expect(ending.left == 0, QStringLiteral("%1: %2 processes left")
-                                              .arg(QString::fromStdString(behaviour))
-                                              .arg(ending.left));
+        const Ending ending =
+            EndPrograms(client, behaviour, static_cast<int>(1 + arena.chance.Below(3)), findings);
+        findings.Expect(
+            ending.left == 0,
+            QStringLiteral("%1: %2 processes left").arg(QString::fromStdString(behaviour)).arg(ending.left));
         all.programs += ending.programs;
         all.processes += ending.processes;
         all.milliseconds = std::max(all.milliseconds, ending.milliseconds);
@@ -136,8 +140,10 @@ void StartUnrulyPrograms(Arena& arena, Findings& findings)
     findings.Count(all.programs, "programs");
     findings.Count(all.processes, "processes ended");
     findings.Count(all.milliseconds, "ms the longest Terminate");
-    findings.Count(OutliveForeignGroup(client, findings), "ms Terminate for a program of another group that lives 1 s");
-    findings.Count(EndHeirs(client, findings), "process left of a program that forks when it is terminated, by design");
+    findings.Count(OutliveForeignGroup(client, findings),
+                   "ms Terminate for a program of another group that lives 1 s");
+    findings.Count(EndHeirs(client, findings),
+                   "process left of a program that forks when it is terminated, by design");
 }
 
 } // namespace torture

@@ -78,7 +78,8 @@ Findings Run(const Attack& attack, Patient& patient, const Options& options, int
 int RunAll(const Options& options)
 {
     Patient patient;
-    const QStringList before = patient.Start() ? patient.Complaints() : QStringList("the daemon does not start");
+    const QStringList before =
+        patient.Start() ? patient.Complaints() : QStringList("the daemon does not start");
     if (!before.isEmpty()) {
         std::puts(qPrintable(before.join("; ")));
         return 1;

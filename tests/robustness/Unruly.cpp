@@ -105,9 +105,15 @@ struct Behaviour {
 };
 
 constexpr Behaviour kBehaviours[] = {
-    {"fork", ForkChildren},       {"stubborn", ForkStubbornChildren}, {"orphans", ForkOrphans},
-    {"ignore", IgnoreSignals},    {"close", CloseDescriptors},        {"keep", KeepDescriptors},
-    {"hide", HideFromDumps},      {"stop", StopItself},               {"bequeath", BequeathOnTermination},
+    {"fork", ForkChildren},
+    {"stubborn", ForkStubbornChildren},
+    {"orphans", ForkOrphans},
+    {"ignore", IgnoreSignals},
+    {"close", CloseDescriptors},
+    {"keep", KeepDescriptors},
+    {"hide", HideFromDumps},
+    {"stop", StopItself},
+    {"bequeath", BequeathOnTermination},
     {"group", Nothing}, // by the mode of its file
 };
 
