@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <array>
 #include <atomic>
 #include <csignal>
 #include <thread>
@@ -35,6 +36,18 @@ void StartUntil(const QDeadlineTimer& deadline, std::atomic<int>& started, std::
     }
 }
 
+struct Behaviour {
+    const char* name;
+    int processes; ///< that leave a mark when they misbehave
+};
+
+void ExpectStart(BusClient& client, const char* application, const char* parameters, Findings& findings)
+{
+    const std::string answer = Describe(client.Call(StartProgram(application, parameters)));
+    findings.Expect(answer == kStarted,
+                    QStringLiteral("%1: start answered %2").arg(parameters, QString::fromStdString(answer)));
+}
+
 /// What some unruly programs are started for, and how they ended.
 struct Ending {
     int programs = 0;
@@ -44,25 +57,22 @@ struct Ending {
 };
 
 /// Starts programs of one behaviour, waits until each misbehaves and has the daemon end them all.
-Ending EndPrograms(BusClient& client, const std::string& behaviour, int count, Findings& findings)
+Ending EndPrograms(BusClient& client, const Behaviour& behaviour, int count, Findings& findings)
 {
     QFile::remove(kReady);
     Ending ending;
     for (; ending.programs < count; ++ending.programs) {
-        const std::string answer = Describe(client.Call(StartProgram("pay", behaviour)));
-        findings.Expect(answer == kStarted,
-                        QStringLiteral("%1: start answered %2")
-                            .arg(QString::fromStdString(behaviour), QString::fromStdString(answer)));
+        ExpectStart(client, "pay", behaviour.name, findings);
     }
-    findings.Expect(WaitFor([&] { return QFileInfo(kReady).size() == count; }),
-                    "a program did not get ready");
+    const auto areReady = [&] { return QFileInfo(kReady).size() == count * behaviour.processes; };
+    findings.Expect(WaitFor(areReady), QStringLiteral("%1: not ready").arg(behaviour.name));
     ending.processes = ApplicationProcesses().size();
     QElapsedTimer timer;
     timer.start();
     findings.Expect(!IsUnanswered(client.Call(TerminateCall())), "Terminate was not answered");
     ending.milliseconds = timer.elapsed();
-    WaitFor([] { return ApplicationProcesses().isEmpty(); },
-            1000); // those that are killed take a moment to go
+    // Those that are killed take a moment to go.
+    WaitFor([] { return ApplicationProcesses().isEmpty(); }, 1000);
     ending.left = ApplicationProcesses().size();
     return ending;
 }
@@ -71,7 +81,7 @@ Ending EndPrograms(BusClient& client, const std::string& behaviour, int count, F
 /// works through. It is not the daemon's to catch; what remains is killed here.
 int EndHeirs(BusClient& client, Findings& findings)
 {
-    const Ending ending = EndPrograms(client, "bequeath", 1, findings);
+    const Ending ending = EndPrograms(client, {"bequeath", 1}, 1, findings);
     for (const pid_t heir : ApplicationProcesses()) {
         kill(heir, SIGKILL);
     }
@@ -79,12 +89,12 @@ int EndHeirs(BusClient& client, Findings& findings)
 }
 
 /// A program that runs in a group that is no application's is not signalled: the daemon waits for it, and
-/// every caller with it, as long as the program lives. \return how long that was, in milliseconds
+/// every caller with it, as long as the program lives.
+/// \return how long that was, in milliseconds
 qint64 OutliveForeignGroup(BusClient& client, Findings& findings)
 {
     constexpr qint64 kLife = 1000;
-    const std::string answer = Describe(client.Call(StartProgram("app5", "group 1")));
-    findings.Expect(answer == kStarted, "group: start answered " + QString::fromStdString(answer));
+    ExpectStart(client, "app5", "group 1", findings);
     QElapsedTimer timer;
     timer.start();
     findings.Expect(!IsUnanswered(client.Call(TerminateCall())), "Terminate was not answered");
@@ -122,17 +132,23 @@ void StartShortPrograms(Arena& arena, Findings& findings)
 
 void StartUnrulyPrograms(Arena& arena, Findings& findings)
 {
-    static const std::vector<std::string> kBehaviours{"fork",  "stubborn", "orphans", "ignore",
-                                                      "close", "keep",     "hide",    "stop"};
+    constexpr int kForked = 51;
+    static constexpr std::array<Behaviour, 8> kBehaviours{{{"fork", kForked},
+                                                           {"stubborn", kForked},
+                                                           {"orphans", kForked},
+                                                           {"ignore", 1},
+                                                           {"close", 1},
+                                                           {"keep", 1},
+                                                           {"hide", 1},
+                                                           {"stop", 1}}};
     BusClient client;
     Ending all;
     do {
-        const std::string& behaviour = arena.chance.OneOf(kBehaviours);
+        const Behaviour& behaviour = arena.chance.OneOf(kBehaviours);
         const Ending ending =
             EndPrograms(client, behaviour, static_cast<int>(1 + arena.chance.Below(3)), findings);
-        findings.Expect(
-            ending.left == 0,
-            QStringLiteral("%1: %2 processes left").arg(QString::fromStdString(behaviour)).arg(ending.left));
+        findings.Expect(ending.left == 0,
+                        QStringLiteral("%1: %2 processes left").arg(behaviour.name).arg(ending.left));
         all.programs += ending.programs;
         all.processes += ending.processes;
         all.milliseconds = std::max(all.milliseconds, ending.milliseconds);

@@ -1,5 +1,5 @@
-// A program of an application that does not behave: unruly BEHAVIOUR [SECONDS]. It leaves a byte in the file
-// "ready" of its directory once it misbehaves, and lives for so many seconds.
+// A program of an application that does not behave: unruly BEHAVIOUR [SECONDS]. It and each process that it
+// forks leave a byte in the file "ready" of its directory once they misbehave, and live for so many seconds.
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -82,10 +82,12 @@ void HideFromDumps()
     prctl(PR_SET_DUMPABLE, 0);
 }
 
+/// The child sees to it that the program is ready before it stands still.
 void StopItself()
 {
-    Leave("ready");
-    std::raise(SIGSTOP);
+    if (fork() != 0) {
+        std::raise(SIGSTOP);
+    }
 }
 
 void Nothing() {}
@@ -134,13 +136,10 @@ int main(int argc, char** argv)
         Leave("tally");
         return 0;
     }
-    const pid_t self = getpid();
     for (const Behaviour& behaviour : kBehaviours) {
         if (std::strcmp(name, behaviour.name) == 0) {
             behaviour.begin();
-            if (getpid() == self) {
-                Leave("ready");
-            }
+            Leave("ready");
             Live(argc > 2 ? static_cast<unsigned>(std::atoi(argv[2])) : kLongLife);
             return 0;
         }
