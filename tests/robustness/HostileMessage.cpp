@@ -13,8 +13,6 @@ namespace {
 constexpr size_t kMegabyte = 1'000'000;
 constexpr int kHugeMap = 100'000;
 constexpr int kDeepest = 60; // the bus takes no more than 64 levels
-constexpr int kBushy = 4;    // levels of the values that are made at random
-constexpr size_t kLongestName = 255;
 constexpr dbus_int32_t kUsbGadget = 96;
 
 struct Method {
@@ -42,23 +40,10 @@ constexpr std::array<Method, 15> kMethods{{
     {"/Tools", DBUS_INTERFACE_PROPERTIES, "GetAll"},
 }};
 
-constexpr std::array<const char*, 10> kTexts{"",
-                                             "pay",
-                                             "desktop",
-                                             "../../../bin/sh",
-                                             "'\"`reboot`$(reboot);reboot\n|reboot&%1%s%n",
-                                             "\xEF\xBF\xBF",
-                                             "\xF0\x9F\x92\xB3\xCC\x81\xE2\x80\xAE",
-                                             "2026-02-30 25:61:61",
-                                             "Europe/../../../etc",
-                                             "[[[*?\\"};
-
 constexpr std::array<const char*, 4> kStartKeys{"application", "binary", "params", "default"};
 constexpr std::array<const char*, 14> kSystemKeys{
     "mode", "usbForceFullspeed", "dflt",    "usbuid", "hubid", "newconf", "caching", "url",
     "text", "buffer-resp",       "command", "number", "",      "drmode"};
-
-constexpr std::array<const char*, 11> kBasicTypes{"y", "b", "n", "q", "i", "u", "x", "t", "d", "s", "o"};
 
 /// A call that lacks its map, which goes to \a to.
 Message CallWithoutMap(const char* path, const char* interface, const char* member, DBusMessageIter& to)
@@ -133,7 +118,7 @@ Message HostileMessage::WrongArguments()
     DBusMessageIter to;
     dbus_message_iter_init_append(call.get(), &to);
     for (size_t left = m_chance.Below(4); left > 0; --left) {
-        AppendAny(to, AnySignature(kBushy), kBushy);
+        m_any.Append(to);
     }
     return call;
 }
@@ -141,14 +126,15 @@ Message HostileMessage::WrongArguments()
 Message HostileMessage::UnknownNames()
 {
     const Method& known = m_chance.OneOf(kMethods);
-    const std::string path =
-        m_chance.OneIn(2) ? "/" + AnyName(m_chance.OneIn(10) ? kMegabyte : kLongestName) : known.path;
+    const std::string path = m_chance.OneIn(2)
+                                 ? "/" + m_any.Name(m_chance.OneIn(10) ? kMegabyte : AnyValue::kLongestName)
+                                 : known.path;
     const std::string interface =
-        m_chance.OneIn(2) ? AnyName(100) + '.' + AnyName(100) : std::string(known.interface);
-    Message call = MethodCall(path.c_str(), interface.c_str(), AnyName(kLongestName).c_str());
+        m_chance.OneIn(2) ? m_any.Name(100) + '.' + m_any.Name(100) : std::string(known.interface);
+    Message call = MethodCall(path.c_str(), interface.c_str(), m_any.Name(AnyValue::kLongestName).c_str());
     DBusMessageIter to;
     dbus_message_iter_init_append(call.get(), &to);
-    AppendAny(to, AnySignature(kBushy), kBushy);
+    m_any.Append(to);
     return call;
 }
 
@@ -159,13 +145,13 @@ void HostileMessage::AppendHostileMap(DBusMessageIter& to, const char* const* ke
     for (size_t left = m_chance.Below(count + 1); left > 0; --left) {
         const char* key = keys[m_chance.Below(count)];
         if (m_chance.OneIn(2)) {
-            AppendEntry(map, key, AnyText());
+            AppendEntry(map, key, m_any.Text());
             continue;
         }
         DBusMessageIter entry;
         dbus_message_iter_open_container(&map, DBUS_TYPE_DICT_ENTRY, nullptr, &entry);
         AppendText(entry, key);
-        AppendVariant(entry, kBushy);
+        m_any.AppendVariant(entry);
         dbus_message_iter_close_container(&map, &entry);
     }
     dbus_message_iter_close_container(&to, &map);
@@ -196,7 +182,7 @@ Message HostileMessage::HostileTools()
     const auto& tool = m_chance.OneOf(kTools);
     std::vector<std::string> texts(tool.second);
     for (std::string& text : texts) {
-        text = AnyText();
+        text = m_any.Text();
     }
     return ToolsCall(tool.first, texts);
 }
@@ -312,109 +298,6 @@ Message HostileMessage::Mutation()
     dbus_error_free(&error);
     dbus_free(bytes);
     return Message(changed ? dbus_message_copy(changed.get()) : nullptr); // the copy has no serial yet
-}
-
-std::string HostileMessage::AnyName(size_t longest)
-{
-    constexpr auto kCharacters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_";
-    std::string name(1 + m_chance.Below(longest), '_');
-    for (char& character : name) {
-        character = kCharacters[m_chance.Below(53)];
-    }
-    return name;
-}
-
-std::string HostileMessage::AnyText()
-{
-    if (m_chance.OneIn(50)) {
-        return std::string(m_chance.Below(kMegabyte), '\'');
-    }
-    return m_chance.OneIn(3) ? AnyName(kLongestName) : m_chance.OneOf(kTexts);
-}
-
-std::string HostileMessage::AnySignature(int depth)
-{
-    const size_t choice = depth > 0 ? m_chance.Below(8) : 7;
-    switch (choice) {
-    case 0:
-        return "v";
-    case 1:
-        return "a" + AnySignature(depth - 1);
-    case 2:
-        return "(" + AnySignature(depth - 1) + AnySignature(depth - 1) + ")";
-    case 3:
-        return std::string("a{") + m_chance.OneOf(kBasicTypes) + AnySignature(depth - 1) + "}";
-    case 4:
-        return "a{sv}";
-    default:
-        return m_chance.OneOf(kBasicTypes);
-    }
-}
-
-void HostileMessage::AppendAny(DBusMessageIter& to, const std::string& signature, int depth)
-{
-    DBusSignatureIter type;
-    dbus_signature_iter_init(&type, signature.c_str());
-    AppendType(to, type, depth);
-}
-
-void HostileMessage::AppendType(DBusMessageIter& to, DBusSignatureIter& type, int depth)
-{
-    const int code = dbus_signature_iter_get_current_type(&type);
-    if (code == DBUS_TYPE_ARRAY) {
-        AppendArray(to, type, depth);
-    } else if (code == DBUS_TYPE_VARIANT) {
-        AppendVariant(to, depth - 1);
-    } else if (dbus_type_is_basic(code) != 0) {
-        AppendBasic(to, code);
-    } else {
-        DBusSignatureIter member;
-        DBusMessageIter inside;
-        dbus_signature_iter_recurse(&type, &member);
-        dbus_message_iter_open_container(&to, code, nullptr, &inside);
-        do {
-            AppendType(inside, member, depth);
-        } while (dbus_signature_iter_next(&member) != 0);
-        dbus_message_iter_close_container(&to, &inside);
-    }
-}
-
-void HostileMessage::AppendArray(DBusMessageIter& to, DBusSignatureIter& type, int depth)
-{
-    DBusSignatureIter element;
-    DBusMessageIter inside;
-    dbus_signature_iter_recurse(&type, &element);
-    char* signature = dbus_signature_iter_get_signature(&element);
-    dbus_message_iter_open_container(&to, DBUS_TYPE_ARRAY, signature, &inside);
-    dbus_free(signature);
-    for (size_t left = m_chance.Below(5); left > 0; --left) {
-        AppendType(inside, element, depth);
-    }
-    dbus_message_iter_close_container(&to, &inside);
-}
-
-void HostileMessage::AppendVariant(DBusMessageIter& to, int depth)
-{
-    DBusMessageIter inside;
-    const std::string signature = AnySignature(depth);
-    dbus_message_iter_open_container(&to, DBUS_TYPE_VARIANT, signature.c_str(), &inside);
-    AppendAny(inside, signature, depth);
-    dbus_message_iter_close_container(&to, &inside);
-}
-
-void HostileMessage::AppendBasic(DBusMessageIter& to, int type)
-{
-    if (type == DBUS_TYPE_STRING) {
-        AppendText(to, AnyText());
-    } else if (type == DBUS_TYPE_OBJECT_PATH) {
-        const std::string path = "/" + AnyName(kLongestName);
-        const char* characters = path.c_str();
-        dbus_message_iter_append_basic(&to, type, &characters);
-    } else {
-        DBusBasicValue value{};
-        value.u64 = type == DBUS_TYPE_BOOLEAN ? m_chance.Below(2) : m_chance.Bits();
-        dbus_message_iter_append_basic(&to, type, &value);
-    }
 }
 
 } // namespace torture
