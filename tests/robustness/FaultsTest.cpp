@@ -25,9 +25,9 @@ const QString kRegistry = QStringLiteral("/var/lib/kxregistry/registry.ini");
 constexpr int kPageSize = 4096;
 
 #if defined(__SANITIZE_ADDRESS__) || (defined(__has_feature) && __has_feature(address_sanitizer))
-constexpr bool kHoldsFreedMemory = true; // a sanitizer keeps what was freed for a while
+constexpr bool kHasSanitizer = true;
 #else
-constexpr bool kHoldsFreedMemory = false;
+constexpr bool kHasSanitizer = false;
 #endif
 
 /// A call, what it has to answer and what the log has to say; null: nothing in particular.
@@ -161,7 +161,7 @@ private slots:
     void MemoryOfLargeMessagesIsGivenBack();
 
 private:
-    void Start(const QString& variable = {}, const QString& value = {});
+    void Start();
     std::string Answer(const Message& call) { return Describe(m_client->Call(call)); }
     /// Makes each call and compares.
     template<typename Cases>
@@ -179,14 +179,12 @@ void FaultsTest::init()
     kxtest::InstallApplication("pay", 4002, 4002,
                                "<application><home_button>html/a.html</home_button></application>",
                                {kxtest::IdleProgram()});
+    m_client.reset();
+    m_daemon = std::make_unique<DaemonFixture>();
 }
 
-void FaultsTest::Start(const QString& variable, const QString& value)
+void FaultsTest::Start()
 {
-    m_daemon = std::make_unique<DaemonFixture>();
-    if (!variable.isEmpty()) {
-        m_daemon->SetEnvironment(variable, value);
-    }
     QVERIFY(m_daemon->Start());
     m_client = std::make_unique<BusClient>();
     m_applications = Answer(Enumerate());
@@ -196,6 +194,9 @@ void FaultsTest::Start(const QString& variable, const QString& value)
 /// Whatever went wrong, the same daemon is well again.
 void FaultsTest::cleanup()
 {
+    if (!m_client) {
+        return; // skipped, or failed to start
+    }
     QCOMPARE(Answer(Enumerate()), m_applications);
     QCOMPARE(Answer(StartIdle()), std::string(kStarted));
     QCOMPARE(Answer(Terminate()), std::string());
@@ -224,7 +225,8 @@ long FaultsTest::ResidentKilobytes() const
 /// Its private root is small, see CMakeLists.txt. The log is on the same disk and says nothing.
 void FaultsTest::FullDiskIsReported()
 {
-    Start("LD_PRELOAD", KX_FAKECLOCK_LIBRARY);
+    m_daemon->Preload(KX_FAKECLOCK_LIBRARY); // the clock cannot be set here
+    Start();
     static constexpr Case kCases[]{
         {"variable", VariableCall, "-1", nullptr},
         {"time offset", TimeCall, "-3", nullptr},
@@ -278,7 +280,8 @@ void FaultsTest::ReadOnlyFilesAreReported()
         rename(path, (QByteArray(path) + ".aside").constData());
         QCOMPARE(symlink(target, path), 0);
     }
-    Start("LD_PRELOAD", KX_FAKECLOCK_LIBRARY);
+    m_daemon->Preload(KX_FAKECLOCK_LIBRARY); // the clock cannot be set here
+    Start();
     ExpectAnswers(kCases);
     const Message enable = torture::MethodCall("/Tools", "com.veltrasys.kx.core.Tools", "EnableAudiopayd");
     const dbus_bool_t on = TRUE;
@@ -310,12 +313,16 @@ void FaultsTest::MissingToolsAreReported()
     for (const char* script : kScripts) {
         QCOMPARE(unlink(script), 0);
     }
-    Start("PATH", "/nowhere");
+    m_daemon->SetEnvironment("PATH", "/nowhere");
+    Start();
     ExpectAnswers(kCases);
 }
 
 void FaultsTest::DescriptorsRunOut()
 {
+    if (kHasSanitizer) {
+        QSKIP("a sanitizer needs descriptors for its checks");
+    }
     static constexpr Case kCases[]{
         {"start", StartIdle,
          R"({ "errorCode": <-1> ,  "errorText": <"Failed to start /home/pay/bin/idle 1000 binary"> })",
@@ -355,6 +362,9 @@ void FaultsTest::ProcessesRunOut()
 
 void FaultsTest::MemoryOfLargeMessagesIsGivenBack()
 {
+    if (kHasSanitizer) {
+        QSKIP("a sanitizer keeps what was freed for a while");
+    }
     constexpr size_t kLarge = 8'000'000;
     constexpr int kMessages = 5;
     constexpr long kAllowedKilobytes = 8 * 1024;
@@ -367,7 +377,7 @@ void FaultsTest::MemoryOfLargeMessagesIsGivenBack()
     }
     QCOMPARE(Answer(Enumerate()), m_applications); // until then the bus library holds the last message
     const long growth = ResidentKilobytes() - before;
-    QVERIFY2(kHoldsFreedMemory || growth < kAllowedKilobytes, qPrintable(QString::number(growth)));
+    QVERIFY2(growth < kAllowedKilobytes, qPrintable(QString::number(growth)));
 }
 
 QTEST_GUILESS_MAIN(FaultsTest)

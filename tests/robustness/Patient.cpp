@@ -88,7 +88,7 @@ bool Patient::Start()
 {
     m_daemon = std::make_unique<kxtest::DaemonFixture>();
     if (!m_preload.isEmpty()) {
-        m_daemon->SetEnvironment("LD_PRELOAD", m_preload);
+        m_daemon->Preload(m_preload);
     }
     if (!m_daemon->Launch({QStringLiteral("--no-daemon")}) || !WaitUntilServing()) {
         return false;
