@@ -15,6 +15,7 @@
 #include <QDBusConnection>
 #include <QStringList>
 
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -100,8 +101,17 @@ void TightenUmask()
     umask(inherited | kNoWriting);
 }
 
+/// The allocator would learn from one large message to keep that much memory, in each of its arenas. With a
+/// fixed threshold what is large goes back to the system at once.
+void ReturnLargeBlocks()
+{
+    constexpr int kLarge = 128 * 1024;
+    mallopt(M_MMAP_THRESHOLD, kLarge);
+}
+
 int Run(int argc, char** argv)
 {
+    ReturnLargeBlocks();
     const QCoreApplication application(argc, argv);
     const QStringList arguments = QCoreApplication::arguments();
     const QString option = arguments.value(1);

@@ -247,14 +247,18 @@ void DaemonFixture::SetEnvironment(const QString& name, const QString& value)
     m_environment.insert(name, value);
 }
 
-void DaemonFixture::InjectFault(const QString& fault)
+void DaemonFixture::Preload(const QString& library)
 {
-    SetEnvironment(QStringLiteral("LD_PRELOAD"), QStringLiteral(KX_FAULT_INJECTION_LIBRARY));
-    SetEnvironment(QStringLiteral("KX_FAULT"), fault);
-    // A sanitizer's runtime wants to be the first library, for the sake of functions that this one leaves
-    // alone.
+    SetEnvironment(QStringLiteral("LD_PRELOAD"), library);
+    // A sanitizer's runtime wants to be the first library, for the sake of functions that these leave alone.
     const QString asan = QStringLiteral("ASAN_OPTIONS");
     SetEnvironment(asan, m_environment.value(asan) + QStringLiteral(":verify_asan_link_order=0"));
+}
+
+void DaemonFixture::InjectFault(const QString& fault)
+{
+    Preload(QStringLiteral(KX_FAULT_INJECTION_LIBRARY));
+    SetEnvironment(QStringLiteral("KX_FAULT"), fault);
 }
 
 bool DaemonFixture::Launch(const QStringList& arguments)

@@ -100,6 +100,9 @@ public:
     /// Sets a variable for daemons started from now on.
     void SetEnvironment(const QString& name, const QString& value);
 
+    /// Loads a library into daemons started from now on, before all others.
+    void Preload(const QString& library);
+
     /// Makes a library call fail in daemons started from now on; see FaultInjection.cpp for the names.
     void InjectFault(const QString& fault);
 
