@@ -8,7 +8,6 @@
 
 #include <csignal>
 #include <memory>
-#include <thread>
 
 using kxtest::PlatformCalls;
 using kxtest::WaitFor;
@@ -80,10 +79,9 @@ void LoseTheBus(Arena& arena, Findings& findings)
 {
     const int reboots = PlatformCalls().count("reboot");
     const pid_t bus = kxtest::ContentOf("/run/dbus/pid").trimmed().toInt();
-    Hostility hostility(arena.chance, QDeadlineTimer(1000));
-    while (hostility.Sent() < 200) {
-        std::this_thread::yield();
-    }
+    constexpr int kLoad = 200;
+    Hostility hostility(arena.chance, QDeadlineTimer(QDeadlineTimer::Forever));
+    findings.Expect(WaitFor([&] { return hostility.Sent() >= kLoad; }), "the bus carries no load");
     kill(bus, SIGKILL);
     hostility.Stop();
     const auto rebooted = [&] { return PlatformCalls().count("reboot") > reboots; };
