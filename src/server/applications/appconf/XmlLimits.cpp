@@ -10,6 +10,8 @@
 namespace core::configuration {
 namespace {
 
+constexpr QLatin1String kEntityDeclaration("<!ENTITY");
+
 /// Markup whose content is not read as markup.
 struct Passage {
     QLatin1String begin;
@@ -63,8 +65,8 @@ int CountWords(const QString& xml, int& at)
 /// A parameter entity brings declarations of its own, which nobody has counted.
 bool DeclaresParameterEntity(const QStringRef& markup)
 {
-    const QLatin1String begin("<!ENTITY");
-    return markup.startsWith(begin) && markup.mid(begin.size()).trimmed().startsWith(QLatin1Char('%'));
+    return markup.startsWith(kEntityDeclaration) &&
+           markup.mid(kEntityDeclaration.size()).trimmed().startsWith(QLatin1Char('%'));
 }
 
 XmlFlaw FlawAt(const QString& xml, int at, const QString& reason)
@@ -103,11 +105,14 @@ std::optional<XmlFlaw> FindExcessOfMarkup(const QString& xml)
 /// The declared entities and how much text each may stand for.
 QHash<QString, qint64> EntitySizes(const QString& xml)
 {
+    QHash<QString, qint64> sizes;
+    if (!xml.contains(kEntityDeclaration)) {
+        return sizes;
+    }
     QXmlStreamReader reader(xml);
     while (!reader.atEnd() && !reader.isDTD() && !reader.isStartElement()) {
         reader.readNext();
     }
-    QHash<QString, qint64> sizes;
     const QXmlStreamEntityDeclarations entities = reader.entityDeclarations();
     for (const QXmlStreamEntityDeclaration& entity : entities) {
         // The reader bounds what an entity with others in it comes to.
