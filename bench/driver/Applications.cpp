@@ -5,9 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
 #include <sstream>
 #include <system_error>
 
@@ -76,9 +76,9 @@ void Install(int number)
 
 std::string ApplicationName(int number)
 {
-    char name[16];
-    std::snprintf(name, sizeof(name), "app%04d", number);
-    return name;
+    std::ostringstream name;
+    name << "app" << std::setw(4) << std::setfill('0') << number;
+    return name.str();
 }
 
 void InstallApplications(int count)

@@ -39,7 +39,7 @@ Section MeasureIdle(const Options& options)
     const std::string pid = std::to_string(daemon.Pid());
     long sleeps = 0;
     {
-        std::remove(kSummary);
+        static_cast<void>(std::remove(kSummary));
         const Process strace({"strace", "-f", "-c", "-o", kSummary, "-p", pid});
         const auto isTraced = [&pid] {
             std::ifstream file("/proc/" + pid + "/status");

@@ -71,10 +71,7 @@ private:
 
 class Activation : public Launcher {
 public:
-    Activation()
-        : m_daemon(
-              ((void)PlaceHelper(), Process({"dbus-daemon", "--nofork",
-                                             std::string("--config-file=") + kPrograms + "activation.conf"})))
+    Activation() : m_daemon(StartBus())
     {
         WaitFor("dbus-daemon", [] { return fs::is_socket("/run/bench/bus"); });
         m_bus = std::make_unique<Bus>("unix:path=/run/bench/bus");
@@ -94,8 +91,8 @@ public:
     }
 
 private:
-    /// Installed, it belongs to another group than the private root's message bus.
-    static void PlaceHelper()
+    /// The helper that is installed belongs to another group than the private root's message bus.
+    static Process StartBus()
     {
         constexpr gid_t kMessageBus = 101;
         const std::string helper = std::string(kFolder) + "launch-helper";
@@ -104,6 +101,8 @@ private:
         if (chown(helper.c_str(), 0, kMessageBus) != 0 || chmod(helper.c_str(), 04750) != 0) {
             Fail(helper);
         }
+        return Process(
+            {"dbus-daemon", "--nofork", std::string("--config-file=") + kPrograms + "activation.conf"});
     }
 
     Process m_daemon;

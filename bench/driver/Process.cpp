@@ -88,6 +88,7 @@ void WaitFor(const std::string& what, const std::function<bool()>& condition)
 Process::Process(const std::vector<std::string>& command, const std::string& variable)
 {
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string& argument : command) {
         arguments.push_back(const_cast<char*>(argument.c_str()));
     }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <iomanip>
+#include <sstream>
 
 namespace kxbench {
 namespace {
@@ -13,9 +15,9 @@ std::string Number(double value)
     const int digits = std::abs(value) >= 100 || value == std::floor(value) ? 0
                        : std::abs(value) >= 10                              ? 1
                                                                             : 2;
-    char text[32];
-    std::snprintf(text, sizeof(text), "%.*f", digits, value);
-    return text;
+    std::ostringstream text;
+    text << std::fixed << std::setprecision(digits) << value;
+    return text.str();
 }
 
 void PrintTable(const Table& table)
@@ -73,7 +75,7 @@ void Print(const Section& section)
         std::for_each(section.goals.begin(), section.goals.end(), PrintGoal);
         std::printf("\n");
     }
-    std::fflush(stdout);
+    static_cast<void>(std::fflush(stdout));
 }
 
 } // namespace kxbench

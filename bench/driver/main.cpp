@@ -8,6 +8,7 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
+#include <iostream>
 
 namespace {
 
@@ -37,7 +38,7 @@ bool Run(const Benchmark& benchmark, const Options& options)
         return true;
     } catch (const std::exception& failure) {
         std::printf("## %s\n\nCould not be measured: %s\n\n", benchmark.name, failure.what());
-        std::fprintf(stderr, "bench: %s could not be measured: %s\n", benchmark.name, failure.what());
+        std::cerr << "bench: " << benchmark.name << " could not be measured: " << failure.what() << std::endl;
         return false;
     }
 }
@@ -48,7 +49,7 @@ bool Run(const Benchmark& benchmark, const Options& options)
 int main(int argc, char** argv)
 {
     if (argc < 2 || access("/run/kx-private-root", F_OK) != 0) {
-        std::fputs("This is for scripts/bench, in the private root.\n", stderr);
+        std::cerr << "This is for scripts/bench, in the private root." << std::endl;
         return 2;
     }
     std::filesystem::create_directories("/run/bench");

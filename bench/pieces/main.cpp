@@ -29,7 +29,7 @@ const QByteArray kConfiguration = R"(<?xml version="1.0" encoding="UTF-8"?>
 
 void PugixmlReads(benchmark::State& state)
 {
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         pugi::xml_document document;
         benchmark::DoNotOptimize(document.load_buffer(kConfiguration.constData(), kConfiguration.size()));
     }
@@ -38,14 +38,14 @@ void PugixmlReads(benchmark::State& state)
 void CheckOfLimits(benchmark::State& state)
 {
     const QString text = QString::fromUtf8(kConfiguration);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         benchmark::DoNotOptimize(core::configuration::FindXmlFlaw(text));
     }
 }
 
 void CheckedReading(benchmark::State& state)
 {
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         QDomDocument document;
         benchmark::DoNotOptimize(core::configuration::ParseXml(kConfiguration, document));
     }
@@ -54,7 +54,7 @@ void CheckedReading(benchmark::State& state)
 void WholeParser(benchmark::State& state)
 {
     Parser parser;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         ApplicationConfig config(QStringLiteral("pay"));
         parser.ParseApplicationConfig(kConfiguration.constData(), config);
         benchmark::DoNotOptimize(config.m_prompts);
@@ -65,7 +65,7 @@ void RecordToMap(benchmark::State& state)
 {
     ApplicationConfig config(QStringLiteral("pay"));
     Parser().ParseApplicationConfig(kConfiguration.constData(), config);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         benchmark::DoNotOptimize(static_cast<QVariantMap>(config));
     }
 }
@@ -74,7 +74,7 @@ void PathNormalizing(benchmark::State& state)
 {
     const QString path = QStringLiteral("./html/../html/index.html");
     const QString home = QStringLiteral("/home/pay");
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         benchmark::DoNotOptimize(FileSystem::NormalizeFilePath(path, home));
     }
 }

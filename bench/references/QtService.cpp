@@ -42,7 +42,7 @@ public slots:
 int main(int argc, char** argv)
 {
     const QCoreApplication application(argc, argv);
-    std::signal(SIGCHLD, SIG_IGN);
+    static_cast<void>(std::signal(SIGCHLD, SIG_IGN));
     QtService service;
     QDBusConnection bus = QDBusConnection::systemBus();
     if (!bus.registerObject(QStringLiteral("/"), &service, QDBusConnection::ExportAllSlots) ||
