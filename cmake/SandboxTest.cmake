@@ -20,6 +20,14 @@ if(KX_SIM)
     LABELS stage)
 endif()
 
+# The same with the daemon under valgrind, for ctest -C Valgrind (scripts/test --valgrind), and what slows it down.
+set(KX_VALGRIND_DIR "${CMAKE_BINARY_DIR}/stage-valgrind")
+set(_kx_valgrind_slowness 10)
+add_test(NAME stage.valgrind
+  CONFIGURATIONS Valgrind
+  COMMAND "${CMAKE_SOURCE_DIR}/tests/support/stage-valgrind" "${CMAKE_BINARY_DIR}" "${KX_VALGRIND_DIR}")
+set_tests_properties(stage.valgrind PROPERTIES FIXTURES_SETUP stage.valgrind LABELS stage)
+
 # Instrumented programs write their counts into the build tree.
 set(_kx_build_bind $<IF:$<BOOL:${KX_COVERAGE}>,--bind-rw,--bind>)
 
@@ -78,4 +86,21 @@ function(kx_add_test)
     set_tests_properties(${arg_NAME} PROPERTIES ENVIRONMENT
       "${_kx_sanitizer_options}")
   endif()
+endfunction()
+
+# kx_add_valgrind_test(name program seconds [arg...])
+# Registers a program that starts the daemon once more, with that under valgrind: whatever valgrind has to say is a
+# failure.
+function(kx_add_valgrind_test name program timeout)
+  math(EXPR timeout "${timeout} * ${_kx_valgrind_slowness}")
+  add_test(NAME valgrind.${name}
+    CONFIGURATIONS Valgrind
+    COMMAND "${CMAKE_SOURCE_DIR}/scripts/sandbox" --stage "${KX_VALGRIND_DIR}"
+      --bind "${CMAKE_SOURCE_DIR}" --bind "${CMAKE_BINARY_DIR}" -- $<TARGET_FILE:${program}> ${ARGN})
+  set_tests_properties(valgrind.${name} PROPERTIES
+    FIXTURES_REQUIRED stage.valgrind
+    LABELS valgrind
+    TIMEOUT ${timeout}
+    ENVIRONMENT KX_TIME_FACTOR=${_kx_valgrind_slowness}
+    FAIL_REGULAR_EXPRESSION "==[0-9]+== ")
 endfunction()
