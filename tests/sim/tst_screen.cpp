@@ -152,6 +152,14 @@ void ScreenTest::ShowsThePage()
     // The page's own ground, and letters on it.
     QCOMPARE(picture.pixelColor(310, 470), QColor(0x14, 0x32, 0x4f));
     QVERIFY(ColoursOf(picture) > 10);
+
+    // An error page is on the screen, too, and is the page of the application that was asked for.
+    QSignalSpy completed(m_browser.get(), &WebBrowserProxy::loadCompleted);
+    QCOMPARE(Await(m_browser->ShowPage(kShow + QStringLiteral("pay/none.html"))), 0);
+    KX_TRY_COMPARE(completed.size(), 1);
+    QCOMPARE(completed.first().first(), QVariant(false));
+    QCOMPARE(Await(m_browser->GetUrl()).value(QStringLiteral("application")).toString(),
+             QStringLiteral("pay"));
 }
 
 void ScreenTest::DeletesTheShowOncePage()

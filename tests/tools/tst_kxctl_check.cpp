@@ -208,16 +208,25 @@ private slots:
         MakeApplication(Home(), "<application><cgi_bin_default>true</cgi_bin_default></application>");
         WriteFile(Home() + "/bin/readme", "x");
         QVERIFY(QDir(Home() + "/cgi-bin").removeRecursively());
-        QCOMPARE(chown(QFile::encodeName(Home()).constData(), 4002, 5000), 0);
         const QString name(41, 'n');
         const CommandRun run = RunKxctl({"check", Home() + '/', "--name", name});
         QCOMPARE(run.out,
                  Home() + ": error: the name is longer than 40 characters, so its pages have no address\n" +
-                     Home() +
-                     ": warning: owned by 4002:5000, which is no application account (4000 to 4999)\n" +
                      Home() + "/app.conf:1: error: <cgi_bin_default>: there is no directory cgi-bin\n" +
                      Home() + "/bin/readme: warning: not executable, so it cannot be started\n" + name +
-                     ": errors: 2, warnings: 2\n");
+                     ": errors: 2, warnings: 1\n");
+    }
+
+    void LooksAtTheOwnerOfAHomeOnly()
+    {
+        MakeApplication(Home(), "<application/>");
+        QCOMPARE(chown(QFile::encodeName(Home()).constData(), 1000, 1000), 0);
+        QCOMPARE(RunKxctl({"check", Home()}).out, QString("pay: errors: 0, warnings: 0\n"));
+        MakeApplication("/home/pay", "<application/>");
+        QCOMPARE(chown("/home/pay", 4002, 5000), 0);
+        QCOMPARE(RunKxctl({"check", "/home/pay"}).out,
+                 QString("/home/pay: warning: owned by 4002:5000, which is no application account (4000 to "
+                         "4999)\npay: errors: 0, warnings: 1\n"));
     }
 
     void TellsWhyAFileIsNotRead()

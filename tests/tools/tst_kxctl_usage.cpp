@@ -104,6 +104,8 @@ private slots:
             "system call: 'text' is neither KEY=TEXT nor KEY:=JSON; see kxctl system call --help");
         row({"system", "call", "99", "text:={"},
             "system call: 'text:={' holds no JSON value; see kxctl system call --help");
+        row({"check", "/tmp", "--name", "a/b"},
+            "check: 'a/b' is no name of an application; --name gives one; see kxctl check --help");
         row({"check", "/none"}, "check: '/none' is no directory; see kxctl check --help");
     }
 
@@ -133,6 +135,8 @@ private slots:
             QVERIFY2(kxtest::Matches(manual, ".*\n\\.[BR]+I? \"?" + name + "[\" \\n].*"), qPrintable(name));
         }
         QCOMPARE(count, 28);
+        // What follows the program is for the program.
+        QVERIFY(RunKxctl({"start", "--help"}).out.startsWith("Usage: kxctl start [OPTION]... [APP BINARY "));
     }
 };
 

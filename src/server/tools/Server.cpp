@@ -246,6 +246,8 @@ int Server::SetTimeZone(const QString& timeZone)
 int Server::SetTimeZone(const QString& timeZone, const QString& infoSource)
 {
     const ZoneChange change = timeZone.isEmpty() ? RemoveZoneLink() : PointZoneLinkTo(timeZone);
+    // Log records carry local time, for which the C library would go by the zone that it has read already.
+    tzset();
     if (change == ZoneChange::Done && !infoSource.isEmpty()) {
         RecordSource(infoSource);
         emit TimeInfoChanged(GetUTCTime(), timeZone, infoSource);

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <ctime>
+
 namespace {
 
 /// Makes the process an ordinary account's while it lives.
@@ -31,6 +33,7 @@ private slots:
     void ZoneLinkIsSet();
     void ZoneOutsideIsRefused_data();
     void ZoneOutsideIsRefused();
+    void LocalTimeFollowsTheZone();
     void SameZoneChangesNothing();
     void ZoneLinkThatCannotBeChangedIsReported();
     void CurrentZoneIsReadFromTheLink_data();
@@ -126,6 +129,19 @@ void ZoneTest::ZoneOutsideIsRefused()
     QCOMPARE(LinkTarget(kLink), QString());
     QCOMPARE(m_registry.getValue(kKey), QVariant());
     QCOMPARE(m_changed.size(), 0);
+}
+
+void ZoneTest::LocalTimeFollowsTheZone()
+{
+    constexpr std::time_t noon = 1715947200; // 2024-05-17 12:00:00 UTC
+    const QList<QPair<QString, int>> hours{{"Europe/Berlin", 14}, {"Asia/Tokyo", 21}, {"", 12}};
+    for (const auto& [zone, hour] : hours) {
+        QCOMPARE(m_server.SetTimeZone(zone), 0);
+        // Unlike localtime this does not look for the zone itself, and syslog neither.
+        std::tm local{};
+        QVERIFY(localtime_r(&noon, &local) != nullptr);
+        QCOMPARE(local.tm_hour, hour);
+    }
 }
 
 void ZoneTest::SameZoneChangesNothing()

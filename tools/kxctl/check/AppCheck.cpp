@@ -45,8 +45,12 @@ void CheckName(const QString& name, Problems& problems)
     }
 }
 
-void CheckOwner(const QString& directory, Problems& problems)
+/// Only a home has to belong to the application; a developer's copy belongs to the developer.
+void CheckOwner(const QString& directory, const QString& name, Problems& problems)
 {
+    if (directory != QFileInfo("/home/" + name).canonicalFilePath()) {
+        return;
+    }
     unsigned uid = 0;
     unsigned gid = 0;
     Parser::GetResourceUIDandGID(&directory, uid, gid);
@@ -108,7 +112,7 @@ Problems CheckApplication(const QString& directory, const QString& name)
 {
     Problems problems;
     CheckName(name, problems);
-    CheckOwner(directory, problems);
+    CheckOwner(directory, name, problems);
     CheckAppConf(directory, name, problems);
     CheckPrograms(directory, "bin", "so it cannot be started", problems);
     CheckPrograms(directory, "cgi-bin", "so the web server may serve it as text", problems);
