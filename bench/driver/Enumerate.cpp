@@ -121,7 +121,8 @@ Section MeasureEnumerate(const Options& options)
         TimeAll(figures, options.Times(6, 1));
         figures.allocations = AllocationsOf(figures.applications);
 
-        const std::string name = std::to_string(figures.applications) + " applications";
+        const std::string name = std::to_string(figures.applications) +
+                                 (figures.applications == 1 ? " application" : " applications");
         times.rows.push_back({"kxcore, " + name, figures.core, 0});
         times.rows.push_back({"floor, " + name, figures.look, Ratio(figures.core, figures.look)});
         times.rows.push_back(
