@@ -96,7 +96,8 @@ function(kx_add_valgrind_test name program timeout)
   add_test(NAME valgrind.${name}
     CONFIGURATIONS Valgrind
     COMMAND "${CMAKE_SOURCE_DIR}/scripts/sandbox" --stage "${KX_VALGRIND_DIR}"
-      --bind "${CMAKE_SOURCE_DIR}" --bind "${CMAKE_BINARY_DIR}" -- $<TARGET_FILE:${program}> ${ARGN})
+      --bind "${CMAKE_SOURCE_DIR}" --bind "${CMAKE_BINARY_DIR}" --
+      env QTEST_FUNCTION_TIMEOUT=${timeout}000 $<TARGET_FILE:${program}> ${ARGN}) # instead of five minutes
   set_tests_properties(valgrind.${name} PROPERTIES
     FIXTURES_REQUIRED stage.valgrind
     LABELS valgrind
