@@ -124,14 +124,6 @@ private slots:
         QCOMPARE(InChild(countWrong, ""), 0);
     }
 
-    void SimultaneousChildrenLeaveNoZombie()
-    {
-        UniqueFd children = MakeChildren();
-        QCOMPARE(Children().size(), kChildren);
-        children.Reset();
-        QTRY_COMPARE(Children(), QList<pid_t>());
-    }
-
     void ExecShellKeepsItsStatusWhileChildrenEnd()
     {
         MakeChildren().Reset();

@@ -6,6 +6,8 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 
+#include <utility>
+
 namespace {
 
 constexpr auto kPolicy = R"(<busconfig><policy user="root">

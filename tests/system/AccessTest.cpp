@@ -1,3 +1,4 @@
+#include "CommandRun.h"
 #include "DaemonFixture.h"
 
 #include <QCoreApplication>
@@ -6,7 +7,6 @@
 #include <QDBusMessage>
 #include <QFile>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -164,19 +164,10 @@ QString Act(const QStringList& arguments)
 // --- as the test
 // --------------------------------------------------------------------------------------------
 
-QStringList CommandOf(const QString& account, const QStringList& arguments)
-{
-    return QStringList{"--reuid", account, "--regid", account, "--init-groups", kCaller} + arguments;
-}
-
 /// \return "allowed", or the name of the error that the account got
 QString RunAs(const QString& account, const QStringList& arguments)
 {
-    QProcess process;
-    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process.start("setpriv", CommandOf(account, arguments));
-    process.waitForFinished(kxtest::Bound(2 * kxtest::kPatience));
-    return QString::fromLatin1(process.readAllStandardOutput()).trimmed();
+    return kxtest::RunAs(account, QStringList(kCaller) + arguments).out.trimmed();
 }
 
 QString AddressOf(const QString& service)
@@ -217,8 +208,7 @@ private:
 
 void AccessTest::initTestCase()
 {
-    QVERIFY(QFile::copy(QCoreApplication::applicationFilePath(), kCaller));
-    QCOMPARE(chmod(qPrintable(kCaller), 0755), 0);
+    CopyProgram(QCoreApplication::applicationFilePath(), kCaller);
     QVERIFY(m_daemon.Start());
 }
 
@@ -275,8 +265,7 @@ void AccessTest::LossOfTheBusCannotBeForged()
     const QStringList signal{"--system", "--type=signal", "/org/freedesktop/DBus/Local",
                              "org.freedesktop.DBus.Local.Disconnected"};
     for (const QStringList& destination : {QStringList(), QStringList("--dest=" + kService)}) {
-        const QStringList account{"--reuid", "pay", "--regid", "pay", "--init-groups", "dbus-send"};
-        QCOMPARE(QProcess::execute("setpriv", account + destination + signal), 0);
+        QCOMPARE(kxtest::RunAs("pay", QStringList("dbus-send") + destination + signal).status, 0);
     }
     QCOMPARE(m_daemon.StartRequest({{"application", "none"}})["errorCode"].toInt(), -1);
     for (const kxtest::LogRecord& record : m_daemon.Records()) {
@@ -288,7 +277,7 @@ void AccessTest::EverybodyHearsSignals()
 {
     QProcess listener;
     // Of an application account, the process would not survive what the signal reports.
-    listener.start("setpriv", CommandOf("guest", {"listen"}));
+    listener.start("setpriv", {"--reuid", "guest", "--regid", "guest", "--init-groups", kCaller, "listen"});
     KX_TRY_VERIFY(listener.canReadLine());
     QCOMPARE(listener.readLine().trimmed(), QByteArray("listening"));
     m_daemon.Applications().Terminate();
@@ -315,12 +304,11 @@ void AccessTest::DaemonHearsTheBrowser()
     QVERIFY(
         bus.connect(QString(), "/", "com.veltrasys.browser.Server", "loadCompleted", &loaded, SLOT(Count())));
     bus.interface()->isServiceRegistered(kService); // the bus knows the rule before it answers
-    const QStringList send{"--reuid",       "guest",     "--regid",  "guest",
-                           "--init-groups", "dbus-send", "--system", "--type=signal"};
+    const QStringList send{"dbus-send", "--system", "--type=signal"};
     const QStringList signal{"/", "com.veltrasys.browser.Server.loadCompleted", "boolean:true"};
     // Only to the daemon, which is refused, then to everybody: were both let through, both would be here.
-    QCOMPARE(QProcess::execute("setpriv", send + QStringList{"--dest=" + kService} + signal), 0);
-    QCOMPARE(QProcess::execute("setpriv", send + signal), 0);
+    QCOMPARE(kxtest::RunAs("guest", send + QStringList{"--dest=" + kService} + signal).status, 0);
+    QCOMPARE(kxtest::RunAs("guest", send + signal).status, 0);
     KX_TRY_VERIFY(loaded.count > 0);
     QCOMPARE(loaded.count, 1);
     QVERIFY(bus.unregisterService(kService));
@@ -329,10 +317,7 @@ void AccessTest::DaemonHearsTheBrowser()
 
 void AccessTest::MissingGroupsLetNobodyIn()
 {
-    QFile groups("/etc/group");
-    QVERIFY(groups.open(QIODevice::ReadWrite));
-    const QByteArray text = groups.readAll().replace("\nkx", "\nold-kx");
-    QVERIFY(groups.seek(0) && groups.resize(0) && groups.write(text) == text.size() && groups.flush());
+    WriteFile("/etc/group", ReadFile("/etc/group").replace("\nkx", "\nold-kx"));
     QVERIFY(ReloadBus());
 
     const QStringList enumerate{QStringLiteral("0"), kService};
