@@ -2,8 +2,6 @@
 
 #include "Fixture.h"
 
-#include <QRegularExpression>
-
 #include <sys/wait.h>
 #include <unistd.h>
 

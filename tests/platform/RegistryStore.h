@@ -5,8 +5,6 @@
 #include "PrivateRoot.h"
 #include "Table.h"
 
-#include <QStringList>
-
 /// The registry's file as the tests of library and tool see it from outside, and the tool as the other
 /// process.
 namespace registrystore {

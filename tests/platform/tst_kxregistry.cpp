@@ -1,8 +1,5 @@
 #include "RegistryStore.h"
 
-#include <QFileInfo>
-#include <QtTest>
-
 #include <csignal>
 
 using kxtest::CommandRun;
@@ -69,15 +66,6 @@ private slots:
         QCOMPARE(run.err, errors);
         QCOMPARE(run.out, output);
         QCOMPARE(run.status, status);
-    }
-
-    void ChangesTheStore()
-    {
-        QCOMPARE(RunTool({"set", "a", "-2"}).status, 0);
-        QCOMPARE(RunTool({"set", "b", ""}).status, 0);
-        QCOMPARE(RunTool({"list"}).out, QString("a=-2\nb=\n"));
-        QCOMPARE(RunTool({"delete", "a"}).status, 0);
-        QCOMPARE(RunTool({"list"}).out, QString("b=\n"));
     }
 
     void FollowsConfiguration_data()

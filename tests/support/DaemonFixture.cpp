@@ -36,9 +36,8 @@ QString Service()
 /// Appends the record in a line of the log if it is one of the daemon's.
 void AppendRecord(const QString& logLine, QVector<LogRecord>& records)
 {
-    static const QRegularExpression form(
-        QStringLiteral(R"(^\w{3} +\d+ [\d:]{8} \S+ \w+\.(\w+) kxcore(?:\[\d+\])?: )"
-                       R"((?:platform/kx-core(?: ([^ :]*):([^:]*):(\d+))?: *)?(.*)$)"));
+    static const QRegularExpression form(R"(^\w{3} +\d+ [\d:]{8} \S+ \w+\.(\w+) kxcore(?:\[\d+\])?: )"
+                                         R"((?:platform/kx-core(?: ([^ :]*):([^:]*):(\d+))?: *)?(.*)$)");
     const QRegularExpressionMatch match = form.match(logLine);
     if (match.hasMatch()) {
         records.append({match.captured(1), match.captured(2), match.captured(3), match.captured(4).toInt(),
@@ -50,15 +49,15 @@ void AppendRecord(const QString& logLine, QVector<LogRecord>& records)
 
 qint64 LogMark()
 {
-    return QFileInfo(QString::fromLatin1(kLog)).size();
+    return QFileInfo(kLog).size();
 }
 
 QVector<LogRecord> LogSince(qint64 mark)
 {
     QVector<LogRecord> records;
-    QFile log(QString::fromLatin1(kLog));
+    QFile log(kLog);
     if (log.open(QIODevice::ReadOnly) && log.seek(mark)) {
-        for (const QString& line : QString::fromLocal8Bit(log.readAll()).split(QLatin1Char('\n'))) {
+        for (const QString& line : QString::fromLocal8Bit(log.readAll()).split('\n')) {
             AppendRecord(line, records);
         }
     }
@@ -68,18 +67,18 @@ QVector<LogRecord> LogSince(qint64 mark)
 QString InstallApplication(const QString& name, unsigned uid, unsigned gid, const QByteArray& appConf,
                            const QVector<HomeFile>& files)
 {
-    const QString home = QStringLiteral("/home/") + name;
+    const QString home = "/home/" + name;
     RemoveAll(home);
     MakeDirectory(home);
     if (!appConf.isEmpty()) {
-        WriteFile(home + QStringLiteral("/app.conf"), appConf);
+        WriteFile(home + "/app.conf", appConf);
     }
     for (const HomeFile& file : files) {
-        WriteFile(home + QLatin1Char('/') + file.path, file.content, 0, 0, file.mode);
+        WriteFile(home + '/' + file.path, file.content, 0, 0, file.mode);
     }
     // Links themselves, not what they point to.
-    const QString owner = QStringLiteral("%1:%2").arg(uid).arg(gid);
-    if (QProcess::execute(QStringLiteral("chown"), {QStringLiteral("-hR"), owner, home}) != 0) {
+    const QString owner = QString("%1:%2").arg(uid).arg(gid);
+    if (QProcess::execute("chown", {"-hR", owner, home}) != 0) {
         qFatal("cannot change the owner of %s", qPrintable(home));
     }
     return home;
@@ -87,13 +86,13 @@ QString InstallApplication(const QString& name, unsigned uid, unsigned gid, cons
 
 void RemoveApplications()
 {
-    RemoveAll(QStringLiteral("/home"));
-    MakeDirectory(QStringLiteral("/home"));
+    RemoveAll("/home");
+    MakeDirectory("/home");
 }
 
 HomeFile IdleProgram(const QString& path)
 {
-    return {path, ReadFile(QStringLiteral("/usr/bin/sleep")), 0755};
+    return {path, ReadFile("/usr/bin/sleep"), 0755};
 }
 
 HomeFile Script(const QString& path, const QByteArray& commands)
@@ -103,8 +102,8 @@ HomeFile Script(const QString& path, const QByteArray& commands)
 
 QStringList PlatformCalls()
 {
-    const QString calls = QString::fromLocal8Bit(ReadFile(QStringLiteral("/run/standins/calls")));
-    return calls.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    const QString calls = QString::fromLocal8Bit(ReadFile("/run/standins/calls"));
+    return calls.split('\n', Qt::SkipEmptyParts);
 }
 
 QVector<pid_t> ProcessesOf(const QString& program)
@@ -131,13 +130,13 @@ QVector<QPair<pid_t, char>> ChildrenOf(pid_t parent)
 }
 
 DaemonFixture::DaemonFixture()
-    : m_applications(Service(), QStringLiteral("/Applications"), QDBusConnection::systemBus(), nullptr)
+    : m_applications(Service(), "/Applications", QDBusConnection::systemBus(), nullptr)
 {
     RequirePrivateRoot();
     RegisterApplicationList();
     // What this process was started with besides the standard streams must not reach the daemon.
     close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
-    m_process.setWorkingDirectory(QStringLiteral("/"));
+    m_process.setWorkingDirectory("/");
     m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     m_process.setStandardInputFile(QProcess::nullDevice());
     m_applications.setTimeout(Bound(kPatience));
@@ -151,19 +150,14 @@ DaemonFixture::~DaemonFixture()
     }
 }
 
-void DaemonFixture::SetEnvironment(const QString& name, const QString& value)
-{
-    m_environment.insert(name, value);
-}
-
 void DaemonFixture::InjectFault(const QString& fault)
 {
-    SetEnvironment(QStringLiteral("LD_PRELOAD"), QStringLiteral(KX_FAULT_INJECTION_LIBRARY));
-    SetEnvironment(QStringLiteral("KX_FAULT"), fault);
+    SetEnvironment("LD_PRELOAD", KX_FAULT_INJECTION_LIBRARY);
+    SetEnvironment("KX_FAULT", fault);
     // A sanitizer's runtime wants to be the first library, for the sake of functions that this one leaves
     // alone.
-    const QString asan = QStringLiteral("ASAN_OPTIONS");
-    SetEnvironment(asan, m_environment.value(asan) + QStringLiteral(":verify_asan_link_order=0"));
+    const QString asan = "ASAN_OPTIONS";
+    SetEnvironment(asan, m_environment.value(asan) + ":verify_asan_link_order=0");
 }
 
 bool DaemonFixture::Launch(const QStringList& arguments)
@@ -171,22 +165,16 @@ bool DaemonFixture::Launch(const QStringList& arguments)
     m_logMark = LogMark();
     m_detached = false;
     m_process.setProcessEnvironment(m_environment);
-    m_process.start(QString::fromLatin1(kProgram), arguments);
+    m_process.start(kProgram, arguments);
     const bool started = m_process.waitForStarted(Bound(kPatience));
     m_pid = static_cast<pid_t>(m_process.processId());
     return started;
 }
 
-bool DaemonFixture::Start(const QStringList& arguments)
-{
-    return Launch(arguments) && WaitUntilServing();
-}
-
 bool DaemonFixture::WaitUntilServing()
 {
     const QDBusMessage introspect = QDBusMessage::createMethodCall(
-        Service(), QStringLiteral("/Applications"), QStringLiteral("org.freedesktop.DBus.Introspectable"),
-        QStringLiteral("Introspect"));
+        Service(), "/Applications", "org.freedesktop.DBus.Introspectable", "Introspect");
     bool serving = false;
     WaitFor([&] {
         const QDBusMessage reply =
@@ -223,12 +211,6 @@ int DaemonFixture::WaitForExit(int milliseconds)
     return m_detached ? 0 : (isKilled ? kSignalled : 0) + m_process.exitCode();
 }
 
-int DaemonFixture::Stop()
-{
-    Signal(SIGTERM);
-    return WaitForExit();
-}
-
 bool DaemonFixture::IsRunning() const
 {
     return m_detached ? !StatusOf(m_pid).value("State", "Z").startsWith('Z')
@@ -237,13 +219,8 @@ bool DaemonFixture::IsRunning() const
 
 int DaemonFixture::OpenDescriptors() const
 {
-    const QDir descriptors(QStringLiteral("/proc/%1/fd").arg(m_pid));
+    const QDir descriptors(QString("/proc/%1/fd").arg(m_pid));
     return descriptors.entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot).size();
-}
-
-bool DaemonFixture::IsBusRunning()
-{
-    return QDBusConnection::systemBus().isConnected();
 }
 
 bool DaemonFixture::IsNameOwned()
@@ -271,7 +248,7 @@ QVariantMap DaemonFixture::StartRequest(const QVariantMap& request)
 {
     QDBusPendingReply<QVariantMap> reply = m_applications.Start(request);
     reply.waitForFinished();
-    return reply.isError() ? QVariantMap{{QStringLiteral("error"), reply.error().message()}} : reply.value();
+    return reply.isError() ? QVariantMap{{"error", reply.error().message()}} : reply.value();
 }
 
 ApplicationList DaemonFixture::Enumerate()

@@ -7,16 +7,13 @@
 #include "Table.h"
 #include "server/dbus/ApplicationList.h"
 
-#include <QByteArray>
-#include <QProcess>
-#include <QProcessEnvironment>
-#include <QString>
-#include <QStringList>
-#include <QVariantMap>
-#include <QVector>
+#include <QDBusConnection>
+
 #include <QtTest>
 
 #include <sys/types.h>
+
+#include <csignal>
 
 /// Helpers for tests that drive the real daemon. They work in the private root only: a program that links
 /// them ends at once when it is started elsewhere.
@@ -54,7 +51,7 @@ QString InstallApplication(const QString& name, unsigned uid, unsigned gid,
 void RemoveApplications();
 
 /// A program for an application's home that does nothing for as many seconds as its first parameter says.
-HomeFile IdleProgram(const QString& path = QStringLiteral("bin/idle"));
+HomeFile IdleProgram(const QString& path = "bin/idle");
 
 /// A shell script for an application's home.
 HomeFile Script(const QString& path, const QByteArray& commands);
@@ -79,7 +76,7 @@ public:
     DaemonFixture& operator=(const DaemonFixture&) = delete;
 
     /// Sets a variable for daemons started from now on.
-    void SetEnvironment(const QString& name, const QString& value);
+    void SetEnvironment(const QString& name, const QString& value) { m_environment.insert(name, value); }
 
     /// Makes a library call fail in daemons started from now on; see FaultInjection.cpp for the names.
     void InjectFault(const QString& fault);
@@ -89,7 +86,10 @@ public:
 
     /// Starts the daemon and waits until it serves calls.
     /// \return false when it ended first or did not get there within the bound
-    bool Start(const QStringList& arguments = {QStringLiteral("--no-daemon")});
+    bool Start(const QStringList& arguments = {"--no-daemon"})
+    {
+        return Launch(arguments) && WaitUntilServing();
+    }
 
     /// Waits until the event loop of the daemon answers on the bus, which is after its boot sequence.
     bool WaitUntilServing();
@@ -107,7 +107,11 @@ public:
 
     /// Asks the daemon to end (SIGTERM) and waits.
     /// \return as WaitForExit
-    int Stop();
+    int Stop()
+    {
+        Signal(SIGTERM);
+        return WaitForExit();
+    }
 
     bool IsRunning() const;
     pid_t Pid() const { return m_pid; }
@@ -116,7 +120,7 @@ public:
     /// \return what the daemon wrote to standard output
     QByteArray Output() { return m_process.readAllStandardOutput(); }
 
-    static bool IsBusRunning();
+    static bool IsBusRunning() { return QDBusConnection::systemBus().isConnected(); }
 
     /// \return whether any process owns the daemon's name on the bus
     static bool IsNameOwned();

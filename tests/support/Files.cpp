@@ -70,5 +70,5 @@ QString OwnerAndMode(const QString& path)
     if (lstat(QFile::encodeName(path).constData(), &info) != 0) {
         return {};
     }
-    return QStringLiteral("%1:%2 %3").arg(info.st_uid).arg(info.st_gid).arg(info.st_mode & 07777, 0, 8);
+    return QString("%1:%2 %3").arg(info.st_uid).arg(info.st_gid).arg(info.st_mode & 07777, 0, 8);
 }

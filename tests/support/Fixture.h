@@ -4,8 +4,6 @@
 #include "PrivateRoot.h"
 #include "Table.h"
 
-#include <QCoreApplication>
-#include <QObject>
 #include <QtTest>
 
 /// Base of the unit tests' classes.

@@ -20,7 +20,7 @@ namespace {
 
 QString ProcPath(pid_t pid, const char* entry)
 {
-    return QStringLiteral("/proc/%1/%2").arg(pid).arg(QLatin1String(entry));
+    return QString("/proc/%1/%2").arg(pid).arg(QLatin1String(entry));
 }
 
 bool Lock(const char* path)
@@ -43,7 +43,7 @@ int AskForLock(const char* path)
 QList<pid_t> ProcessIds()
 {
     QList<pid_t> ids;
-    for (const QString& entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+    for (const QString& entry : QDir("/proc").entryList(QDir::Dirs)) {
         if (entry.toInt() > 0) {
             ids.append(entry.toInt());
         }
@@ -124,8 +124,7 @@ bool IsLocked(const char* path)
     return InChild(AskForLock, path) != 0;
 }
 
-Stray::Stray(uid_t uid, gid_t gid, bool ignoresTerm)
-    : m_file(QStringLiteral("/tmp/stray-%1-%2").arg(uid).arg(gid))
+Stray::Stray(uid_t uid, gid_t gid, bool ignoresTerm) : m_file(QString("/tmp/stray-%1-%2").arg(uid).arg(gid))
 {
     RemoveAll(m_file);
     const QString script =
@@ -133,7 +132,7 @@ Stray::Stray(uid_t uid, gid_t gid, bool ignoresTerm)
                        " wait $!; echo $? >>%4) >/dev/null 2>&1 </dev/null &")
             .arg(QString::number(uid), QString::number(gid),
                  QLatin1String(ignoresTerm ? "--ignore-signal=TERM" : "--default-signal=TERM"), m_file);
-    QProcess::execute(QStringLiteral("sh"), {QStringLiteral("-c"), script});
+    QProcess::execute("sh", {"-c", script});
     if (!kxtest::WaitFor(
             [this] { return EntriesOf(ReadFile(m_file).toInt(), "cmdline").value(0) == "sleep"; })) {
         qFatal("%s does not run", qPrintable(m_file));

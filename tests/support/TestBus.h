@@ -34,9 +34,6 @@ public:
     bool Appear();
     bool Vanish();
 
-    /// \return the pages it was told to show; the event loop has to run for them to arrive
-    const QStringList& Pages() const { return m_pages; }
-
     /// \return the pages since the last call, when all that code of this process sent has arrived
     QStringList TakePages();
 

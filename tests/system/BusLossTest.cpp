@@ -1,9 +1,6 @@
 #include "AccountingRecord.h"
 #include "DaemonFixture.h"
 
-#include <QElapsedTimer>
-#include <QFileInfo>
-
 #include <csignal>
 
 using kxtest::PlatformCalls;

@@ -1,7 +1,7 @@
+#include "CommandRun.h"
 #include "DaemonFixture.h"
 
-#include <QFileInfo>
-
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -123,6 +123,29 @@ private slots:
             daemon.Signal(signo);
             QVERIFY2(daemon.WaitUntilServing(), qPrintable(QString::number(signo)));
         }
+        QCOMPARE(daemon.Stop(), 0);
+    }
+
+    void NothingIsOpenToOthersWhateverTheUmask()
+    {
+        const mode_t own = umask(0);
+        DaemonFixture daemon;
+        QVERIFY(daemon.Start());
+        umask(own);
+        for (const char* command :
+             {"kernel set 2", "usb --mode serial --full-speed --hub-id hub", "poweroff"}) {
+            QCOMPARE(kxtest::RunKxctl(QStringList("system") + QString(command).split(' ')).status, 0);
+        }
+        for (const char* path : {"/etc/platform/settings/L2KernelsVersion", "/etc/platform/usb_gadget",
+                                 "/etc/platform/usb_gadget/serial", "/etc/platform/usbphy0",
+                                 "/etc/platform/sys/hubID", "/tmp/kxcore_poweroff"}) {
+            struct stat info = {};
+            QVERIFY2(stat(path, &info) == 0 && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0, path);
+        }
+        // What all are to write to is, all the same.
+        kxtest::InstallApplication("pay", 4002, 4002);
+        QCOMPARE(daemon.Enumerate().size(), 1);
+        QCOMPARE(OwnerAndMode("/var/run/www/html"), QString("0:0 777"));
         QCOMPARE(daemon.Stop(), 0);
     }
 };

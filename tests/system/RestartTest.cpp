@@ -1,6 +1,5 @@
 #include "DaemonFixture.h"
 
-#include <QElapsedTimer>
 #include <QTcpServer>
 #include <QTcpSocket>
 

@@ -1,8 +1,6 @@
 #include "DaemonFixture.h"
-#include "TestBus.h"
 
 #include <QDBusPendingCallWatcher>
-#include <QFileInfo>
 
 #include <csignal>
 #include <memory>
@@ -12,18 +10,16 @@ using kxtest::ProcessesOf;
 
 namespace {
 
-const QString kShow = QStringLiteral("http://localhost/cgi-bin/page/show?path=");
 const QString kSleep = QStringLiteral("/usr/bin/sleep");
 
 } // namespace
 
-/// What a start of the terminal does: stop, start, show the first page.
+/// What a start of the terminal does: stop, start. The first page is the subject of tst_server and
+/// tst_browser.
 class StartSequenceTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void initTestCase() { OpenBus(); }
-
     void init()
     {
         kxtest::RemoveApplications();
@@ -93,36 +89,6 @@ private slots:
         KX_TRY_COMPARE(terminated.size(), 1);
         KX_TRY_COMPARE(application.EndedBy(), SIGTERM);
         KX_TRY_COMPARE(other.EndedBy(), signal);
-    }
-
-    void FollowsTheBrowser()
-    {
-        InstallApplication("desktop", 4001, 4001, {}, {{"html/index.html", "i"}});
-        InstallApplication("pay", 4002, 4002,
-                           "<application><show_on_boot>html/a.html</show_on_boot></application>",
-                           {{"html/a.html", "a"}});
-        const QVariantMap showIndex{{"default", true}};
-        QVERIFY(m_daemon->Start());
-        // The page of the start sequence waits for the browser until a later one takes its place.
-        QCOMPARE(m_daemon->StartRequest(showIndex), QVariantMap());
-        FakeBrowser browser;
-        QVERIFY(browser.Appear());
-        QStringList shown{kShow + "desktop/index.html"};
-        KX_TRY_COMPARE(browser.Pages(), shown);
-
-        browser.Vanish();
-        QCOMPARE(m_daemon->StartRequest(showIndex), QVariantMap());
-        QVERIFY(browser.Appear());
-        shown.append(kShow + "desktop/index.html");
-        KX_TRY_COMPARE(browser.Pages(), shown);
-
-        // Nothing was asked for while it was away this time, so only what is asked for later is shown.
-        browser.Vanish();
-        QVERIFY(browser.Appear());
-        QVERIFY(m_daemon->WaitUntilServing());
-        m_daemon->StartRequest({});
-        shown.append(kShow + "pay/a.html");
-        KX_TRY_COMPARE(browser.Pages(), shown);
     }
 
 private:

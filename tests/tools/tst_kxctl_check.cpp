@@ -3,14 +3,6 @@
 #include "PrivateRoot.h"
 #include "Table.h"
 
-#include <QCoreApplication>
-#include <QDir>
-#include <QFileInfo>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QTemporaryDir>
-
 using kxtest::CommandRun;
 using kxtest::RunCommand;
 using kxtest::RunKxctl;

@@ -3,8 +3,6 @@
 #include "PrivateRoot.h"
 #include "Table.h"
 
-#include <QCoreApplication>
-
 using kxtest::CommandRun;
 using kxtest::RunCommand;
 using kxtest::RunKxctl;

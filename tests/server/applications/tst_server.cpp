@@ -6,10 +6,6 @@
 #include "Processes.h"
 #include "TestBus.h"
 
-#include <QFile>
-#include <QFileInfo>
-#include <QSignalSpy>
-
 #include <sys/stat.h>
 #include <sys/wait.h>
 

@@ -4,8 +4,6 @@
 #include "Fixture.h"
 #include "TestBus.h"
 
-#include <QFileInfo>
-
 namespace {
 
 constexpr auto kFile = "/tmp/once.html";

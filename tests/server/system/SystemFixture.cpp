@@ -2,10 +2,6 @@
 
 #include "misc/Log.h"
 
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-
 namespace {
 
 constexpr auto kCalls = "/run/standins/calls";

@@ -8,9 +8,6 @@
 
 #include <Registry.h>
 
-#include <QMap>
-#include <QVariantMap>
-
 #include <memory>
 
 /// Paths and contents. "-> target" stands for a link; a null text for nothing at that path.

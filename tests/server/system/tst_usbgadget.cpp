@@ -1,7 +1,5 @@
 #include "SystemFixture.h"
 
-#include <QDir>
-
 #include <sys/stat.h>
 
 namespace {
@@ -34,13 +32,16 @@ QStringList Unloads(const QStringList& modules)
     return calls;
 }
 
+const QString kStarted = "6 DoConfigureUSBGadget USB configuration started";
+const QString kCreating = "6 DoConfigureUSBGadget creating USB config related files and directories";
+const QString kFailed = "3 DoConfigureUSBGadget ";
+
 /// The records of a reload, with \a extra ones (module unloading) before the controller is loaded.
 QStringList Log(bool applications, const QStringList& extra, bool serial, const QString& outcome)
 {
     const QString call = "6 DoConfigureUSBGadget ";
     const QString reload = "6 reloadGadgetUsbModules ";
-    QStringList log{call + "USB configuration started",
-                    call + "creating USB config related files and directories"};
+    QStringList log{kStarted, kCreating};
     if (applications) {
         log << call + "stopping apps server";
     }
@@ -75,14 +76,11 @@ private slots:
     void Refuses_data()
     {
         const Table<Case> table;
+        const Files untouched{
+            {"/etc/platform/usb_gadget", {}}, {"/etc/platform/usbphy0", {}}, {kHubId, "old"}};
         const auto row = [&](const QByteArray& name, const QVariantMap& args, const QString& text) {
             table(name,
-                  {args,
-                   {{kHubId, "old"}},
-                   {{"return", 1}},
-                   {},
-                   {"6 DoConfigureUSBGadget USB configuration started", "3 DoConfigureUSBGadget " + text},
-                   {{"/etc/platform/usb_gadget", {}}, {"/etc/platform/usbphy0", {}}, {kHubId, "old"}}});
+                  {args, {{kHubId, "old"}}, {{"return", 1}}, {}, {kStarted, kFailed + text}, untouched});
         };
         for (const char* key : {"mode", "usbForceFullspeed", "dflt", "usbuid"}) {
             QVariantMap args = kArgs;
@@ -94,6 +92,29 @@ private slots:
         row("ids", With(kArgs, {{"dflt", 2}}), "invalid legacy vendor and product ids : '2'");
         row("unique id", With(kArgs, {{"usbuid", QVariantList()}}), "invalid legacy serial number : ''");
         row("first in order counts", {{"mode", ""}}, "invalid mode ''");
+
+        const auto failure = [&](const char* name, const QVariantMap& args, const Files& before,
+                                 const QString& text) {
+            table(name, {With(kArgs, args),
+                         before,
+                         {{"return", 1}},
+                         {},
+                         {kStarted, kCreating, kFailed + "could not " + text},
+                         {}});
+        };
+        const QString uniqueId = kFlags + "usb_uid";
+        failure("directory", {}, {{"/etc/platform/usb_gadget", "-> /none"}},
+                "create directory '/etc/platform/usb_gadget', File exists");
+        failure("open hub id", {{"hubid", "1"}}, {{kHubId + "/file", ""}},
+                "open file '/etc/platform/sys/hubID', Is a directory");
+        failure("write hub id", {{"hubid", "1"}}, {{kHubId, "-> /dev/full"}},
+                "write to file '/etc/platform/sys/hubID', No space left on device");
+        failure("delete hub id", {{"hubid", ""}}, {{kHubId + "/file", ""}},
+                "delete file '/etc/platform/sys/hubID', Is a directory");
+        failure("create flag", {{"usbuid", "1"}}, {{uniqueId, "-> /none/file"}},
+                "create file '/etc/platform/usb_gadget/usb_uid', No such file or directory");
+        failure("delete flag", {}, {{uniqueId + "/file", ""}},
+                "delete file '/etc/platform/usb_gadget/usb_uid', Is a directory");
     }
 
     void Refuses() { RunCase(96); }
@@ -180,33 +201,6 @@ private slots:
         Compare(after);
         QVERIFY(QDir("/etc/platform/usbphy0").exists());
         QCOMPARE(TakeCalls().contains("OnTerminate"), stopsApplications);
-    }
-
-    void FileFailures_data()
-    {
-        const Table<QVariantMap, Files, QString> row;
-        const QString uniqueId = kFlags + "usb_uid";
-        row("directory", {}, {{"/etc/platform/usb_gadget", "-> /none"}},
-            "create directory '/etc/platform/usb_gadget', File exists");
-        row("open hub id", {{"hubid", "1"}}, {{kHubId + "/file", ""}},
-            "open file '/etc/platform/sys/hubID', Is a directory");
-        row("write hub id", {{"hubid", "1"}}, {{kHubId, "-> /dev/full"}},
-            "write to file '/etc/platform/sys/hubID', No space left on device");
-        row("delete hub id", {{"hubid", ""}}, {{kHubId + "/file", ""}},
-            "delete file '/etc/platform/sys/hubID', Is a directory");
-        row("create flag", {{"usbuid", "1"}}, {{uniqueId, "-> /none/file"}},
-            "create file '/etc/platform/usb_gadget/usb_uid', No such file or directory");
-        row("delete flag", {}, {{uniqueId + "/file", ""}},
-            "delete file '/etc/platform/usb_gadget/usb_uid', Is a directory");
-    }
-
-    void FileFailures()
-    {
-        const auto [args, before, text] = FetchRow<QVariantMap, Files, QString>();
-        Create(before);
-        QCOMPARE(Server().SystemCall(96, With(kArgs, args)), (QVariantMap{{"return", 1}}));
-        QCOMPARE(TakeLogLines().last(), "3 DoConfigureUSBGadget could not " + text);
-        QVERIFY(TakeCalls().isEmpty());
     }
 
     void CreatesWithTheNamedModes()

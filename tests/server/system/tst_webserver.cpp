@@ -1,7 +1,5 @@
 #include "SystemFixture.h"
 
-#include <QElapsedTimer>
-
 namespace {
 
 const QString kConf = "/etc/lighttpd/lighttpd.conf";

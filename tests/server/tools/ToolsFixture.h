@@ -8,10 +8,6 @@
 
 #include <Registry.h>
 
-#include <QDir>
-#include <QFile>
-#include <QSignalSpy>
-
 const QString kLink = "/etc/localtime";
 const QString kOffset = "/etc/time_offset";
 const QString kHardwareClock = "/sys/class/rtc/rtc0/since_epoch";

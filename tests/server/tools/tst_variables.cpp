@@ -1,10 +1,6 @@
 #include "Patience.h"
 #include "ToolsFixture.h"
 
-#include <QElapsedTimer>
-#include <QRandomGenerator>
-#include <QRegExp>
-
 namespace {
 
 const QString kConfiguration = "/etc/rc.d/rc.platform.conf";

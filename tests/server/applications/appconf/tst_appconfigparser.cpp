@@ -3,9 +3,11 @@
 #include "Files.h"
 #include "Fixture.h"
 
-#include <QElapsedTimer>
+#include "misc/UniqueFd.h"
 
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace core::configuration;
 
@@ -195,7 +197,8 @@ private slots:
     void HostileFileIsPassedOver_data()
     {
         const Table<QByteArray, QByteArray> table;
-        for (const char* kind : {"missing", "fifo", "directory", "/dev/zero", "/home/pay/app.conf"}) {
+        for (const char* kind :
+             {"missing", "fifo", "directory", "/dev/zero", "/dev/ptmx", "/home/pay/app.conf"}) {
             table(kind, kind, {});
         }
         const auto row = [&](const char* name, const QByteArray& content) { table(name, "file", content); };
@@ -229,6 +232,18 @@ private slots:
         QCOMPARE(Settings(Parser::GatherApplicationData("pay")), QVariantMap());
         QVERIFY(timer.elapsed() < 5000);
         QCOMPARE(TakeLogLines(), QStringList());
+    }
+
+    void DevicesAreNotOpened()
+    {
+        // A queue in the place of a device: opening either may have an effect.
+        QCOMPARE(mkfifo("/tmp/device", 0666), 0);
+        MakeLink("/tmp/device", "/home/pay/app.conf", 4002);
+        const UniqueFd watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+        QVERIFY(inotify_add_watch(watch.Get(), "/tmp/device", IN_OPEN) >= 0);
+        Parser::GatherApplicationData("pay");
+        inotify_event event = {};
+        QCOMPARE(read(watch.Get(), &event, sizeof(event)), ssize_t(-1));
     }
 
     void LimitsAreInclusive()

@@ -6,8 +6,6 @@
 
 #include "server/SignalHandling.h"
 
-#include <QElapsedTimer>
-
 #include <unistd.h>
 
 #include <csignal>
