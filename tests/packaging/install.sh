@@ -140,7 +140,7 @@ inside() {
     is_removed
     is_purged
     is_installed_again
-    exit $((failures > 0))
+    finish
 }
 
 outside() {

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# For test scripts: they exit with $((failures > 0)).
+# For test scripts: they make their checks, then finish.
 failures=0
 
 # check TEXT COMMAND...: counts a failure unless the command succeeds
@@ -20,3 +20,6 @@ check_equal() {
 }
 
 not() { ! "$@"; }
+
+# finish: exits with what came of all checks
+finish() { exit $((failures > 0)); }

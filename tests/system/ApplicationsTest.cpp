@@ -16,13 +16,6 @@ using kxtest::ProcessesOf;
 namespace {
 
 const QByteArray kPayConf = R"(<application>
-  <resources>res/res.xml</resources>
-  <web_resources>web</web_resources>
-  <prompts>res/prompts.json</prompts>
-  <home_button>html/home.html</home_button>
-  <card_ranges>card_ranges.xml</card_ranges>
-  <bin_ranges>bin_ranges.db</bin_ranges>
-  <white_list signature="0aff" signature_path="white_list.sig">white_list.xml</white_list>
   <desktop_item icon_path="html/icon.png" title="Pay" icon_position="7">html/menu.html</desktop_item>
   <desktop_item title="Refund">html/refund.html</desktop_item>
   <config_page title="Setup">html/setup.html</config_page>

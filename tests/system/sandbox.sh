@@ -96,7 +96,7 @@ inside() {
     machine_is_out_of_reach
     services_answer
     standins_record_and_answer
-    exit $((failures > 0))
+    finish
 }
 
 # --- outside -----------------------------------------------------------------------------------------------------
@@ -172,7 +172,7 @@ outside() {
     exec 9</dev/null
     OUTSIDE_VARIABLE=seen "$sandbox" --stage "$stage" --bind "$source_dir" -- \
         sh -c 'cd /proc/self/fd && echo * >/run/descriptors; exec "$@"' sh "$self" --inside || failures=$((failures + 1))
-    exit $((failures > 0))
+    finish
 }
 
 case ${1:-} in
