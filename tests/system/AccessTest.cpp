@@ -85,8 +85,7 @@ QString TitleOf(const Call& call)
     return call.object + ' ' + call.interface + '.' + call.member + ' ' + id;
 }
 
-// --- as the caller
-// ------------------------------------------------------------------------------------------
+// As the caller
 
 QString Outcome(const QDBusMessage& message)
 {
@@ -159,8 +158,7 @@ QString Act(const QStringList& arguments)
     return OutcomeOf(Calls().at(arguments.first().toInt()), arguments.last());
 }
 
-// --- as the test
-// --------------------------------------------------------------------------------------------
+// As the test
 
 /// \return "allowed", or the name of the error that the account got
 QString RunAs(const QString& account, const QStringList& arguments)

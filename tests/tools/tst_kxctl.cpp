@@ -212,12 +212,11 @@ private slots:
         row("people", {},
             time + "  /Tools  TimeInfoChanged  [^\n]+  Europe/Berlin  MANUAL\n" + time +
                 "  /Applications  OnTerminate  \\{\\}\n" + time + "  /Applications  OnStarted  \\{\\}\n");
-        const QString empty =
-            "\\{\"arguments\":\\[\\{\\}\\],\"object\":\"/Applications\",\"signal\":\"%1\",[^\n]+\n";
+        const QString json = R"(\{"arguments":\[%1\],"object":"/%2","signal":"%3",[^\n]+\n)";
         row("machines", {"--json"},
-            ".*,\"Europe/Berlin\",\"MANUAL\"\\],\"object\":\"/"
-            "Tools\",\"signal\":\"TimeInfoChanged\",[^\n]+\n" +
-                empty.arg("OnTerminate") + empty.arg("OnStarted"));
+            json.arg(R"([^\n]+,"Europe/Berlin","MANUAL")", "Tools", "TimeInfoChanged") +
+                json.arg(R"(\{\})", "Applications", "OnTerminate") +
+                json.arg(R"(\{\})", "Applications", "OnStarted"));
     }
 
     void MonitorShowsTheSignalsOfAllObjects()
