@@ -6,30 +6,13 @@ set -uo pipefail
 
 self=$(readlink -f "${BASH_SOURCE[0]}")
 source_dir=$(dirname "$self")/../..
-failures=0
 
 readonly skipped=77 # as ctest knows it
 readonly init=/etc/init.d/kxcore
 readonly policy=/usr/share/dbus-1/system.d/com.veltrasys.kx.core.conf
 
-# check TEXT COMMAND...: counts a failure unless the command succeeds
-check() {
-    local text=$1 output
-    shift
-    if output=$("$@" 2>&1); then
-        echo "ok      $text"
-    else
-        echo "FAILED  $text: $* $output"
-        failures=$((failures + 1))
-    fi
-}
-
-# check_equal TEXT EXPECTED ACTUAL
-check_equal() {
-    check "$1" test "$2" = "$3"
-}
-
-not() { ! "$@"; }
+# shellcheck source=/dev/null
+source "$source_dir/tests/support/checks.sh"
 
 as() {
     local account=$1
@@ -174,7 +157,7 @@ inside() {
     is_removed
     is_purged
     is_installed_again
-    exit $((failures > 0))
+    finish
 }
 
 outside() {

@@ -1,6 +1,7 @@
 // Attacks over the bus.
 #include "Attack.h"
 #include "FakeBrowser.h"
+#include "Files.h"
 #include "Hostility.h"
 #include "NormalCaller.h"
 
@@ -78,7 +79,7 @@ bool StartBus()
 void LoseTheBus(Arena& arena, Findings& findings)
 {
     const int reboots = PlatformCalls().count("reboot");
-    const pid_t bus = kxtest::ContentOf("/run/dbus/pid").trimmed().toInt();
+    const pid_t bus = ReadFile("/run/dbus/pid").trimmed().toInt();
     constexpr int kLoad = 200;
     Hostility hostility(arena.chance, QDeadlineTimer(QDeadlineTimer::Forever));
     findings.Expect(WaitFor([&] { return hostility.Sent() >= kLoad; }), "the bus carries no load");

@@ -1,5 +1,6 @@
 // Attacks on the daemon's surroundings.
 #include "Attack.h"
+#include "Files.h"
 #include "NormalCaller.h"
 
 #include <QDir>
@@ -65,7 +66,7 @@ constexpr std::array<Written, 7> kWritten{{
 QByteArray StateOf(const char* path)
 {
     const QString target = QFileInfo(QString::fromLatin1(path)).symLinkTarget();
-    return !target.isEmpty() ? target.toLocal8Bit() : kxtest::ContentOf(QString::fromLatin1(path));
+    return !target.isEmpty() ? target.toLocal8Bit() : ReadFile(QString::fromLatin1(path));
 }
 
 /// What may be found after a kill.

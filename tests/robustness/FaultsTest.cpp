@@ -1,5 +1,6 @@
 #include "BusClient.h"
 #include "DaemonFixture.h"
+#include "Files.h"
 
 #include <QDir>
 #include <QFile>
@@ -9,7 +10,6 @@
 
 #include <memory>
 
-using kxtest::ContentOf;
 using kxtest::DaemonFixture;
 using torture::BusClient;
 using torture::Describe;
@@ -218,7 +218,7 @@ void FaultsTest::ExpectAnswers(const Cases& cases)
 
 long FaultsTest::ResidentKilobytes() const
 {
-    const QByteArray statm = ContentOf(QStringLiteral("/proc/%1/statm").arg(m_daemon->Pid()));
+    const QByteArray statm = ReadFile(QStringLiteral("/proc/%1/statm").arg(m_daemon->Pid()));
     return statm.split(' ').value(1).toLong() * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
@@ -238,21 +238,21 @@ void FaultsTest::FullDiskIsReported()
     const QByteArray variables(kPageSize, '#'); // one more line needs another page
     WriteFile(kVariables, variables);
     QCOMPARE(Answer(ToolsCall("SetTimeZone", {"Europe/Berlin"})), std::string("0"));
-    const QByteArray registry = ContentOf(kRegistry);
+    const QByteArray registry = ReadFile(kRegistry);
     QVERIFY(!registry.isEmpty());
     {
         const FullDisk disk;
         QVERIFY2(disk.Size() > 0 && disk.Size() < 200'000'000, "this needs a small private root");
         ExpectAnswers(kCases);
         QCOMPARE(Answer(Enumerate()), m_applications);
-        QCOMPARE(ContentOf(kVariables), variables);
-        QCOMPARE(ContentOf(kRegistry), registry);
+        QCOMPARE(ReadFile(kVariables), variables);
+        QCOMPARE(ReadFile(kRegistry), registry);
     }
     QCOMPARE(Answer(VariableCall()), std::string("0"));
     QCOMPARE(Answer(UsbCall()), std::string(R"({ "return": <0> })"));
-    QCOMPARE(ContentOf(kHubId), QByteArray("hub"));
+    QCOMPARE(ReadFile(kHubId), QByteArray("hub"));
     QCOMPARE(Answer(SourceCall()), std::string("0"));
-    QVERIFY(ContentOf(kRegistry).contains("UNKNOWN"));
+    QVERIFY(ReadFile(kRegistry).contains("UNKNOWN"));
 }
 
 /// The installed tree is read-only also for root.

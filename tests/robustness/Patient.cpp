@@ -1,5 +1,6 @@
 #include "Patient.h"
 
+#include "Files.h"
 #include "NormalCaller.h"
 
 #include <QDir>
@@ -9,8 +10,6 @@
 #include <unistd.h>
 
 #include <csignal>
-
-using kxtest::ContentOf;
 
 namespace torture {
 namespace {
@@ -35,7 +34,7 @@ constexpr auto kMenu = R"(<application>
 
 void InstallApplications()
 {
-    const kxtest::HomeFile program{"bin/unruly", ContentOf(QStringLiteral(KX_UNRULY_PROGRAM)), 0755};
+    const kxtest::HomeFile program{"bin/unruly", ReadFile(QStringLiteral(KX_UNRULY_PROGRAM)), 0755};
     const kxtest::HomeFile page{"html/index.html", "page"};
     kxtest::InstallApplication("desktop", 4001, 4001, {}, {page});
     kxtest::InstallApplication("pay", 4002, 4002, kMenu, {program, page});
@@ -71,7 +70,7 @@ QVector<pid_t> ApplicationProcesses()
         struct stat info = {};
         const QByteArray path = "/proc/" + name.toLatin1();
         if (name.toInt() > 1 && stat(path.constData(), &info) == 0 && info.st_uid >= 4000 &&
-            info.st_uid < 5000 && !ContentOf(path + "/cmdline").isEmpty()) {
+            info.st_uid < 5000 && !ReadFile(path + "/cmdline").isEmpty()) {
             found += name.toInt();
         }
     }
@@ -117,7 +116,7 @@ void Patient::Kill()
 Vitals Patient::Measure() const
 {
     const QString process = QStringLiteral("/proc/%1/").arg(m_daemon->Pid());
-    const long pages = ContentOf(process + "statm").split(' ').value(1).toLong();
+    const long pages = ReadFile(process + "statm").split(' ').value(1).toLong();
     return {BusClient().DaemonConnection(), CountEntries(process + "fd"), CountEntries(process + "task"),
             pages * (sysconf(_SC_PAGESIZE) / 1024)};
 }
