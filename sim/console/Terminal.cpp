@@ -171,6 +171,7 @@ void Terminal::OnLoadCompleted(bool success)
         ++m_loaded;
         emit PageShown(CurrentPage());
     } else {
+        ++m_failed;
         emit PageFailed();
     }
 }

@@ -2,32 +2,11 @@
 # Types the tour of README.md at the prompt of the desk terminal, as a new user does. Each command must do what
 # the tour says of it.
 set -euo pipefail
-cd /tmp
+# shellcheck source=prompt.sh disable=SC1091
+. "$(dirname "$0")/prompt.sh"
 
 source_dir=$1
 readonly source_dir
-readonly seen=/tmp/typescript
-readonly patience=20 # seconds
-
-fail() {
-    echo "tour: $*" >&2
-    cat "$seen" >&2
-    exit 1
-}
-
-# within COMMAND...: runs it until it succeeds
-within() {
-    local deadline=$((SECONDS + patience))
-    until "$@"; do
-        [[ $SECONDS -lt $deadline ]] || fail "not within $patience s: $*"
-        sleep 0.05
-    done
-}
-
-# shown PATTERN: whether the prompt has shown such a line since the last command
-shown() {
-    tail -c "+$mark" "$seen" | grep -qE "$1"
-}
 
 has() {
     grep -qsE "$2" "$1"
@@ -55,11 +34,11 @@ outcome() {
         'kxctl check /home/broken '*) within shown 'broken: errors: 7' && within shown 'exit status 1' ;;
         'kxctl monitor '*)
             within shown 'Ctrl-C ends'
-            type_keys 'kxctl zone set UTC'
+            type_line 'kxctl zone set UTC'
             within shown '/Tools +TimeInfoChanged .* UTC +MANUAL'
             pgrep -f 'kxctl monitor' >/dev/null || fail 'it does not run until Ctrl-C'
             # Which ends the command, not the terminal.
-            printf '\003' >&3
+            press_ctrl_c
             within ended 'kxctl monitor'
             ;;
         'busctl --system introspect '*) within shown '\.Enumerate +method' ;;
@@ -69,33 +48,20 @@ outcome() {
     esac
 }
 
-type_keys() {
-    printf '%s\r' "$1" >&3
-}
-
 # The commands, in their order.
 tour() {
     sed -n '/^## Five minutes/,/^## /s/^    //p' "$source_dir/README.md"
 }
 
-mkfifo keys
-NO_COLOR=1 script -qfec /usr/libexec/kx-sim/boot "$seen" <keys >/dev/null &
-terminal=$!
-exec 3>keys
-mark=1
-within shown 'Type help for the commands'
-
+# shellcheck disable=SC2119 # without options
+start_terminal
 count=0
 while IFS= read -r command; do
     [[ -n $command ]] || continue
-    mark=$(($(wc -c <"$seen") + 1))
-    type_keys "$command"
+    look_anew
+    type_line "$command"
     outcome "$command"
     count=$((count + 1))
 done < <(tour)
 [[ $count -ge 14 ]] || fail "only $count commands found"
-
-# With nothing running, the same key switches the terminal off.
-printf '\003' >&3
-wait "$terminal" || fail "the terminal ended with status $?"
-shown 'The core daemon ended as asked'
+stop_terminal
