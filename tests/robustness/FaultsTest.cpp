@@ -95,13 +95,6 @@ constexpr auto kFailed = R"({ "return": <-1> })";
 constexpr auto kFailedWithOne = R"({ "return": <1> })";
 constexpr auto kNotFound = R"({ "return": <127> })";
 
-void WriteFile(const QString& path, const QByteArray& content)
-{
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    QCOMPARE(file.write(content), qint64(content.size()));
-}
-
 /// While it lives, one file holds all the room that the private root has left.
 class FullDisk {
 public:
