@@ -69,6 +69,8 @@ public:
 signals:
     void PageShown(const QVariantMap& page);
     void PageFailed();
+    // The browser has left the bus: it ended, or its window was closed.
+    void BrowserEnded();
 
 private:
     template<typename Reply>

@@ -47,6 +47,9 @@ void ShowPages(const Terminal& terminal, Screen& screen)
     QObject::connect(&terminal, &Terminal::PageFailed, &terminal, [&] {
         screen.Line(screen.Styled(Style::Bad, QStringLiteral("  > a page could not be shown")));
     });
+    QObject::connect(&terminal, &Terminal::BrowserEnded, &terminal, [&] {
+        screen.Line(screen.Styled(Style::Bad, QStringLiteral("  > the screen has ended")));
+    });
 }
 
 // A first page that cannot be shown, through a mistake of an application say, is no reason to give up; one

@@ -40,4 +40,7 @@ within runs_as sleep app5
 look_anew
 echo '<!DOCTYPE html><title>Mine, changed</title>' >"$app/html/index.html"
 within shown '> shown +Mine, changed'
+
+pkill -x screen
+within shown '> the screen has ended'
 stop_terminal
