@@ -150,7 +150,7 @@ Section MeasureEnumerate(const Options& options)
           "publishing see the table"},
          {"no change of slope (processor time): 100 to 1,000 applications, over 1 to 100", ChangeOfSlope(all),
           1.15,
-          "the C library reads the list of accounts from its begin for each of them, up to 1,000 lines "
+          "the C library reads the list of accounts from its beginning for each of them, up to 1,000 lines "
           "twice"},
          {"allocations for each application: 1,000 applications, over 100",
           all.back().allocations / all[kHundred].allocations, 1.05, "see the table"}},
