@@ -23,6 +23,7 @@ constexpr size_t kHundred = 3;
 struct Figures {
     int applications;
     Samples core;
+    Samples processor; ///< the daemon's share of core, all its threads
     Samples look;
     Samples publish;
     double allocations = 0; ///< per application
@@ -67,7 +68,9 @@ void TimeAll(Figures& figures, double seconds)
     bus.Call(kEnumerate);
     const double end = Now() + seconds * 1e6;
     while (Now() < end || figures.core.Count() < kLeast) {
+        const double before = daemon.ProcessorTime();
         Time(figures.core, [&] { bus.Call(kEnumerate); });
+        figures.processor.Add(daemon.ProcessorTime() - before);
         Time(figures.look, [&] { RunFloor(figures.applications, Floor::ParseAndLook); });
         Time(figures.publish, [&] { RunFloor(figures.applications, Floor::Publish); });
     }
@@ -84,11 +87,11 @@ double AllocationsOf(int applications)
     return static_cast<double>(count.Value() - before) / applications;
 }
 
-/// \return by how much the time of one further application changes beyond 100 of them, as a factor
+/// \return by how much the processor time of one further application changes beyond 100 of them, as a factor
 double ChangeOfSlope(const std::array<Figures, kCounts.size()>& all)
 {
     const auto slope = [&](size_t from, size_t to) {
-        return (all[to].core.Median() - all[from].core.Median()) /
+        return (all[to].processor.Median() - all[from].processor.Median()) /
                (all[to].applications - all[from].applications);
     };
     return slope(kHundred, kCounts.size() - 1) / slope(0, kHundred);
@@ -124,6 +127,7 @@ Section MeasureEnumerate(const Options& options)
         const std::string name = std::to_string(figures.applications) +
                                  (figures.applications == 1 ? " application" : " applications");
         times.rows.push_back({"kxcore, " + name, figures.core, 0});
+        times.rows.push_back({"its processor time, " + name, figures.processor, 0});
         times.rows.push_back({"floor, " + name, figures.look, Ratio(figures.core, figures.look)});
         times.rows.push_back(
             {"floor with publishing, " + name, figures.publish, Ratio(figures.core, figures.publish)});
@@ -133,7 +137,8 @@ Section MeasureEnumerate(const Options& options)
     const double ratio = Ratio(all[kHundred].core, all[kHundred].look);
     return {
         "Enumerate",
-        "From the call of `Enumerate` to its answer, when all links exist. The floor is a loop in plain C "
+        "From the call of `Enumerate` to its answer, when all links exist; the processor time of the daemon "
+        "in it, which depends less on what else the machine does. The floor is a loop in plain C "
         "without "
         "a bus: it parses each app.conf with pugixml and makes the same calls on links and for the state of "
         "files. The floor with publishing also does what every enumeration has to do for each application: "
@@ -143,8 +148,10 @@ Section MeasureEnumerate(const Options& options)
         {{"100 applications at most 3 x the floor", ratio, 3,
           "the floor leaves out looking up accounts, publishing and the answer; against the floor with "
           "publishing see the table"},
-         {"no change of slope: 100 to 1,000 applications, over 1 to 100", ChangeOfSlope(all), 1.15,
-          "each look-up of an account reads on through a longer list of accounts"},
+         {"no change of slope (processor time): 100 to 1,000 applications, over 1 to 100", ChangeOfSlope(all),
+          1.15,
+          "the C library reads the list of accounts from its beginning for each of them, up to 1,000 lines "
+          "twice"},
          {"allocations for each application: 1,000 applications, over 100",
           all.back().allocations / all[kHundred].allocations, 1.05, "see the table"}},
         "enumerate.svg"};

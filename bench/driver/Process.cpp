@@ -126,6 +126,17 @@ double Process::Kilobytes(const std::string& key) const
     return static_cast<double>(SumOf("/proc/" + std::to_string(m_pid) + "/smaps_rollup", key));
 }
 
+double Process::ProcessorTime() const
+{
+    double nanoseconds = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(m_pid) + "/task")) {
+        double running = 0;
+        std::ifstream(task.path() / "schedstat") >> running;
+        nanoseconds += running;
+    }
+    return nanoseconds / 1e6;
+}
+
 long Process::Sleeps() const
 {
     long sum = 0;

@@ -38,6 +38,9 @@ public:
     /// \return the sum of the lines of /proc/<pid>/smaps_rollup that begin with \a key, in kB
     double Kilobytes(const std::string& key) const;
 
+    /// \return the processor time of its threads so far, in milliseconds
+    double ProcessorTime() const;
+
     /// \return how often its threads have gone to sleep so far
     long Sleeps() const;
 

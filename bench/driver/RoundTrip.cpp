@@ -6,7 +6,7 @@
 namespace kxbench {
 namespace {
 
-constexpr int kBatch = 100;
+constexpr int kBatch = 10;
 
 /// Adds the time of each of a batch of calls.
 void TimeCalls(Bus& bus, const Method& method, Samples& samples)
@@ -32,7 +32,7 @@ Section MeasureRoundTrip(const Options& options)
     Samples core;
     Samples qt;
     Samples plain;
-    for (int i = options.Times(200, 30); i > 0; --i) {
+    for (int i = options.Times(2000, 300); i > 0; --i) {
         TimeCalls(bus, kCheapest, core);
         TimeCalls(bus, kQt.ping, qt);
         TimeCalls(bus, kBusPing, plain);
@@ -42,7 +42,7 @@ Section MeasureRoundTrip(const Options& options)
         "Bus round trip",
         "From the call to its answer, for the cheapest method, `IsAudiopaydEnabled`, which looks for one "
         "file. "
-        "The references do the same in a method of theirs. One client, on sd-bus, calls them by turns, 100 "
+        "The references do the same in a method of theirs. One client, on sd-bus, calls them by turns, ten "
         "calls each.",
         {{"µs",
           {{"kxcore", core, 0},
