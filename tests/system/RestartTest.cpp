@@ -83,7 +83,6 @@ printf 'Content-Type: text/plain\r\n\r\n'
         InstallApplication("pay", 4002, 4002);
         InstallApplication("shop", 4003, 4003);
         QVERIFY(m_daemon->Start());
-        m_daemon->Applications().Restart("now"); // two requests, one restart
         QVERIFY(Restart(10000) >= 2000);
         const QString record("err SendStopToApp curl \"http://localhost/cgi-bin/%1/stop\" returned 7");
         QCOMPARE(CurlRecords(), (QStringList{record.arg("pay"), record.arg("shop")}));

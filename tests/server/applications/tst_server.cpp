@@ -279,6 +279,18 @@ private slots:
         QCOMPARE(TakeLogLines(), unexpected("Terminate"));
     }
 
+    void TwoRequestsAreOneRestart()
+    {
+        const auto reboots = [] { return ReadFile("/run/standins/calls").count("reboot\n"); };
+        Server server;
+        Settle();
+        server.Restart("");
+        server.Restart("tomorrow");
+        QTRY_COMPARE(reboots(), 1);
+        Settle();
+        QCOMPARE(reboots(), 1);
+    }
+
 private:
     /// Runs the event loop until what is queued is done. \return the pages shown
     QStringList Settle() { return m_browser.TakePages(); }
