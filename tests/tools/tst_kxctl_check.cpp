@@ -115,11 +115,11 @@ private slots:
             "2: error: <show_on_boot>: 'res/list' has no page address: pages lie below html");
         // Files that are not read at all.
         file("not well-formed", "<application>\n  <a>\n</application>",
-             "3: error: not well-formed: Opening and ending tag mismatch (column 14); nothing of the file is "
+             "3: error: not well-formed: tag mismatch (column 14); nothing of the file is "
              "read");
         file(
             "nested", Nested(200),
-            "1: error: elements are nested deeper than 100 levels (column 313); nothing of the file is read");
+            "1: error: elements are nested deeper than 100 levels (column 310); nothing of the file is read");
         file("exploding", Exploding(),
              "1: error: entities expand to more than 16777216 characters (column 0); nothing of the file is "
              "read");
@@ -172,16 +172,25 @@ private slots:
         MakeApplication(Home(), "<application><cgi_bin_default>true</cgi_bin_default></application>");
         WriteFile(Home() + "/bin/readme", "x");
         RemoveAll(Home() + "/cgi-bin");
-        MakeDirectory(Home(), 4002, 5000);
         const QString name(41, 'n');
         const CommandRun run = RunKxctl({"check", Home() + '/', "--name", name});
         QCOMPARE(run.out,
                  Home() + ": error: the name is longer than 40 characters, so its pages have no address\n" +
-                     Home() +
-                     ": warning: owned by 4002:5000, which is no application account (4000 to 4999)\n" +
                      Home() + "/app.conf:1: error: <cgi_bin_default>: there is no directory cgi-bin\n" +
                      Home() + "/bin/readme: warning: not executable, so it cannot be started\n" + name +
-                     ": errors: 2, warnings: 2\n");
+                     ": errors: 2, warnings: 1\n");
+    }
+
+    void LooksAtTheOwnerOfAHomeOnly()
+    {
+        MakeApplication(Home(), "<application/>");
+        MakeDirectory(Home(), 1000, 1000);
+        QCOMPARE(RunKxctl({"check", Home()}).out, QString("pay: errors: 0, warnings: 0\n"));
+        MakeApplication("/home/pay", "<application/>");
+        MakeDirectory("/home/pay", 4002, 5000);
+        QCOMPARE(RunKxctl({"check", "/home/pay"}).out,
+                 QString("/home/pay: warning: owned by 4002:5000, which is no application account (4000 to "
+                         "4999)\npay: errors: 0, warnings: 1\n"));
     }
 
     void TellsWhyAFileIsNotRead()
