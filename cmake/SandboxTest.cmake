@@ -31,20 +31,25 @@ set_tests_properties(stage.valgrind PROPERTIES FIXTURES_SETUP stage.valgrind LAB
 # Instrumented programs write their counts into the build tree.
 set(_kx_build_bind $<IF:$<BOOL:${KX_COVERAGE}>,--bind-rw,--bind>)
 
-# Built for another architecture, they are emulated there, which takes several times as long.
+# Built for another architecture, they are emulated there, which takes several times as long; so does the thread
+# sanitizer.
 set(_kx_sysroot "")
 set(_kx_slowness 1)
+if("thread" IN_LIST KX_SANITIZE)
+  set(_kx_slowness 5)
+endif()
 if(CMAKE_CROSSCOMPILING)
   set(_kx_sysroot --sysroot "${CMAKE_SYSROOT}")
   set(_kx_slowness 5)
 endif()
 
 # Qt and the bus library are not built for the thread sanitizer, which then sees neither their locks nor the order
-# in which they take them.
-set(_kx_sanitizer_options
+# in which they take them. Some tests try in a forked child what would end the test, and many processes end.
+set(_kx_test_environment
+  KX_TIME_FACTOR=${_kx_slowness}
   ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1
   UBSAN_OPTIONS=print_stacktrace=1
-  TSAN_OPTIONS=ignore_noninstrumented_modules=1:detect_deadlocks=0)
+  TSAN_OPTIONS=ignore_noninstrumented_modules=1:detect_deadlocks=0:die_after_fork=0:atexit_sleep_ms=50)
 
 # kx_add_test(NAME name COMMAND program [arg...] [SIM] [LABELS label...] [TIMEOUT seconds] [SIZE size])
 # Registers a test that runs the program, a target or an absolute path, in the private root. There are the staged
@@ -80,11 +85,8 @@ function(kx_add_test)
     FIXTURES_REQUIRED ${fixture}
     LABELS "${arg_LABELS}"
     TIMEOUT ${arg_TIMEOUT})
-  if(CMAKE_CROSSCOMPILING)
-    set_tests_properties(${arg_NAME} PROPERTIES ENVIRONMENT KX_TIME_FACTOR=${_kx_slowness})
-  elseif(KX_SANITIZE)
-    set_tests_properties(${arg_NAME} PROPERTIES ENVIRONMENT
-      "${_kx_sanitizer_options}")
+  if(CMAKE_CROSSCOMPILING OR KX_SANITIZE)
+    set_tests_properties(${arg_NAME} PROPERTIES ENVIRONMENT "${_kx_test_environment}")
   endif()
 endfunction()
 

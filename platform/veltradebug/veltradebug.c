@@ -3,7 +3,6 @@
  *     platform/kx-core ProcessManager:StartProcess:87: the text
  *
  * so that a person can read it and grep for a category, a program, a file or a function. */
-#define _GNU_SOURCE
 #include "veltradebug.h"
 
 #include <errno.h>

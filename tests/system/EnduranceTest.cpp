@@ -17,9 +17,10 @@ constexpr int kStarts = 200;
 constexpr int kSettledAfter = 200;
 constexpr int kSimultaneous = 50;
 
-#if defined(__SANITIZE_ADDRESS__) || (defined(__has_feature) && __has_feature(address_sanitizer))
-constexpr bool kHoldsFreedMemory =
-    true; // AddressSanitizer keeps what was freed for a while, to catch its use
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kHoldsFreedMemory = true; // a sanitizer keeps what was freed, or who used it
+#elif defined(__has_feature)
+constexpr bool kHoldsFreedMemory = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
 #else
 constexpr bool kHoldsFreedMemory = false;
 #endif
