@@ -51,11 +51,12 @@ set(_kx_test_environment
   UBSAN_OPTIONS=print_stacktrace=1
   TSAN_OPTIONS=ignore_noninstrumented_modules=1:detect_deadlocks=0:die_after_fork=0:atexit_sleep_ms=50:suppressions=${CMAKE_SOURCE_DIR}/tests/tsan.supp)
 
-# kx_add_test(NAME name COMMAND program [arg...] [SIM] [LABELS label...] [TIMEOUT seconds])
+# kx_add_test(NAME name COMMAND program [arg...] [SIM] [LABELS label...] [TIMEOUT seconds] [SIZE size])
 # Registers a test that runs the program, a target or an absolute path, in the private root. There are the staged
 # installation, with SIM also the desk terminal, and the source and the build tree at the paths they have here.
+# SIZE limits the root's disk.
 function(kx_add_test)
-  cmake_parse_arguments(PARSE_ARGV 0 arg "SIM" "NAME;TIMEOUT" "COMMAND;LABELS")
+  cmake_parse_arguments(PARSE_ARGV 0 arg "SIM" "NAME;TIMEOUT;SIZE" "COMMAND;LABELS")
   if(arg_UNPARSED_ARGUMENTS OR NOT arg_NAME OR NOT arg_COMMAND)
     message(FATAL_ERROR "kx_add_test: needs NAME and COMMAND; not understood: '${arg_UNPARSED_ARGUMENTS}'")
   endif()
@@ -69,12 +70,16 @@ function(kx_add_test)
     set(stage "${KX_DESK_DIR}")
     set(fixture stage.sim)
   endif()
+  set(size "")
+  if(arg_SIZE)
+    set(size --size ${arg_SIZE})
+  endif()
   list(POP_FRONT arg_COMMAND program)
   if(TARGET ${program})
     set(program "$<TARGET_FILE:${program}>")
   endif()
   add_test(NAME ${arg_NAME}
-    COMMAND "${CMAKE_SOURCE_DIR}/scripts/sandbox" --stage "${stage}" ${_kx_sysroot}
+    COMMAND "${CMAKE_SOURCE_DIR}/scripts/sandbox" --stage "${stage}" ${_kx_sysroot} ${size}
       --bind "${CMAKE_SOURCE_DIR}" ${_kx_build_bind} "${CMAKE_BINARY_DIR}" -- ${program} ${arg_COMMAND})
   set_tests_properties(${arg_NAME} PROPERTIES
     FIXTURES_REQUIRED ${fixture}

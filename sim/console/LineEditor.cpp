@@ -54,7 +54,9 @@ void LineEditor::Take(char key)
         m_inEscape = key == '[' || key == 'O' || (key >= '0' && key <= ';');
     } else if (key == kEscape) {
         m_inEscape = true;
-    } else if (key == kInterrupt || (key == kEndOfInput && m_line.isEmpty())) {
+    } else if (key == kInterrupt) {
+        emit Interrupted();
+    } else if (key == kEndOfInput && m_line.isEmpty()) {
         emit Closed();
     } else if (key == '\n' || key == '\r') {
         m_screen.SetPrompt(QString());

@@ -18,7 +18,9 @@ public:
 
 signals:
     void LineEntered(const QString& line);
-    // End of input, or Ctrl-C.
+    // Ctrl-C.
+    void Interrupted();
+    // End of input.
     void Closed();
 
 private:

@@ -1,5 +1,7 @@
 #include "Processes.h"
 
+#include "server/applications/ApplicationIds.h"
+
 #include <QDir>
 #include <QFile>
 
@@ -8,14 +10,6 @@
 #include <sys/stat.h>
 
 namespace {
-
-constexpr unsigned kFirstApplicationId = 4000;
-constexpr unsigned kLastApplicationId = 4999;
-
-bool IsApplicationId(unsigned id)
-{
-    return id >= kFirstApplicationId && id <= kLastApplicationId;
-}
 
 QString NameOf(unsigned uid)
 {
@@ -36,6 +30,7 @@ QString CommandOf(const QString& directory)
 
 bool Process::IsApplication() const
 {
+    using core::applications::IsApplicationId;
     return IsApplicationId(uid) && IsApplicationId(gid);
 }
 

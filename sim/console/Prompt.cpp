@@ -5,6 +5,9 @@
 
 #include <QProcess>
 
+#include <csignal>
+#include <utility>
+
 namespace {
 
 constexpr int kLogLines = 20;
@@ -21,7 +24,7 @@ const QList<Prompt::Command>& Prompt::Commands()
         {"boot", "", "start all applications over", &Prompt::Boot},
         {"terminate", "", "end all applications", &Prompt::Terminate},
         {"restart", "", "restart the terminal (the reboot is only recorded)", &Prompt::Restart},
-        {"page", "", "show what is on the screen", &Prompt::Page},
+        {"page", "[PAGE]", "show what is on the screen, or a page there: pay/index.html", &Prompt::Page},
         {"log", "[COUNT]", "show the newest log records", &Prompt::Log},
         {"quit", "", "switch the terminal off", &Prompt::Leave}};
     return commands;
@@ -31,18 +34,51 @@ Prompt::Prompt(Terminal& terminal, Screen& screen, const LogTail& log, QObject* 
     : QObject(parent), m_terminal(terminal), m_screen(screen), m_log(log), m_editor(screen)
 {
     // A command may wait for events, and with them for the next line: one after the other.
-    connect(&m_editor, &LineEditor::LineEntered, this, &Prompt::Execute, Qt::QueuedConnection);
+    connect(&m_editor, &LineEditor::LineEntered, this, &Prompt::Take, Qt::QueuedConnection);
+    connect(&m_editor, &LineEditor::Interrupted, this, &Prompt::Interrupt);
     connect(&m_editor, &LineEditor::Closed, this, &Prompt::Quit);
 }
 
 Prompt::~Prompt()
 {
+    Signal(SIGKILL);
     const auto running = findChildren<QProcess*>();
     for (QProcess* process : running) {
         process->disconnect(this);
         process->kill();
         process->waitForFinished();
     }
+}
+
+bool Prompt::Signal(int signal)
+{
+    bool runs = false;
+    const auto processes = findChildren<QProcess*>();
+    for (const QProcess* process : processes) {
+        if (process->state() == QProcess::Running) {
+            runs = true;
+            // Each is a session of its own.
+            kill(-static_cast<pid_t>(process->processId()), signal);
+        }
+    }
+    return runs;
+}
+
+void Prompt::Interrupt()
+{
+    if (!Signal(SIGINT)) {
+        emit Quit();
+    }
+}
+
+void Prompt::Take(const QString& line)
+{
+    m_begun += line;
+    if (m_begun.endsWith(QLatin1Char('\\'))) {
+        m_begun.chop(1);
+        return;
+    }
+    Execute(std::exchange(m_begun, {}));
 }
 
 void Prompt::Execute(const QString& line)
@@ -77,7 +113,7 @@ void Prompt::RunInShell(const QString& line)
                 }
                 process->deleteLater();
             });
-    process->start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), line});
+    process->start(QStringLiteral("setsid"), {QStringLiteral("/bin/sh"), QStringLiteral("-c"), line});
 }
 
 void Prompt::Report(bool success, const QString& text)
@@ -141,9 +177,13 @@ void Prompt::Restart(const QStringList&)
                             : m_terminal.LastError());
 }
 
-void Prompt::Page(const QStringList&)
+void Prompt::Page(const QStringList& words)
 {
-    ShowPage(m_screen, m_terminal.CurrentPage());
+    if (words.isEmpty()) {
+        ShowPage(m_screen, m_terminal.CurrentPage());
+    } else if (!m_terminal.ShowPage(QStringLiteral("/cgi-bin/page/show?path=") + words.first())) {
+        Report(false, m_terminal.LastError());
+    }
 }
 
 void Prompt::Log(const QStringList& words)

@@ -24,9 +24,14 @@ private:
     };
     static const QList<Command>& Commands();
 
+    /// Takes a line, or a part of one that ends with a backslash.
+    void Take(const QString& line);
     void Execute(const QString& line);
     /// Shows what the command line prints, as it comes; the prompt does not wait for it.
     void RunInShell(const QString& line);
+    /// Sends the signal to whatever runs in the shell; false when nothing does.
+    bool Signal(int signal);
+    void Interrupt();
     void Help(const QStringList& words);
     void Apps(const QStringList& words);
     void Processes(const QStringList& words);
@@ -43,4 +48,5 @@ private:
     Screen& m_screen;
     const LogTail& m_log;
     LineEditor m_editor;
+    QString m_begun;
 };

@@ -81,4 +81,7 @@ void Checks::ShowsOtherPages()
     Photograph(QStringLiteral("status"));
     m_terminal.ShowPage(QStringLiteral("/html/platform/misc/noapps.html"));
     ExpectPage(QStringLiteral("No applications"), QStringLiteral("Nothing is installed"));
+    Photograph(QStringLiteral("no applications"));
+    m_terminal.ShowPage(QStringLiteral("/cgi-bin/page/show?path=desktop/index.html"));
+    ExpectPage(QStringLiteral("Desktop"), QStringLiteral("Touch an application"));
 }

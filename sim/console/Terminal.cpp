@@ -3,6 +3,7 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMetaType>
+#include <QDBusServiceWatcher>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QNetworkReply>
@@ -55,6 +56,9 @@ Terminal::Terminal(QObject* parent)
     connect(&m_core, &ApplicationsProxy::OnTerminate, this, [this] { ++m_terminated; });
     connect(&m_tools, &ToolsProxy::TimeInfoChanged, this, [this] { ++m_timeInfo; });
     connect(&m_browser, &WebBrowserProxy::loadCompleted, this, &Terminal::OnLoadCompleted);
+    auto* watcher = new QDBusServiceWatcher(QString::fromLatin1(kBrowser), QDBusConnection::systemBus(),
+                                            QDBusServiceWatcher::WatchForUnregistration, this);
+    connect(watcher, &QDBusServiceWatcher::serviceUnregistered, this, &Terminal::BrowserEnded);
 }
 
 template<typename Reply>
@@ -171,6 +175,7 @@ void Terminal::OnLoadCompleted(bool success)
         ++m_loaded;
         emit PageShown(CurrentPage());
     } else {
+        ++m_failed;
         emit PageFailed();
     }
 }

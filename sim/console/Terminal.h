@@ -59,15 +59,18 @@ public:
     // Asks the web server with GET, or with POST when there is form data.
     WebAnswer Fetch(const QString& path, const QByteArray& form = QByteArray());
 
-    // How often the daemon has signalled so, and how often a page was loaded with success.
+    // How often the daemon has signalled so, and how often a page was loaded with success or not.
     int StartedCount() const { return m_started; }
     int TerminatedCount() const { return m_terminated; }
     int LoadedCount() const { return m_loaded; }
+    int FailedCount() const { return m_failed; }
     int TimeInfoCount() const { return m_timeInfo; }
 
 signals:
     void PageShown(const QVariantMap& page);
     void PageFailed();
+    // The browser has left the bus: it ended, or its window was closed.
+    void BrowserEnded();
 
 private:
     template<typename Reply>
@@ -84,5 +87,6 @@ private:
     int m_started = 0;
     int m_terminated = 0;
     int m_loaded = 0;
+    int m_failed = 0;
     int m_timeInfo = 0;
 };

@@ -17,6 +17,7 @@
 namespace {
 
 constexpr int kTimeStampLength = 15;
+constexpr int kFirstPageMs = 2000;
 
 void ShowRecords(const LogTail& log, Screen& screen)
 {
@@ -46,18 +47,24 @@ void ShowPages(const Terminal& terminal, Screen& screen)
     QObject::connect(&terminal, &Terminal::PageFailed, &terminal, [&] {
         screen.Line(screen.Styled(Style::Bad, QStringLiteral("  > a page could not be shown")));
     });
+    QObject::connect(&terminal, &Terminal::BrowserEnded, &terminal, [&] {
+        screen.Line(screen.Styled(Style::Bad, QStringLiteral("  > the screen has ended")));
+    });
 }
 
+// A first page that cannot be shown, through a mistake of an application say, is no reason to give up; one
+// that comes later is reported as it comes.
 bool Boot(Terminal& terminal, Screen& screen)
 {
+    if (!WaitFor([&] { return terminal.HasCore() && terminal.HasBrowser(); })) {
+        screen.Line(screen.Styled(Style::Bad, QStringLiteral("  The terminal does not come up.")));
+        return false;
+    }
     const auto showsPage = [&] {
         return !terminal.CurrentPage().value(QStringLiteral("url")).toString().isEmpty();
     };
-    const bool booted = WaitFor([&] { return terminal.HasCore() && showsPage(); });
-    if (!booted) {
-        screen.Line(screen.Styled(Style::Bad, QStringLiteral("  The terminal does not come up.")));
-    }
-    return booted;
+    WaitFor([&] { return showsPage() || terminal.FailedCount() > 0; }, kFirstPageMs);
+    return true;
 }
 
 int Operate(Terminal& terminal, Screen& screen, const LogTail& log)

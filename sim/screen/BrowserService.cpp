@@ -58,7 +58,7 @@ BrowserService::BrowserService(WebView& view, QObject* parent) : QObject(parent)
 QVariantMap BrowserService::GetUrl() const
 {
     return {{QStringLiteral("url"), m_hasPage ? m_view.url().toString(QUrl::FullyEncoded) : QString()},
-            {QStringLiteral("application"), m_application},
+            {QStringLiteral("application"), m_hasPage ? ApplicationOf(m_view.url()) : QString()},
             {QStringLiteral("title"), m_hasPage ? m_view.title() : QString()}};
 }
 

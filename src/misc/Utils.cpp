@@ -126,6 +126,18 @@ QString NormalizeFilePath(const QString& path, const QString& homeDir)
     return QDir::cleanPath(homeDir + QLatin1Char('/') + path);
 }
 
+QString CanonicalPath(const QString& path)
+{
+    struct Free {
+        void operator()(char* memory) const { std::free(memory); } // NOLINT(cppcoreguidelines-no-malloc)
+    };
+    if (path.contains(QChar::Null)) {
+        return {};
+    }
+    const std::unique_ptr<char, Free> canonical(realpath(QFile::encodeName(path).constData(), nullptr));
+    return QFile::decodeName(canonical.get());
+}
+
 bool DirExists(const QString& path)
 {
     return QDir().exists(path);
@@ -144,7 +156,7 @@ bool RemoveFile(const QString& path)
 
 bool CreateDirIfNeeded(const QString& path, unsigned uid, unsigned gid, unsigned mode)
 {
-    if (!QDir().exists(path) && !QDir().mkpath(path)) {
+    if (!QFileInfo(path).isDir() && !QDir().mkpath(path)) {
         return false;
     }
     const UniqueFd dir = OpenDirectory(path);

@@ -19,6 +19,11 @@ bool CreateSymlink(const QString& target, const QString& linkPath);
 /// \return the absolute path; empty for an empty \a path
 QString NormalizeFilePath(const QString& path, const QString& homeDir);
 
+/// \return the path with all links resolved; empty when it does not exist, has links that go in circles, is
+/// too
+///         long (QFileInfo would hand out an unresolved path) or holds a NUL, at which file names would end
+QString CanonicalPath(const QString& path);
+
 /// \return whether something of that name exists (a plain file counts)
 bool DirExists(const QString& path);
 

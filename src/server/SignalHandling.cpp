@@ -99,6 +99,23 @@ void SignalNotifier::OnWakeUp()
     }
 }
 
+SignalBlock::SignalBlock()
+{
+    sigset_t all = {};
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &m_previous);
+}
+
+SignalBlock::~SignalBlock()
+{
+    Lift();
+}
+
+void SignalBlock::Lift() const
+{
+    pthread_sigmask(SIG_SETMASK, &m_previous, nullptr);
+}
+
 void SignalHandlerSet(std::initializer_list<int> handled, std::initializer_list<int> ignored,
                       void (*handler)(int))
 {

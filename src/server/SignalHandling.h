@@ -4,6 +4,7 @@
 
 #include <QObject>
 
+#include <csignal>
 #include <initializer_list>
 
 class QSocketNotifier;
@@ -26,6 +27,23 @@ private:
     UniqueFd m_readEnd;
     UniqueFd m_writeEnd;
     QSocketNotifier* m_notifier = nullptr;
+};
+
+/// Holds all signals of the calling thread back while it lives: for a forked child that sets the daemon's
+/// handlers aside before one of them runs in it, and for threads of libraries, which inherit the mask and so
+/// leave the signals to the main thread.
+class SignalBlock {
+public:
+    SignalBlock();
+    ~SignalBlock();
+    SignalBlock(const SignalBlock&) = delete;
+    SignalBlock& operator=(const SignalBlock&) = delete;
+
+    /// Brings back the signals that were not blocked before. Async-signal-safe.
+    void Lift() const;
+
+private:
+    sigset_t m_previous = {};
 };
 
 /// Installs the signal dispositions of the daemon.

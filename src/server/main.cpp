@@ -6,6 +6,7 @@
 #include "server/applications/Server.h"
 #include "server/dbus/ApplicationList.h"
 #include "server/dbus/DbusMonitor.h"
+#include "server/dbus/VectorOfPairSS.h"
 #include "server/system/Server.h"
 #include "server/tools/Server.h"
 
@@ -14,6 +15,7 @@
 #include <QDBusConnection>
 #include <QStringList>
 
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -54,12 +56,20 @@ bool RegisterObject(QDBusConnection& bus, const char* path, QObject& server)
     return false;
 }
 
-/// Owns the service name and serves the objects until the event loop ends. The bus is touched here for the
-/// first time: it brings a thread, which daemonizing would lose.
+/// Touches the bus for the first time. It brings a thread, which daemonizing would lose, and on which the
+/// signal handlers, made for the main thread, must not run.
+QDBusConnection ConnectToBus()
+{
+    const SignalBlock noSignalsOnThreads;
+    return QDBusConnection::systemBus();
+}
+
+/// Owns the service name and serves the objects until the event loop ends.
 int Serve()
 {
     RegisterApplicationList();
-    QDBusConnection bus = QDBusConnection::systemBus();
+    RegisterVectorOfPairSS();
+    QDBusConnection bus = ConnectToBus();
     if (!bus.registerService(QStringLiteral("com.veltrasys.kx.core"))) {
         return Fail(NoService, "Can't register service");
     }
@@ -91,8 +101,17 @@ void TightenUmask()
     umask(inherited | kNoWriting);
 }
 
+/// The allocator would learn from one large message to keep that much memory, in each of its arenas. With a
+/// fixed threshold what is large goes back to the system at once.
+void ReturnLargeBlocks()
+{
+    constexpr int kLarge = 128 * 1024;
+    mallopt(M_MMAP_THRESHOLD, kLarge);
+}
+
 int Run(int argc, char** argv)
 {
+    ReturnLargeBlocks();
     const QCoreApplication application(argc, argv);
     const QStringList arguments = QCoreApplication::arguments();
     const QString option = arguments.value(1);

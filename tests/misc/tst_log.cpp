@@ -1,9 +1,6 @@
 #include "misc/Log.h"
 
 #include "Fixture.h"
-#include "Processes.h"
-
-#include <QRegularExpression>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -30,8 +27,7 @@ private slots:
     {
         QCOMPARE(QStringList({g_early.category, g_early.tag, g_early.file, g_early.function}),
                  QStringList({"platform", "kx-core", "Log", "main"}));
-        QCOMPARE(g_early.priority, 3);
-        QVERIFY(g_early.line > 0);
+        QVERIFY(g_early.priority == 3 && g_early.line > 0);
         QCOMPARE(g_early.text, QStringLiteral(" 100% \"said \\\"%s\\\"\" a|b 7"));
     }
 
@@ -50,7 +46,6 @@ private slots:
             priorities += QString::number(record.priority) + record.text;
         }
         QCOMPARE(priorities, QStringLiteral("7 text6 text5 text4 text3 text2 text1 text0 text"));
-
         for (const int unknown : {3, 4, 9, 15, -1}) {
             errno = EXDEV;
             LogInitializer::QtMsgHandler(unknown, "text");
@@ -74,25 +69,25 @@ private slots:
 
     void SplitsMessages_data()
     {
-        Columns<QString, QString, QString>("message", "prefix", "text");
-        Row("usual", R"("Utils|LockFile|340|" text)", "Utils/LockFile/340", " text");
-        Row("bars and quotes in the text", R"("F|f|1|" a|b|"c"|)", "F/f/1", R"( a|b|"c"|)");
-        Row("text before", R"(x "F|f|1|" text)", "F/f/1", " text");
-        Row("no closing quote", R"("F|f|1| text)", "F/f/1", R"("F|f|1| text)");
+        const Table<QByteArray, QString, QString> row;
+        row("usual", R"("Utils|LockFile|340|" text)", "Utils/LockFile/340", " text");
+        row("bars and quotes in the text", R"("F|f|1|" a|b|"c"|)", "F/f/1", R"( a|b|"c"|)");
+        row("text before", R"(x "F|f|1|" text)", "F/f/1", " text");
+        row("no closing quote", R"("F|f|1| text)", "F/f/1", R"("F|f|1| text)");
         // What has no complete prefix is passed on whole.
         for (const char* whole : {"", "text", R"("quoted" text)", R"("F|f|0|" text)", R"("F|f|x|" text)",
                                   R"("F||1|" text)", R"("|f|1|" text)", R"("F|f|1)", "F|f|1| text", "%n"}) {
-            Row(whole, whole, "//0", whole);
+            row(whole, whole, "//0", whole);
         }
     }
 
     void SplitsMessages()
     {
-        QFETCH(QString, message);
-        LogInitializer::QtMsgHandler(12, message.toLocal8Bit().constData());
+        const auto [message, prefix, text] = FetchRow<QByteArray, QString, QString>();
+        LogInitializer::QtMsgHandler(12, message.constData());
         const LogRecord record = TakeLog().value(0);
-        QTEST(QStringLiteral("%1/%2/%3").arg(record.file, record.function).arg(record.line), "prefix");
-        QTEST(record.text, "text");
+        QCOMPARE(QStringLiteral("%1/%2/%3").arg(record.file, record.function).arg(record.line), prefix);
+        QCOMPARE(record.text, text);
     }
 
     void PrefixNamesTheStatement()

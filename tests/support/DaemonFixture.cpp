@@ -1,5 +1,9 @@
 #include "DaemonFixture.h"
 
+#include "Files.h"
+#include "PrivateRoot.h"
+#include "Processes.h"
+
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
@@ -10,10 +14,7 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 
-#include <fcntl.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
+#include <linux/close_range.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,7 +26,6 @@ namespace {
 constexpr auto kProgram = "/usr/sbin/kxcore";
 constexpr auto kLog = "/var/log/messages";
 constexpr auto kService = "com.veltrasys.kx.core";
-constexpr auto kPrivateRootMarker = "/run/kx-private-root";
 constexpr int kSignalled = 1000;
 
 QString Service()
@@ -33,155 +33,66 @@ QString Service()
     return QString::fromLatin1(kService);
 }
 
-/// The daemon acts on the machine it runs on.
-void RequirePrivateRoot()
+/// Appends the record in a line of the log if it is one of the daemon's.
+void AppendRecord(const QString& logLine, QVector<LogRecord>& records)
 {
-    if (!QFileInfo::exists(QString::fromLatin1(kPrivateRootMarker))) {
-        qFatal("not in the private root: run this test through scripts/sandbox");
+    static const QRegularExpression form(R"(^\w{3} +\d+ [\d:]{8} \S+ \w+\.(\w+) kxcore(?:\[\d+\])?: )"
+                                         R"((?:platform/kx-core(?: ([^ :]*):([^:]*):(\d+))?: *)?(.*)$)");
+    const QRegularExpressionMatch match = form.match(logLine);
+    if (match.hasMatch()) {
+        records.append({match.captured(1), match.captured(2), match.captured(3), match.captured(4).toInt(),
+                        match.captured(5)});
     }
-}
-
-/// What this process was started with besides the standard streams must not reach the daemon.
-void KeepDescriptorsToItself()
-{
-    const QStringList open = QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::System | QDir::AllEntries);
-    for (const QString& fd : open) {
-        if (fd.toInt() > STDERR_FILENO) {
-            fcntl(fd.toInt(), F_SETFD, FD_CLOEXEC);
-        }
-    }
-}
-
-bool ParseRecord(const QString& logLine, LogRecord& record)
-{
-    static const QRegularExpression line(
-        QStringLiteral(R"(^\w{3} +\d+ [\d:]{8} \S+ \w+\.(\w+) ([^ :\[]+)(?:\[\d+\])?: (.*)$)"));
-    static const QRegularExpression prefix(
-        QStringLiteral(R"(^platform/kx-core(?: ([^ :]*):([^:]*):(\d+))?: *(.*)$)"));
-    const QRegularExpressionMatch outer = line.match(logLine);
-    if (!outer.hasMatch() || outer.captured(2) != QLatin1String("kxcore")) {
-        return false;
-    }
-    record.priority = outer.captured(1);
-    record.program = outer.captured(2);
-    record.text = outer.captured(3);
-    const QRegularExpressionMatch inner = prefix.match(record.text);
-    if (inner.hasMatch()) {
-        record.file = inner.captured(1);
-        record.function = inner.captured(2);
-        record.line = inner.captured(3).toInt();
-        record.text = inner.captured(4);
-    }
-    return true;
-}
-
-void WriteFile(const QString& home, const HomeFile& file)
-{
-    const QString path = home + QLatin1Char('/') + file.path;
-    QDir().mkpath(QFileInfo(path).path());
-    QFile out(path);
-    if (!out.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
-        out.write(file.content) != file.content.size()) {
-        qFatal("cannot write %s", qPrintable(path));
-    }
-    out.close();
-    chmod(QFile::encodeName(path).constData(), file.mode);
-}
-
-/// Gives the directory and all below it to an account; links themselves, not what they point to.
-void ChangeOwner(const QString& path, unsigned uid, unsigned gid)
-{
-    if (lchown(QFile::encodeName(path).constData(), uid, gid) != 0) {
-        qFatal("cannot change the owner of %s", qPrintable(path));
-    }
-    const QFileInfo info(path);
-    if (info.isDir() && !info.isSymLink()) {
-        const QStringList names =
-            QDir(path).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
-        for (const QString& name : names) {
-            ChangeOwner(path + QLatin1Char('/') + name, uid, gid);
-        }
-    }
-}
-
-QStringList ProcessNames()
-{
-    static const QRegularExpression number(QStringLiteral("^[0-9]+$"));
-    return QDir(QStringLiteral("/proc")).entryList(QDir::Dirs).filter(number);
-}
-
-int StatusOf(int waitStatus)
-{
-    return WIFSIGNALED(waitStatus) ? kSignalled + WTERMSIG(waitStatus) : WEXITSTATUS(waitStatus);
 }
 
 } // namespace
 
-int Bound(int milliseconds)
-{
-    static const double factor = [] {
-        const double value = qgetenv("KX_TIME_FACTOR").toDouble();
-        return value > 0 ? value : 1.0;
-    }();
-    return static_cast<int>(milliseconds * factor);
-}
-
 qint64 LogMark()
 {
-    return QFileInfo(QString::fromLatin1(kLog)).size();
+    return QFileInfo(kLog).size();
 }
 
 QVector<LogRecord> LogSince(qint64 mark)
 {
     QVector<LogRecord> records;
-    QFile log(QString::fromLatin1(kLog));
+    QFile log(kLog);
     if (log.open(QIODevice::ReadOnly) && log.seek(mark)) {
-        const QStringList lines = QString::fromLocal8Bit(log.readAll()).split(QLatin1Char('\n'));
-        for (const QString& line : lines) {
-            LogRecord record;
-            if (ParseRecord(line, record)) {
-                records.append(record);
-            }
+        for (const QString& line : QString::fromLocal8Bit(log.readAll()).split('\n')) {
+            AppendRecord(line, records);
         }
     }
     return records;
 }
 
-QByteArray ContentOf(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 QString InstallApplication(const QString& name, unsigned uid, unsigned gid, const QByteArray& appConf,
                            const QVector<HomeFile>& files)
 {
-    const QString home = QStringLiteral("/home/") + name;
-    QDir(home).removeRecursively();
-    if (!QDir().mkpath(home)) {
-        qFatal("cannot create %s", qPrintable(home));
-    }
+    const QString home = "/home/" + name;
+    RemoveAll(home);
+    MakeDirectory(home);
     if (!appConf.isEmpty()) {
-        WriteFile(home, {QStringLiteral("app.conf"), appConf});
+        WriteFile(home + "/app.conf", appConf);
     }
     for (const HomeFile& file : files) {
-        WriteFile(home, file);
+        WriteFile(home + '/' + file.path, file.content, 0, 0, file.mode);
     }
-    ChangeOwner(home, uid, gid);
+    // Links themselves, not what they point to.
+    const QString owner = QString("%1:%2").arg(uid).arg(gid);
+    if (QProcess::execute("chown", {"-hR", owner, home}) != 0) {
+        qFatal("cannot change the owner of %s", qPrintable(home));
+    }
     return home;
 }
 
 void RemoveApplications()
 {
-    const QDir home(QStringLiteral("/home"));
-    for (const QString& name : home.entryList(QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot)) {
-        QDir(home.filePath(name)).removeRecursively();
-    }
+    RemoveAll("/home");
+    MakeDirectory("/home");
 }
 
 HomeFile IdleProgram(const QString& path)
 {
-    return {path, ContentOf(QStringLiteral("/usr/bin/sleep")), 0755};
+    return {path, ReadFile("/usr/bin/sleep"), 0755};
 }
 
 HomeFile Script(const QString& path, const QByteArray& commands)
@@ -191,17 +102,16 @@ HomeFile Script(const QString& path, const QByteArray& commands)
 
 QStringList PlatformCalls()
 {
-    const QString calls = QString::fromLocal8Bit(ContentOf(QStringLiteral("/run/standins/calls")));
-    return calls.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    const QString calls = QString::fromLocal8Bit(ReadFile("/run/standins/calls"));
+    return calls.split('\n', Qt::SkipEmptyParts);
 }
 
 QVector<pid_t> ProcessesOf(const QString& program)
 {
     QVector<pid_t> found;
-    for (const QString& pid : ProcessNames()) {
-        const QByteArray commandLine = ContentOf(QStringLiteral("/proc/%1/cmdline").arg(pid));
-        if (commandLine.constData() == program.toLocal8Bit()) {
-            found.append(pid.toInt());
+    for (const pid_t pid : ProcessIds()) {
+        if (EntriesOf(pid, "cmdline").value(0) == program.toLocal8Bit()) {
+            found.append(pid);
         }
     }
     return found;
@@ -209,26 +119,24 @@ QVector<pid_t> ProcessesOf(const QString& program)
 
 QVector<QPair<pid_t, char>> ChildrenOf(pid_t parent)
 {
-    // "pid (name) state parent ...", where the name may hold anything.
-    static const QRegularExpression stat(QStringLiteral(R"(\) (\w) (\d+) [^)]*$)"));
     QVector<QPair<pid_t, char>> children;
-    for (const QString& pid : ProcessNames()) {
-        const auto match =
-            stat.match(QString::fromLocal8Bit(ContentOf(QStringLiteral("/proc/%1/stat").arg(pid))));
-        if (match.hasMatch() && match.captured(2).toInt() == parent) {
-            children.append({pid.toInt(), match.captured(1).at(0).toLatin1()});
+    for (const pid_t pid : ProcessIds()) {
+        const auto status = StatusOf(pid);
+        if (status.value("PPid").toInt() == parent) {
+            children.append({pid, status.value("State").at(0)});
         }
     }
     return children;
 }
 
 DaemonFixture::DaemonFixture()
-    : m_applications(Service(), QStringLiteral("/Applications"), QDBusConnection::systemBus(), nullptr)
+    : m_applications(Service(), "/Applications", QDBusConnection::systemBus(), nullptr)
 {
     RequirePrivateRoot();
     RegisterApplicationList();
-    KeepDescriptorsToItself();
-    m_process.setWorkingDirectory(QStringLiteral("/"));
+    // What this process was started with besides the standard streams must not reach the daemon.
+    close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+    m_process.setWorkingDirectory("/");
     m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     m_process.setStandardInputFile(QProcess::nullDevice());
     m_applications.setTimeout(Bound(kPatience));
@@ -242,19 +150,18 @@ DaemonFixture::~DaemonFixture()
     }
 }
 
-void DaemonFixture::SetEnvironment(const QString& name, const QString& value)
+void DaemonFixture::Preload(const QString& library)
 {
-    m_environment.insert(name, value);
+    SetEnvironment("LD_PRELOAD", library);
+    // A sanitizer's runtime wants to be the first library, for the sake of functions that these leave alone.
+    const QString asan = "ASAN_OPTIONS";
+    SetEnvironment(asan, m_environment.value(asan) + ":verify_asan_link_order=0");
 }
 
 void DaemonFixture::InjectFault(const QString& fault)
 {
-    SetEnvironment(QStringLiteral("LD_PRELOAD"), QStringLiteral(KX_FAULT_INJECTION_LIBRARY));
-    SetEnvironment(QStringLiteral("KX_FAULT"), fault);
-    // A sanitizer's runtime wants to be the first library, for the sake of functions that this one leaves
-    // alone.
-    const QString asan = QStringLiteral("ASAN_OPTIONS");
-    SetEnvironment(asan, m_environment.value(asan) + QStringLiteral(":verify_asan_link_order=0"));
+    Preload(KX_FAULT_INJECTION_LIBRARY);
+    SetEnvironment("KX_FAULT", fault);
 }
 
 bool DaemonFixture::Launch(const QStringList& arguments)
@@ -262,22 +169,16 @@ bool DaemonFixture::Launch(const QStringList& arguments)
     m_logMark = LogMark();
     m_detached = false;
     m_process.setProcessEnvironment(m_environment);
-    m_process.start(QString::fromLatin1(kProgram), arguments);
+    m_process.start(kProgram, arguments);
     const bool started = m_process.waitForStarted(Bound(kPatience));
     m_pid = static_cast<pid_t>(m_process.processId());
     return started;
 }
 
-bool DaemonFixture::Start(const QStringList& arguments)
-{
-    return Launch(arguments) && WaitUntilServing();
-}
-
 bool DaemonFixture::WaitUntilServing()
 {
     const QDBusMessage introspect = QDBusMessage::createMethodCall(
-        Service(), QStringLiteral("/Applications"), QStringLiteral("org.freedesktop.DBus.Introspectable"),
-        QStringLiteral("Introspect"));
+        Service(), "/Applications", "org.freedesktop.DBus.Introspectable", "Introspect");
     bool serving = false;
     WaitFor([&] {
         const QDBusMessage reply =
@@ -288,26 +189,14 @@ bool DaemonFixture::WaitUntilServing()
     return serving;
 }
 
-bool DaemonFixture::AdoptsOrphans()
-{
-    return prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
-}
-
 bool DaemonFixture::LaunchDetached(const QStringList& arguments)
 {
-    AdoptsOrphans();
-    const auto before = ChildrenOf(getpid());
-    if (!Launch(arguments) || WaitForExit() != 0) {
+    if (!Launch(arguments) || WaitForExit() != 0 || !WaitFor(IsNameOwned)) {
         return false;
     }
-    for (const auto& child : ChildrenOf(getpid())) {
-        const auto isChild = [&](const QPair<pid_t, char>& other) { return other.first == child.first; };
-        if (std::none_of(before.begin(), before.end(), isChild)) {
-            m_pid = child.first;
-            m_detached = true;
-        }
-    }
-    return m_detached;
+    m_pid = static_cast<pid_t>(QDBusConnection::systemBus().interface()->servicePid(Service()).value());
+    m_detached = true;
+    return true;
 }
 
 void DaemonFixture::Signal(int signo) const
@@ -319,40 +208,23 @@ void DaemonFixture::Signal(int signo) const
 
 int DaemonFixture::WaitForExit(int milliseconds)
 {
-    if (!m_detached) {
-        if (!WaitFor([this] { return !IsRunning(); }, milliseconds)) {
-            return -1;
-        }
-        return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode()
-                                                              : kSignalled + m_process.exitCode();
-    }
-    int status = 0;
-    if (!WaitFor([&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; }, milliseconds)) {
+    if (!WaitFor([this] { return !IsRunning(); }, milliseconds)) {
         return -1;
     }
-    m_detached = false;
-    return StatusOf(status);
-}
-
-int DaemonFixture::Stop()
-{
-    Signal(SIGTERM);
-    return WaitForExit();
+    const bool isKilled = !m_detached && m_process.exitStatus() == QProcess::CrashExit;
+    return m_detached ? 0 : (isKilled ? kSignalled : 0) + m_process.exitCode();
 }
 
 bool DaemonFixture::IsRunning() const
 {
-    if (!m_detached) {
-        return m_process.state() != QProcess::NotRunning;
-    }
-    siginfo_t ended = {};
-    return waitid(P_PID, static_cast<id_t>(m_pid), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-           ended.si_pid == 0;
+    return m_detached ? !StatusOf(m_pid).value("State", "Z").startsWith('Z')
+                      : m_process.state() != QProcess::NotRunning;
 }
 
-bool DaemonFixture::IsBusRunning()
+int DaemonFixture::OpenDescriptors() const
 {
-    return QDBusConnection::systemBus().isConnected();
+    const QDir descriptors(QString("/proc/%1/fd").arg(m_pid));
+    return descriptors.entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot).size();
 }
 
 bool DaemonFixture::IsNameOwned()
@@ -380,7 +252,7 @@ QVariantMap DaemonFixture::StartRequest(const QVariantMap& request)
 {
     QDBusPendingReply<QVariantMap> reply = m_applications.Start(request);
     reply.waitForFinished();
-    return reply.isError() ? QVariantMap{{QStringLiteral("error"), reply.error().message()}} : reply.value();
+    return reply.isError() ? QVariantMap{{"error", reply.error().message()}} : reply.value();
 }
 
 ApplicationList DaemonFixture::Enumerate()

@@ -1,47 +1,28 @@
 #pragma once
 
 #include "ApplicationsProxy.h"
+#include "Files.h"
+#include "Patience.h"
+#include "Processes.h"
+#include "Table.h"
 #include "server/dbus/ApplicationList.h"
 
-#include <QByteArray>
-#include <QProcess>
-#include <QProcessEnvironment>
-#include <QString>
-#include <QStringList>
-#include <QVariantMap>
-#include <QVector>
+#include <QDBusConnection>
+
 #include <QtTest>
 
 #include <sys/types.h>
+
+#include <csignal>
 
 /// Helpers for tests that drive the real daemon. They work in the private root only: a program that links
 /// them ends at once when it is started elsewhere.
 namespace kxtest {
 
-/// \return \a milliseconds times the factor in the environment variable KX_TIME_FACTOR (slow machines,
-///         emulation); 1 when it is not set
-int Bound(int milliseconds);
-
-constexpr int kPatience = 10000; ///< for what takes milliseconds on an idle machine
-
-/// Runs the event loop until \a condition holds.
-/// \return false when it does not hold within the scaled bound
-template<typename Condition>
-bool WaitFor(Condition condition, int milliseconds = kPatience)
-{
-    return QTest::qWaitFor(condition, Bound(milliseconds));
-}
-
-/// Fail the test unless the expression becomes true, or equal, within the usual bound.
-#define KX_TRY_VERIFY(expression) QTRY_VERIFY_WITH_TIMEOUT(expression, kxtest::Bound(kxtest::kPatience))
-#define KX_TRY_COMPARE(actual, expected)                                                                     \
-    QTRY_COMPARE_WITH_TIMEOUT(actual, expected, kxtest::Bound(kxtest::kPatience))
-
 /// One line of the system's log.
 struct LogRecord {
     QString priority; ///< as the log names it: "err", "info", ...
-    QString program;
-    QString file; ///< file, function and line are empty and 0 for a record without a prefix
+    QString file;     ///< file, function and line are empty and 0 for a record without a prefix
     QString function;
     int line = 0;
     QString text;
@@ -60,9 +41,6 @@ struct HomeFile {
     unsigned mode = 0644;
 };
 
-/// \return the content of a file; empty when it cannot be read
-QByteArray ContentOf(const QString& path);
-
 /// Creates or replaces /home/<name> with all its files, owned by \a uid and \a gid. No app.conf is written
 /// when its text is empty.
 /// \return the home directory
@@ -73,7 +51,7 @@ QString InstallApplication(const QString& name, unsigned uid, unsigned gid,
 void RemoveApplications();
 
 /// A program for an application's home that does nothing for as many seconds as its first parameter says.
-HomeFile IdleProgram(const QString& path = QStringLiteral("bin/idle"));
+HomeFile IdleProgram(const QString& path = "bin/idle");
 
 /// A shell script for an application's home.
 HomeFile Script(const QString& path, const QByteArray& commands);
@@ -98,7 +76,10 @@ public:
     DaemonFixture& operator=(const DaemonFixture&) = delete;
 
     /// Sets a variable for daemons started from now on.
-    void SetEnvironment(const QString& name, const QString& value);
+    void SetEnvironment(const QString& name, const QString& value) { m_environment.insert(name, value); }
+
+    /// Loads a library into daemons started from now on, before all others.
+    void Preload(const QString& library);
 
     /// Makes a library call fail in daemons started from now on; see FaultInjection.cpp for the names.
     void InjectFault(const QString& fault);
@@ -108,37 +89,41 @@ public:
 
     /// Starts the daemon and waits until it serves calls.
     /// \return false when it ended first or did not get there within the bound
-    bool Start(const QStringList& arguments = {QStringLiteral("--no-daemon")});
+    bool Start(const QStringList& arguments = {"--no-daemon"})
+    {
+        return Launch(arguments) && WaitUntilServing();
+    }
 
     /// Waits until the event loop of the daemon answers on the bus, which is after its boot sequence.
     bool WaitUntilServing();
 
-    /// Makes this process the parent of what the daemon leaves behind.
-    /// \return false when the machine cannot do that (an emulator)
-    static bool AdoptsOrphans();
-
-    /// Starts a daemon that detaches itself and takes it over, so that Pid, Signal and WaitForExit work on
-    /// it; see AdoptsOrphans. \return false when nothing detached or the program that was started did not
-    /// end with status 0
+    /// Starts a daemon that detaches itself, and finds it on the bus, so that Pid and Signal work on it.
+    /// \return false when the program that was started did not end with status 0, or no daemon came to the
+    /// bus
     bool LaunchDetached(const QStringList& arguments);
 
     void Signal(int signo) const;
 
-    /// \return the exit status; 1000 plus the number of the signal that ended the daemon; -1 when it still
-    ///         runs after the bound
+    /// \return the exit status, 0 for a daemon that has detached itself; 1000 plus the number of the signal
+    ///         that ended it; -1 when it still runs after the bound
     int WaitForExit(int milliseconds = kPatience);
 
     /// Asks the daemon to end (SIGTERM) and waits.
     /// \return as WaitForExit
-    int Stop();
+    int Stop()
+    {
+        Signal(SIGTERM);
+        return WaitForExit();
+    }
 
     bool IsRunning() const;
     pid_t Pid() const { return m_pid; }
+    int OpenDescriptors() const;
 
     /// \return what the daemon wrote to standard output
     QByteArray Output() { return m_process.readAllStandardOutput(); }
 
-    static bool IsBusRunning();
+    static bool IsBusRunning() { return QDBusConnection::systemBus().isConnected(); }
 
     /// \return whether any process owns the daemon's name on the bus
     static bool IsNameOwned();

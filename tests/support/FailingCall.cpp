@@ -56,6 +56,7 @@ FailingCall::~FailingCall()
 
 KX_FAILING(int, -1, close, (int fd), (fd))
 KX_FAILING(int, -1, fchmod, (int fd, mode_t mode), (fd, mode))
+KX_FAILING(int, -1, fchown, (int fd, uid_t owner, gid_t group), (fd, owner, group))
 KX_FAILING(int, -1, fcntl, (int fd, int command, long argument), (fd, command, argument))
 KX_FAILING(pid_t, -1, fork, (), ())
 KX_FAILING(int, -1, getgrouplist, (const char* user, gid_t group, gid_t* groups, int* count),

@@ -3,10 +3,12 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QProcess>
 
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <filesystem>
+#include <system_error>
 
 namespace {
 
@@ -58,7 +60,8 @@ void MakeLink(const QString& target, const QString& path, uid_t owner)
 
 void RemoveAll(const QString& path)
 {
-    QProcess::execute(QStringLiteral("rm"), {QStringLiteral("-rf"), path});
+    std::error_code ignored;
+    std::filesystem::remove_all(QFile::encodeName(path).toStdString(), ignored);
 }
 
 QString OwnerAndMode(const QString& path)
@@ -67,5 +70,5 @@ QString OwnerAndMode(const QString& path)
     if (lstat(QFile::encodeName(path).constData(), &info) != 0) {
         return {};
     }
-    return QStringLiteral("%1:%2 %3").arg(info.st_uid).arg(info.st_gid).arg(info.st_mode & 07777, 0, 8);
+    return QString("%1:%2 %3").arg(info.st_uid).arg(info.st_gid).arg(info.st_mode & 07777, 0, 8);
 }

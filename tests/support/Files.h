@@ -14,13 +14,13 @@ void WriteFile(const QString& path, const QByteArray& content = QByteArray(), ui
 
 QByteArray ReadFile(const QString& path);
 
-/// Copies a program of the system; it is executable for everyone.
+/// Copies a program of the system; the copy is executable for everyone.
 void CopyProgram(const QString& program, const QString& path, uid_t uid = 0, gid_t gid = 0);
 
 /// Makes a symbolic link that belongs to \a owner and its group.
 void MakeLink(const QString& target, const QString& path, uid_t owner = 0);
 
-/// Removes a tree with rm, not with the code under test.
+/// Removes a file, a link or a tree, links not followed, without the code under test.
 void RemoveAll(const QString& path);
 
 /// \return owner and mode of what is at \a path, links not followed, such as "4002:4002 770"; empty when

@@ -1,10 +1,12 @@
 #include "Processes.h"
 
 #include "Files.h"
+#include "Patience.h"
 
 #include "misc/UniqueFd.h"
 
 #include <QDir>
+#include <QProcess>
 #include <QString>
 
 #include <fcntl.h>
@@ -18,7 +20,7 @@ namespace {
 
 QString ProcPath(pid_t pid, const char* entry)
 {
-    return QStringLiteral("/proc/%1/%2").arg(pid).arg(QLatin1String(entry));
+    return QString("/proc/%1/%2").arg(pid).arg(QLatin1String(entry));
 }
 
 bool Lock(const char* path)
@@ -38,13 +40,23 @@ int AskForLock(const char* path)
 
 } // namespace
 
+QList<pid_t> ProcessIds()
+{
+    QList<pid_t> ids;
+    for (const QString& entry : QDir("/proc").entryList(QDir::Dirs)) {
+        if (entry.toInt() > 0) {
+            ids.append(entry.toInt());
+        }
+    }
+    return ids;
+}
+
 QList<pid_t> Children()
 {
     const QByteArray self = QByteArray::number(getpid());
     QList<pid_t> children;
-    for (const QString& entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-        const pid_t pid = entry.toInt();
-        if (pid > 0 && StatusOf(pid).value("PPid") == self) {
+    for (const pid_t pid : ProcessIds()) {
+        if (StatusOf(pid).value("PPid") == self) {
             children.append(pid);
         }
     }
@@ -110,4 +122,33 @@ ForeignLock::~ForeignLock()
 bool IsLocked(const char* path)
 {
     return InChild(AskForLock, path) != 0;
+}
+
+Stray::Stray(uid_t uid, gid_t gid, bool ignoresTerm) : m_file(QString("/tmp/stray-%1-%2").arg(uid).arg(gid))
+{
+    RemoveAll(m_file);
+    const QString script =
+        QStringLiteral("(setpriv --reuid %1 --regid %2 --clear-groups env %3 sleep 1000 & echo $! >%4;"
+                       " wait $!; echo $? >>%4) >/dev/null 2>&1 </dev/null &")
+            .arg(QString::number(uid), QString::number(gid),
+                 QLatin1String(ignoresTerm ? "--ignore-signal=TERM" : "--default-signal=TERM"), m_file);
+    QProcess::execute("sh", {"-c", script});
+    if (!kxtest::WaitFor(
+            [this] { return EntriesOf(ReadFile(m_file).toInt(), "cmdline").value(0) == "sleep"; })) {
+        qFatal("%s does not run", qPrintable(m_file));
+    }
+}
+
+Stray::~Stray()
+{
+    if (EndedBy() == 0) {
+        kill(ReadFile(m_file).toInt(), SIGKILL);
+    }
+}
+
+int Stray::EndedBy() const
+{
+    constexpr int kSignalled = 128;
+    const QList<QByteArray> lines = ReadFile(m_file).split('\n');
+    return lines.value(1).isEmpty() ? 0 : lines[1].toInt() - kSignalled;
 }

@@ -3,10 +3,14 @@
 #include <QByteArray>
 #include <QList>
 #include <QMap>
+#include <QString>
 
 #include <sys/types.h>
 
-/// \return the processes whose parent is this one, zombies among them
+/// \return all processes, zombies among them
+QList<pid_t> ProcessIds();
+
+/// \return those whose parent is this one
 QList<pid_t> Children();
 
 /// \return the fields of /proc/<pid>/status, without surrounding blanks; empty when there is no such process
@@ -32,3 +36,20 @@ private:
 
 /// \return whether a process, this one or another, holds a lock on the file
 bool IsLocked(const char* path);
+
+/// A program of the system under any identity that is no child of this process, as something that an
+/// application left behind.
+class Stray {
+public:
+    /// Returns when it runs.
+    Stray(uid_t uid, gid_t gid, bool ignoresTerm = false);
+    ~Stray();
+    Stray(const Stray&) = delete;
+    Stray& operator=(const Stray&) = delete;
+
+    /// \return the signal that ended it, 0 while it runs
+    int EndedBy() const;
+
+private:
+    QString m_file; ///< with its process id, and its exit status once it has one
+};

@@ -6,6 +6,8 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 
+#include <utility>
+
 namespace {
 
 constexpr auto kPolicy = R"(<busconfig><policy user="root">
@@ -14,38 +16,37 @@ constexpr auto kPolicy = R"(<busconfig><policy user="root">
 
 QDBusConnection Connection()
 {
-    return QDBusConnection::connectToBus(QDBusConnection::SystemBus, QStringLiteral("peer"));
+    return QDBusConnection::connectToBus(QDBusConnection::SystemBus, "peer");
 }
 
 QDBusMessage CallBus(const QDBusConnection& connection, const char* method)
 {
-    return connection.call(QDBusMessage::createMethodCall(
-        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
-        QStringLiteral("org.freedesktop.DBus"), QString::fromLatin1(method)));
+    return connection.call(QDBusMessage::createMethodCall("org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                          "org.freedesktop.DBus",
+                                                          QString::fromLatin1(method)));
 }
 
 } // namespace
 
 void OpenBus()
 {
-    WriteFile(QStringLiteral("/etc/dbus-1/system.d/test.conf"), kPolicy);
+    WriteFile("/etc/dbus-1/system.d/test.conf", kPolicy);
     CallBus(Connection(), "ReloadConfig");
 }
 
 Echo::Echo()
 {
-    Connection().registerObject(QStringLiteral("/echo"), this, QDBusConnection::ExportAllSlots);
+    Connection().registerObject("/echo", this, QDBusConnection::ExportAllSlots);
 }
 
 Echo::~Echo()
 {
-    Connection().unregisterObject(QStringLiteral("/echo"));
+    Connection().unregisterObject("/echo");
 }
 
 QDBusMessage Echo::Call(const QVariant& value)
 {
-    auto call = QDBusMessage::createMethodCall(Connection().baseService(), QStringLiteral("/echo"),
-                                               QStringLiteral("test.Echo"), QStringLiteral("Repeat"));
+    auto call = QDBusMessage::createMethodCall(Connection().baseService(), "/echo", "test.Echo", "Repeat");
     return QDBusConnection::systemBus().call(call << value, QDBus::BlockWithGui);
 }
 
@@ -56,24 +57,24 @@ void Echo::Repeat(const QDBusMessage& call)
 
 FakeBrowser::FakeBrowser()
 {
-    Connection().registerObject(QStringLiteral("/"), this,
+    Connection().registerObject("/", this,
                                 QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllSignals);
 }
 
 FakeBrowser::~FakeBrowser()
 {
     Vanish();
-    QDBusConnection::disconnectFromBus(QStringLiteral("peer"));
+    QDBusConnection::disconnectFromBus("peer");
 }
 
 bool FakeBrowser::Appear()
 {
-    return Connection().registerService(QStringLiteral("com.veltrasys.browser"));
+    return Connection().registerService("com.veltrasys.browser");
 }
 
 bool FakeBrowser::Vanish()
 {
-    return Connection().unregisterService(QStringLiteral("com.veltrasys.browser"));
+    return Connection().unregisterService("com.veltrasys.browser");
 }
 
 QStringList FakeBrowser::TakePages()

@@ -34,7 +34,7 @@ public:
     bool Appear();
     bool Vanish();
 
-    /// \return the pages shown since the last call, when all that was sent has arrived
+    /// \return the pages since the last call, when all that code of this process sent has arrived
     QStringList TakePages();
 
 public slots:

@@ -1,12 +1,10 @@
+#include "CommandRun.h"
 #include "DaemonFixture.h"
 
-#include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
-#include <QFile>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -49,9 +47,9 @@ Call Tools(Caller from, const char* member, const QVariantList& arguments = {})
     return {from, "/Tools", kService + ".Tools", member, arguments};
 }
 
-Call Standard(const char* interface, const char* member, const QVariantList& arguments = {})
+Call Standard(Caller from, const char* interface, const char* member, const QVariantList& arguments = {})
 {
-    return {Application, "/System", QStringLiteral("org.freedesktop.DBus.") + interface, member, arguments};
+    return {from, "/System", QStringLiteral("org.freedesktop.DBus.") + interface, member, arguments};
 }
 
 /// Every method there is, with arguments that change nothing where that is possible.
@@ -72,9 +70,9 @@ const QVector<Call>& Calls()
         Tools(Administrator, "SaveVariableValue", {"NAME", "value"}),
         Tools(Administrator, "EnableAudiopayd", {true}),
         Tools(GroupMember, "IsAudiopaydEnabled"),
-        Standard("Introspectable", "Introspect"),
-        Standard("Peer", "Ping"),
-        Standard("Properties", "GetAll", {kService + ".System"}),
+        Standard(Application, "Introspectable", "Introspect"),
+        Standard(Application, "Peer", "Ping"),
+        Standard(GroupMember, "Properties", "GetAll", {kService + ".System"}),
         {Administrator, "/Applications", "", "Enumerate", {}},
         {Administrator, "/Tools", "", "IsAudiopaydEnabled", {}},
     };
@@ -87,8 +85,7 @@ QString TitleOf(const Call& call)
     return call.object + ' ' + call.interface + '.' + call.member + ' ' + id;
 }
 
-// --- as the caller
-// ------------------------------------------------------------------------------------------
+// As the caller
 
 QString Outcome(const QDBusMessage& message)
 {
@@ -161,22 +158,12 @@ QString Act(const QStringList& arguments)
     return OutcomeOf(Calls().at(arguments.first().toInt()), arguments.last());
 }
 
-// --- as the test
-// --------------------------------------------------------------------------------------------
-
-QStringList CommandOf(const QString& account, const QStringList& arguments)
-{
-    return QStringList{"--reuid", account, "--regid", account, "--init-groups", kCaller} + arguments;
-}
+// As the test
 
 /// \return "allowed", or the name of the error that the account got
 QString RunAs(const QString& account, const QStringList& arguments)
 {
-    QProcess process;
-    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process.start("setpriv", CommandOf(account, arguments));
-    process.waitForFinished(kxtest::Bound(2 * kxtest::kPatience));
-    return QString::fromLatin1(process.readAllStandardOutput()).trimmed();
+    return kxtest::RunAs(account, QStringList(kCaller) + arguments).out.trimmed();
 }
 
 QString AddressOf(const QString& service)
@@ -199,148 +186,128 @@ class AccessTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void IsAllowedOrRefused_data();
-    void IsAllowedOrRefused();
-    void RefusedCallsHaveNoEffect();
-    void AddressIsNoWayAround();
-    void InterfaceIsNoWayAround();
-    void LossOfTheBusCannotBeForged();
-    void EverybodyHearsSignals();
-    void OnlyRootOwnsTheName();
-    void DaemonHearsTheBrowser();
-    void MissingGroupsLetNobodyIn();
+    void initTestCase()
+    {
+        CopyProgram(QCoreApplication::applicationFilePath(), kCaller);
+        QVERIFY(m_daemon.Start());
+    }
+
+    void IsAllowedOrRefused_data()
+    {
+        const Table<int, int> row;
+        for (int caller = Application; caller <= Root; ++caller) {
+            for (int call = 0; call < Calls().size(); ++call) {
+                row((kAccounts.at(caller) + ' ' + TitleOf(Calls().at(call))).toUtf8(), call, caller);
+            }
+        }
+    }
+
+    void IsAllowedOrRefused()
+    {
+        const auto [call, caller] = FetchRow<int, int>();
+        const bool allowed = caller >= Calls().at(call).from;
+        QCOMPARE(RunAs(kAccounts.at(caller), {QString::number(call), kService}),
+                 allowed ? kAllowed : kRefused);
+    }
+
+    void RefusedCallsHaveNoEffect()
+    {
+        // By the administrator and by root each: the system call, and the restart, which a member may ask for
+        // too.
+        KX_TRY_COMPARE(kxtest::PlatformCalls().count("reboot"), 2 + 3);
+        QCOMPARE(kxtest::PlatformCalls().count("poweroff"), 2);
+    }
+
+    void AddressIsNoWayAround()
+    {
+        for (int call = 0; call < Calls().size(); ++call) {
+            if (Calls().at(call).from != Application) {
+                QCOMPARE(RunAs("pay", {QString::number(call), AddressOf(kService)}), kRefused);
+            }
+        }
+    }
+
+    void InterfaceIsNoWayAround()
+    {
+        QVERIFY(QFile::resize("/run/standins/calls", 0));
+        const Call disguised{
+            GroupMember, "/System", kService + ".Applications", "SystemCall", {1, QVariantMap()}};
+        QVERIFY(OutcomeOf(disguised, kService).startsWith("org.freedesktop.DBus.Error.Unknown"));
+        QCOMPARE(kxtest::PlatformCalls(), QStringList());
+    }
+
+    void LossOfTheBusCannotBeForged()
+    {
+        // The daemon reboots the terminal on this signal, which only its own connection can emit.
+        const QStringList signal{"--system", "--type=signal", "/org/freedesktop/DBus/Local",
+                                 "org.freedesktop.DBus.Local.Disconnected"};
+        for (const QStringList& destination : {QStringList(), QStringList("--dest=" + kService)}) {
+            QCOMPARE(kxtest::RunAs("pay", QStringList("dbus-send") + destination + signal).status, 0);
+        }
+        QCOMPARE(m_daemon.StartRequest({{"application", "none"}})["errorCode"].toInt(), -1);
+        for (const kxtest::LogRecord& record : m_daemon.Records()) {
+            QVERIFY2(!record.text.contains("dbus-daemon died"), qPrintable(record.text));
+        }
+    }
+
+    void EverybodyHearsSignals()
+    {
+        QProcess listener;
+        // Of an application account, the process would not survive what the signal reports.
+        listener.start("setpriv",
+                       {"--reuid", "guest", "--regid", "guest", "--init-groups", kCaller, "listen"});
+        KX_TRY_VERIFY(listener.canReadLine());
+        QCOMPARE(listener.readLine().trimmed(), QByteArray("listening"));
+        m_daemon.Applications().Terminate();
+        QVERIFY(listener.waitForFinished(kxtest::Bound(kxtest::kPatience)));
+        QCOMPARE(QString::fromLatin1(listener.readAll()).trimmed(), kAllowed);
+    }
+
+    void OnlyRootOwnsTheName()
+    {
+        QCOMPARE(m_daemon.Stop(), 0);
+        for (const QString& account : kAccounts) {
+            QCOMPARE(RunAs(account, {"own"}), account == "root" ? kAllowed : kRefused);
+        }
+        QVERIFY(m_daemon.Start());
+    }
+
+    void DaemonHearsTheBrowser()
+    {
+        // In the daemon's place, since it does not tell what it hears.
+        QCOMPARE(m_daemon.Stop(), 0);
+        QDBusConnection bus = QDBusConnection::systemBus();
+        QVERIFY(bus.registerService(kService));
+        Counter loaded;
+        QVERIFY(bus.connect(QString(), "/", "com.veltrasys.browser.Server", "loadCompleted", &loaded,
+                            SLOT(Count())));
+        bus.interface()->isServiceRegistered(kService); // the bus knows the rule before it answers
+        const QStringList send{"dbus-send", "--system", "--type=signal"};
+        const QStringList signal{"/", "com.veltrasys.browser.Server.loadCompleted", "boolean:true"};
+        // Only to the daemon, which is refused, then to everybody: were both let through, both would be here.
+        QCOMPARE(kxtest::RunAs("guest", send + QStringList{"--dest=" + kService} + signal).status, 0);
+        QCOMPARE(kxtest::RunAs("guest", send + signal).status, 0);
+        KX_TRY_VERIFY(loaded.count > 0);
+        QCOMPARE(loaded.count, 1);
+        QVERIFY(bus.unregisterService(kService));
+        QVERIFY(m_daemon.Start());
+    }
+
+    void MissingGroupsLetNobodyIn()
+    {
+        WriteFile("/etc/group", ReadFile("/etc/group").replace("\nkx", "\nold-kx"));
+        QVERIFY(ReloadBus());
+
+        const QStringList enumerate{QStringLiteral("0"), kService};
+        QCOMPARE(RunAs("clerk", enumerate), kRefused);
+        QCOMPARE(RunAs("admin", enumerate), kRefused);
+        QCOMPARE(RunAs("root", enumerate), kAllowed);
+        QCOMPARE(m_daemon.Stop(), 0);
+    }
 
 private:
     DaemonFixture m_daemon;
 };
-
-void AccessTest::initTestCase()
-{
-    QVERIFY(QFile::copy(QCoreApplication::applicationFilePath(), kCaller));
-    QCOMPARE(chmod(qPrintable(kCaller), 0755), 0);
-    QVERIFY(m_daemon.Start());
-}
-
-void AccessTest::IsAllowedOrRefused_data()
-{
-    QTest::addColumn<int>("call");
-    QTest::addColumn<int>("caller");
-
-    for (int caller = Application; caller <= Root; ++caller) {
-        for (int call = 0; call < Calls().size(); ++call) {
-            QTest::newRow(qPrintable(kAccounts.at(caller) + ' ' + TitleOf(Calls().at(call))))
-                << call << caller;
-        }
-    }
-}
-
-void AccessTest::IsAllowedOrRefused()
-{
-    QFETCH(int, call);
-    QFETCH(int, caller);
-    const bool allowed = caller >= Calls().at(call).from;
-    QCOMPARE(RunAs(kAccounts.at(caller), {QString::number(call), kService}), allowed ? kAllowed : kRefused);
-}
-
-void AccessTest::RefusedCallsHaveNoEffect()
-{
-    // By the administrator and by root each: the system call, and the restart, which a member may ask for
-    // too.
-    KX_TRY_COMPARE(kxtest::PlatformCalls().count("reboot"), 2 + 3);
-    QCOMPARE(kxtest::PlatformCalls().count("poweroff"), 2);
-}
-
-void AccessTest::AddressIsNoWayAround()
-{
-    for (int call = 0; call < Calls().size(); ++call) {
-        if (Calls().at(call).from != Application) {
-            QCOMPARE(RunAs("pay", {QString::number(call), AddressOf(kService)}), kRefused);
-        }
-    }
-}
-
-void AccessTest::InterfaceIsNoWayAround()
-{
-    QVERIFY(QFile::resize("/run/standins/calls", 0));
-    const Call disguised{
-        GroupMember, "/System", kService + ".Applications", "SystemCall", {1, QVariantMap()}};
-    QVERIFY(OutcomeOf(disguised, kService).startsWith("org.freedesktop.DBus.Error.Unknown"));
-    QCOMPARE(kxtest::PlatformCalls(), QStringList());
-}
-
-void AccessTest::LossOfTheBusCannotBeForged()
-{
-    // The daemon reboots the terminal on this signal, which only its own connection can emit.
-    const QStringList signal{"--system", "--type=signal", "/org/freedesktop/DBus/Local",
-                             "org.freedesktop.DBus.Local.Disconnected"};
-    for (const QStringList& destination : {QStringList(), QStringList("--dest=" + kService)}) {
-        const QStringList account{"--reuid", "pay", "--regid", "pay", "--init-groups", "dbus-send"};
-        QCOMPARE(QProcess::execute("setpriv", account + destination + signal), 0);
-    }
-    QCOMPARE(m_daemon.StartRequest({{"application", "none"}})["errorCode"].toInt(), -1);
-    for (const kxtest::LogRecord& record : m_daemon.Records()) {
-        QVERIFY2(!record.text.contains("dbus-daemon died"), qPrintable(record.text));
-    }
-}
-
-void AccessTest::EverybodyHearsSignals()
-{
-    QProcess listener;
-    // Of an application account, the process would not survive what the signal reports.
-    listener.start("setpriv", CommandOf("guest", {"listen"}));
-    KX_TRY_VERIFY(listener.canReadLine());
-    QCOMPARE(listener.readLine().trimmed(), QByteArray("listening"));
-    m_daemon.Applications().Terminate();
-    QVERIFY(listener.waitForFinished(kxtest::Bound(kxtest::kPatience)));
-    QCOMPARE(QString::fromLatin1(listener.readAll()).trimmed(), kAllowed);
-}
-
-void AccessTest::OnlyRootOwnsTheName()
-{
-    QCOMPARE(m_daemon.Stop(), 0);
-    for (const QString& account : kAccounts) {
-        QCOMPARE(RunAs(account, {"own"}), account == "root" ? kAllowed : kRefused);
-    }
-    QVERIFY(m_daemon.Start());
-}
-
-void AccessTest::DaemonHearsTheBrowser()
-{
-    // In the daemon's place, since it does not tell what it hears.
-    QCOMPARE(m_daemon.Stop(), 0);
-    QDBusConnection bus = QDBusConnection::systemBus();
-    QVERIFY(bus.registerService(kService));
-    Counter loaded;
-    QVERIFY(
-        bus.connect(QString(), "/", "com.veltrasys.browser.Server", "loadCompleted", &loaded, SLOT(Count())));
-    bus.interface()->isServiceRegistered(kService); // the bus knows the rule before it answers
-    const QStringList send{"--reuid",       "guest",     "--regid",  "guest",
-                           "--init-groups", "dbus-send", "--system", "--type=signal"};
-    const QStringList signal{"/", "com.veltrasys.browser.Server.loadCompleted", "boolean:true"};
-    // Only to the daemon, which is refused, then to everybody: were both let through, both would be here.
-    QCOMPARE(QProcess::execute("setpriv", send + QStringList{"--dest=" + kService} + signal), 0);
-    QCOMPARE(QProcess::execute("setpriv", send + signal), 0);
-    KX_TRY_VERIFY(loaded.count > 0);
-    QCOMPARE(loaded.count, 1);
-    QVERIFY(bus.unregisterService(kService));
-    QVERIFY(m_daemon.Start());
-}
-
-void AccessTest::MissingGroupsLetNobodyIn()
-{
-    QFile groups("/etc/group");
-    QVERIFY(groups.open(QIODevice::ReadWrite));
-    const QByteArray text = groups.readAll().replace("\nkx", "\nold-kx");
-    QVERIFY(groups.seek(0) && groups.resize(0) && groups.write(text) == text.size() && groups.flush());
-    QVERIFY(ReloadBus());
-
-    const QStringList enumerate{QStringLiteral("0"), kService};
-    QCOMPARE(RunAs("clerk", enumerate), kRefused);
-    QCOMPARE(RunAs("admin", enumerate), kRefused);
-    QCOMPARE(RunAs("root", enumerate), kAllowed);
-    QCOMPARE(m_daemon.Stop(), 0);
-}
 
 /// Without arguments the test, otherwise a caller: prints what came of the call.
 int main(int argc, char** argv)

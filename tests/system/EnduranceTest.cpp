@@ -1,7 +1,5 @@
 #include "DaemonFixture.h"
 
-#include <QDir>
-
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,112 +32,92 @@ class EnduranceTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-    void EnumeratesWithoutGrowth();
-    void StartsWithoutGrowth();
-    void ReapsChildrenThatEndAtOnce();
+    void init()
+    {
+        kxtest::RemoveApplications();
+        InstallApplication("desktop", 4001, 4001, {}, {{"html/index.html", "i"}});
+        InstallApplication(
+            "pay", 4002, 4002,
+            "<application><desktop_item title=\"Pay\">html/a.html</desktop_item></application>",
+            {kxtest::IdleProgram()});
+        QVERIFY(m_daemon.Start());
+    }
+
+    void cleanup() { QCOMPARE(m_daemon.Stop(), 0); }
+
+    void EnumeratesWithoutGrowth()
+    {
+        ExpectNoGrowth(kEnumerations, [this] { QCOMPARE(m_daemon.Enumerate().size(), 2); });
+    }
+
+    void StartsWithoutGrowth()
+    {
+        const QVariantMap request{{"application", "pay"}, {"binary", "idle"}, {"params", "0"}};
+        const QVariantMap started{{"errorCode", 0}};
+        ExpectNoGrowth(kStarts, [&] { QCOMPARE(m_daemon.StartRequest(request), started); });
+    }
+
+    void ReapsChildrenThatEndAtOnce()
+    {
+        const QString program = QStringLiteral("/home/pay/bin/idle");
+        for (int i = 0; i < kSimultaneous; ++i) {
+            QCOMPARE(m_daemon.StartRequest({{"application", "pay"}, {"binary", "idle"}, {"params", "1000"}}),
+                     (QVariantMap{{"errorCode", 0}}));
+        }
+        KX_TRY_COMPARE(ProcessesOf(program).size(), kSimultaneous);
+        // While the daemon stands still, their signals merge into one.
+        m_daemon.Signal(SIGSTOP);
+        for (const pid_t child : ProcessesOf(program)) {
+            QCOMPARE(kill(child, SIGKILL), 0);
+        }
+        KX_TRY_VERIFY(ProcessesOf(program).isEmpty());
+        QVERIFY(HasZombies());
+        m_daemon.Signal(SIGCONT);
+        QVERIFY(kxtest::WaitFor([this] { return !HasZombies(); }, 1000));
+    }
 
 private:
-    int Descriptors() const;
-    long ResidentKilobytes() const;
-    bool HasZombies() const;
+    long ResidentKilobytes() const
+    {
+        const QByteArray statm = ReadFile(QStringLiteral("/proc/%1/statm").arg(m_daemon.Pid()));
+        return statm.split(' ').value(1).toLong() * (sysconf(_SC_PAGESIZE) / 1024);
+    }
+
+    bool HasZombies() const
+    {
+        const auto children = ChildrenOf(m_daemon.Pid());
+        return std::any_of(children.begin(), children.end(),
+                           [](const auto& child) { return child.second == 'Z'; });
+    }
+
     /// Calls \a call \a times times and compares what the daemon holds afterwards with an early sample.
     template<typename Call>
-    void ExpectNoGrowth(int times, Call call);
+    void ExpectNoGrowth(int times, Call call)
+    {
+        const int settled = std::min(kSettledAfter, times / 2);
+        int descriptors = 0;
+        long resident = 0;
+        for (int done = 0; done < times; ++done) {
+            if (done == settled) {
+                descriptors = m_daemon.OpenDescriptors();
+                resident = ResidentKilobytes();
+            }
+            call();
+            if (QTest::currentTestFailed()) {
+                return;
+            }
+        }
+        QCOMPARE(m_daemon.OpenDescriptors(), descriptors);
+        if (!kHoldsFreedMemory) {
+            const long growth = ResidentKilobytes() - resident;
+            qInfo("resident memory: %ld kB, %+ld kB since call %d", resident, growth, settled);
+            QVERIFY2(growth <= 256, qPrintable(QString::number(growth)));
+        }
+        QVERIFY2(kxtest::WaitFor([this] { return !HasZombies(); }, 1000), "a zombie is left after a second");
+    }
 
     DaemonFixture m_daemon;
 };
-
-void EnduranceTest::init()
-{
-    kxtest::RemoveApplications();
-    InstallApplication("desktop", 4001, 4001, {}, {{"html/index.html", "i"}});
-    InstallApplication("pay", 4002, 4002,
-                       "<application><desktop_item title=\"Pay\">html/a.html</desktop_item></application>",
-                       {kxtest::IdleProgram()});
-    QVERIFY(m_daemon.Start());
-}
-
-void EnduranceTest::cleanup()
-{
-    QCOMPARE(m_daemon.Stop(), 0);
-}
-
-int EnduranceTest::Descriptors() const
-{
-    const QDir fds(QStringLiteral("/proc/%1/fd").arg(m_daemon.Pid()));
-    return fds.entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot).size();
-}
-
-long EnduranceTest::ResidentKilobytes() const
-{
-    const QByteArray statm = kxtest::ContentOf(QStringLiteral("/proc/%1/statm").arg(m_daemon.Pid()));
-    return statm.split(' ').value(1).toLong() * (sysconf(_SC_PAGESIZE) / 1024);
-}
-
-bool EnduranceTest::HasZombies() const
-{
-    const auto children = ChildrenOf(m_daemon.Pid());
-    return std::any_of(children.begin(), children.end(),
-                       [](const auto& child) { return child.second == 'Z'; });
-}
-
-template<typename Call>
-void EnduranceTest::ExpectNoGrowth(int times, Call call)
-{
-    const int settled = std::min(kSettledAfter, times / 2);
-    int descriptors = 0;
-    long resident = 0;
-    for (int done = 0; done < times; ++done) {
-        if (done == settled) {
-            descriptors = Descriptors();
-            resident = ResidentKilobytes();
-        }
-        call();
-        if (QTest::currentTestFailed()) {
-            return;
-        }
-    }
-    QCOMPARE(Descriptors(), descriptors);
-    if (!kHoldsFreedMemory) {
-        const long growth = ResidentKilobytes() - resident;
-        qInfo("resident memory: %ld kB, %+ld kB since call %d", resident, growth, settled);
-        QVERIFY2(growth <= 256, qPrintable(QString::number(growth)));
-    }
-    QVERIFY2(kxtest::WaitFor([this] { return !HasZombies(); }, 1000), "a zombie is left after a second");
-}
-
-void EnduranceTest::EnumeratesWithoutGrowth()
-{
-    ExpectNoGrowth(kEnumerations, [this] { QCOMPARE(m_daemon.Enumerate().size(), 2); });
-}
-
-void EnduranceTest::StartsWithoutGrowth()
-{
-    const QVariantMap request{{"application", "pay"}, {"binary", "idle"}, {"params", "0"}};
-    const QVariantMap started{{"errorCode", 0}};
-    ExpectNoGrowth(kStarts, [&] { QCOMPARE(m_daemon.StartRequest(request), started); });
-}
-
-void EnduranceTest::ReapsChildrenThatEndAtOnce()
-{
-    const QString program = QStringLiteral("/home/pay/bin/idle");
-    for (int i = 0; i < kSimultaneous; ++i) {
-        QCOMPARE(m_daemon.StartRequest({{"application", "pay"}, {"binary", "idle"}, {"params", "1000"}}),
-                 (QVariantMap{{"errorCode", 0}}));
-    }
-    KX_TRY_COMPARE(ProcessesOf(program).size(), kSimultaneous);
-    // While the daemon stands still, their signals merge into one.
-    m_daemon.Signal(SIGSTOP);
-    for (const pid_t child : ProcessesOf(program)) {
-        QCOMPARE(kill(child, SIGKILL), 0);
-    }
-    KX_TRY_VERIFY(ProcessesOf(program).isEmpty());
-    QVERIFY(HasZombies());
-    m_daemon.Signal(SIGCONT);
-    QVERIFY(kxtest::WaitFor([this] { return !HasZombies(); }, 1000));
-}
 
 QTEST_GUILESS_MAIN(EnduranceTest)
 #include "EnduranceTest.moc"

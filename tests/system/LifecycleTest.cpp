@@ -1,13 +1,12 @@
+#include "CommandRun.h"
 #include "DaemonFixture.h"
 
-#include <QFileInfo>
-
-#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <csignal>
 
 using kxtest::DaemonFixture;
-using kxtest::LogRecord;
 
 namespace {
 
@@ -25,159 +24,131 @@ class LifecycleTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void PrintsUsage_data();
-    void PrintsUsage();
-    void FailsToStart_data();
-    void FailsToStart();
-    void ServesInForeground();
-    void Detaches();
-    void LeavesTheNameToTheFirstInstance_data();
-    void LeavesTheNameToTheFirstInstance();
-    void EndsOnTermination_data();
-    void EndsOnTermination();
-    void OutlivesOtherSignals();
-};
-
-void LifecycleTest::PrintsUsage_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::newRow("alone") << QStringList{"--help"};
-    QTest::newRow("only the first argument counts") << QStringList{"--help", "--no-daemon"};
-}
-
-void LifecycleTest::PrintsUsage()
-{
-    QFETCH(QStringList, arguments);
-    DaemonFixture daemon;
-    daemon.InjectFault("throw"); // touching the bus would end it with another status
-    QVERIFY(daemon.Launch(arguments));
-    QCOMPARE(daemon.WaitForExit(), 0);
-    QCOMPARE(daemon.Output(), QByteArray("Usage: kxcore --no-daemon\n"
-                                         "              --help\n"
-                                         "\n"
-                                         "options:\n"
-                                         "--no-daemon           : disable daemonization\n"
-                                         "--help                : show help\n"
-                                         "\n"
-                                         "\n"));
-    QVERIFY(daemon.Records().isEmpty());
-}
-
-void LifecycleTest::FailsToStart_data()
-{
-    QTest::addColumn<QString>("fault");
-    QTest::addColumn<QString>("option");
-    QTest::addColumn<int>("status");
-    QTest::addColumn<QString>("text");
-    QTest::newRow("daemon") << "daemon"
-                            << "--any" << 1 << "Cannot daemonize process";
-    QTest::newRow("name") << "registerService" << kForeground << 2 << "Can't register service";
-    for (const char* object : {"/Applications", "/System", "/Tools"}) {
-        QTest::newRow(object) << QString("registerObject:") + object << kForeground << 3
-                              << QString("Can't register object ") + object;
+    void PrintsUsage()
+    {
+        // Only the first argument counts.
+        for (const QStringList& arguments : {QStringList("--help"), {"--help", kForeground}}) {
+            DaemonFixture daemon;
+            daemon.InjectFault("throw"); // touching the bus would end it with another status
+            QVERIFY(daemon.Launch(arguments));
+            QCOMPARE(daemon.WaitForExit(), 0);
+            QCOMPARE(daemon.Output(), QByteArray("Usage: kxcore --no-daemon\n"
+                                                 "              --help\n"
+                                                 "\n"
+                                                 "options:\n"
+                                                 "--no-daemon           : disable daemonization\n"
+                                                 "--help                : show help\n"
+                                                 "\n"
+                                                 "\n"));
+            QVERIFY(daemon.Records().isEmpty());
+        }
     }
-    QTest::newRow("exception") << "throw" << kForeground << 4 << "Unexpected exception";
-}
 
-void LifecycleTest::FailsToStart()
-{
-    QFETCH(QString, fault);
-    QFETCH(QString, option);
-    QFETCH(QString, text);
-    DaemonFixture daemon;
-    daemon.InjectFault(fault);
-    QVERIFY(daemon.Launch({option}));
-    QTEST(daemon.WaitForExit(), "status");
-
-    const LogRecord record = daemon.WaitForRecord(text);
-    QCOMPARE(record.text, text);
-    QCOMPARE(record.priority, QStringLiteral("err"));
-    QCOMPARE(record.file, QStringLiteral("main"));
-    QCOMPARE(record.function, QStringLiteral("main"));
-    QVERIFY(record.line > 0);
-}
-
-void LifecycleTest::ServesInForeground()
-{
-    DaemonFixture daemon;
-    // The second option is not looked at.
-    QVERIFY(daemon.Start({kForeground, "--help"}));
-    QVERIFY(daemon.Output().isEmpty());
-    QCOMPARE(daemon.Stop(), 0);
-    QVERIFY(!DaemonFixture::IsNameOwned());
-}
-
-void LifecycleTest::Detaches()
-{
-    if (!DaemonFixture::AdoptsOrphans()) {
-        QSKIP("the daemon would be out of reach");
+    void FailsToStart_data()
+    {
+        const Table<QString, QString, int, QString> row; // what fails, option, status, text
+        row("daemon", "daemon", "--any", 1, "Cannot daemonize process");
+        row("name", "registerService", kForeground, 2, "Can't register service");
+        for (const QString object : {"/Applications", "/System", "/Tools"}) {
+            row(object.toLatin1(), "registerObject:" + object, kForeground, 3,
+                "Can't register object " + object);
+        }
+        row("exception", "throw", kForeground, 4, "Unexpected exception");
     }
-    DaemonFixture daemon;
-    QVERIFY(daemon.LaunchDetached({"--unknown"}));
-    QVERIFY(daemon.WaitUntilServing());
-    QCOMPARE(TargetOf(daemon.Pid(), "cwd"), QStringLiteral("/"));
-    for (const char* stream : {"fd/0", "fd/1", "fd/2"}) {
-        QCOMPARE(TargetOf(daemon.Pid(), stream), QStringLiteral("/dev/null"));
-    }
-    QCOMPARE(getsid(daemon.Pid()), daemon.Pid());
-    QCOMPARE(daemon.Stop(), 0);
-}
 
-void LifecycleTest::LeavesTheNameToTheFirstInstance_data()
-{
-    QTest::addColumn<QString>("option");
-    QTest::newRow("in the foreground") << kForeground;
-    QTest::newRow("detached") << "--any";
-}
-
-void LifecycleTest::LeavesTheNameToTheFirstInstance()
-{
-    QFETCH(QString, option);
-    if (option != kForeground && !DaemonFixture::AdoptsOrphans()) {
-        QSKIP("the second daemon would be out of reach");
-    }
-    DaemonFixture first;
-    QVERIFY(first.Start());
-    DaemonFixture second;
-    QVERIFY(option == kForeground ? second.Launch({option}) : second.LaunchDetached({option}));
-    QCOMPARE(second.WaitForExit(), 2);
-    QCOMPARE(second.WaitForRecord("Can't register service").priority, QStringLiteral("err"));
-    QVERIFY(first.WaitUntilServing());
-    QCOMPARE(first.Stop(), 0);
-}
-
-void LifecycleTest::EndsOnTermination_data()
-{
-    QTest::addColumn<QString>("fault");
-    QTest::newRow("while serving") << "";
-    QTest::newRow("while starting") << "terminate";
-}
-
-void LifecycleTest::EndsOnTermination()
-{
-    QFETCH(QString, fault);
-    DaemonFixture daemon;
-    if (fault.isEmpty()) {
-        QVERIFY(daemon.Start());
-        daemon.Signal(SIGTERM);
-    } else {
+    void FailsToStart()
+    {
+        const auto [fault, option, status, text] = FetchRow<QString, QString, int, QString>();
+        DaemonFixture daemon;
         daemon.InjectFault(fault);
-        QVERIFY(daemon.Launch({kForeground}));
+        QVERIFY(daemon.Launch({option}));
+        QCOMPARE(daemon.WaitForExit(), status);
+        const kxtest::LogRecord record = daemon.WaitForRecord(text);
+        QCOMPARE(record.text, text);
+        QCOMPARE(record.priority + ' ' + record.file + ' ' + record.function, QString("err main main"));
+        QVERIFY(record.line > 0);
     }
-    QCOMPARE(daemon.WaitForExit(), 0);
-}
 
-void LifecycleTest::OutlivesOtherSignals()
-{
-    DaemonFixture daemon;
-    QVERIFY(daemon.Start());
-    for (const int signo : {SIGINT, SIGHUP, SIGALRM, SIGCHLD, SIGUSR1, SIGUSR2, SIGPIPE, SIGIO, SIGSYS,
-                            SIGPWR, SIGRTMIN + 2, SIGRTMAX}) {
-        daemon.Signal(signo);
-        QVERIFY2(daemon.WaitUntilServing(), qPrintable(QString::number(signo)));
+    void ServesInForeground()
+    {
+        DaemonFixture daemon;
+        QVERIFY(daemon.Start({kForeground, "--help"})); // the second option is not looked at
+        QVERIFY(daemon.Output().isEmpty());
+        QCOMPARE(daemon.Stop(), 0);
+        QVERIFY(!DaemonFixture::IsNameOwned());
     }
-    QCOMPARE(daemon.Stop(), 0);
-}
+
+    void Detaches()
+    {
+        DaemonFixture daemon;
+        QVERIFY(daemon.LaunchDetached({"--unknown"}));
+        QVERIFY(daemon.WaitUntilServing());
+        QCOMPARE(TargetOf(daemon.Pid(), "cwd"), QStringLiteral("/"));
+        for (const char* stream : {"fd/0", "fd/1", "fd/2"}) {
+            QCOMPARE(TargetOf(daemon.Pid(), stream), QStringLiteral("/dev/null"));
+        }
+        QCOMPARE(getsid(daemon.Pid()), daemon.Pid());
+        QCOMPARE(daemon.Stop(), 0);
+    }
+
+    void LeavesTheNameToTheFirstInstance()
+    {
+        DaemonFixture first;
+        QVERIFY(first.Start());
+        // In the foreground and detached, where the status is that of the process that has let go.
+        for (const auto& [option, status] : {qMakePair(kForeground, 2), qMakePair(QString("--any"), 0)}) {
+            DaemonFixture second;
+            QVERIFY(second.Launch({option}));
+            QCOMPARE(second.WaitForExit(), status);
+            QCOMPARE(second.WaitForRecord("Can't register service").priority, QStringLiteral("err"));
+            QVERIFY(first.WaitUntilServing());
+        }
+        QCOMPARE(first.Stop(), 0);
+    }
+
+    void EndsOnTerminationWhileItStarts()
+    {
+        DaemonFixture daemon;
+        daemon.InjectFault("terminate");
+        QVERIFY(daemon.Launch({kForeground}));
+        QCOMPARE(daemon.WaitForExit(), 0);
+    }
+
+    void OutlivesOtherSignals()
+    {
+        DaemonFixture daemon;
+        QVERIFY(daemon.Start());
+        for (const int signo : {SIGINT, SIGHUP, SIGALRM, SIGCHLD, SIGUSR1, SIGUSR2, SIGPIPE, SIGIO, SIGSYS,
+                                SIGPWR, SIGRTMIN + 2, SIGRTMAX}) {
+            daemon.Signal(signo);
+            QVERIFY2(daemon.WaitUntilServing(), qPrintable(QString::number(signo)));
+        }
+        QCOMPARE(daemon.Stop(), 0);
+    }
+
+    void NothingIsOpenToOthersWhateverTheUmask()
+    {
+        const mode_t own = umask(0);
+        DaemonFixture daemon;
+        QVERIFY(daemon.Start());
+        umask(own);
+        for (const char* command :
+             {"kernel set 2", "usb --mode serial --full-speed --hub-id hub", "poweroff"}) {
+            QCOMPARE(kxtest::RunKxctl(QStringList("system") + QString(command).split(' ')).status, 0);
+        }
+        for (const char* path : {"/etc/platform/settings/L2KernelsVersion", "/etc/platform/usb_gadget",
+                                 "/etc/platform/usb_gadget/serial", "/etc/platform/usbphy0",
+                                 "/etc/platform/sys/hubID", "/tmp/kxcore_poweroff"}) {
+            struct stat info = {};
+            QVERIFY2(stat(path, &info) == 0 && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0, path);
+        }
+        // What all are to write to is, all the same.
+        kxtest::InstallApplication("pay", 4002, 4002);
+        QCOMPARE(daemon.Enumerate().size(), 1);
+        QCOMPARE(OwnerAndMode("/var/run/www/html"), QString("0:0 777"));
+        QCOMPARE(daemon.Stop(), 0);
+    }
+};
 
 QTEST_GUILESS_MAIN(LifecycleTest)
 #include "LifecycleTest.moc"

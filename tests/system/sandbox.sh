@@ -7,26 +7,9 @@ set -uo pipefail
 self=$(readlink -f "${BASH_SOURCE[0]}")
 source_dir=$(dirname "$self")/../..
 sandbox=$source_dir/scripts/sandbox
-failures=0
 
-# check TEXT COMMAND...: counts a failure unless the command succeeds
-check() {
-    local text=$1 output
-    shift
-    if output=$("$@" 2>&1); then
-        echo "ok      $text"
-    else
-        echo "FAILED  $text: $* $output"
-        failures=$((failures + 1))
-    fi
-}
-
-# check_equal TEXT EXPECTED ACTUAL
-check_equal() {
-    check "$1" test "$2" = "$3"
-}
-
-not() { ! "$@"; }
+# shellcheck source=/dev/null
+source "$source_dir/tests/support/checks.sh"
 
 # eventually COMMAND...: waits until the command succeeds, five seconds at most
 eventually() {
@@ -113,7 +96,7 @@ inside() {
     machine_is_out_of_reach
     services_answer
     standins_record_and_answer
-    exit $((failures > 0))
+    finish
 }
 
 # --- outside -----------------------------------------------------------------------------------------------------
@@ -189,7 +172,7 @@ outside() {
     exec 9</dev/null
     OUTSIDE_VARIABLE=seen "$sandbox" --stage "$stage" --bind "$source_dir" -- \
         sh -c 'cd /proc/self/fd && echo * >/run/descriptors; exec "$@"' sh "$self" --inside || failures=$((failures + 1))
-    exit $((failures > 0))
+    finish
 }
 
 case ${1:-} in

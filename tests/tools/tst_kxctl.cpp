@@ -1,18 +1,13 @@
 #include "CommandRun.h"
+#include "DaemonFixture.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusReply>
-#include <QDir>
-#include <QFileInfo>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 
 #include <csignal>
 
 using kxtest::CommandRun;
-using kxtest::ContentOf;
 using kxtest::PlatformCalls;
 using kxtest::RunCommand;
 using kxtest::RunKxctl;
@@ -37,26 +32,16 @@ void InstallSamples()
     kxtest::InstallApplication("shop\033[31m", 4003, 4003);
 }
 
-void WriteFile(const QString& path, const QByteArray& content = QByteArray())
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(content) == content.size());
-}
-
 QJsonDocument Json(const QString& text)
 {
     return QJsonDocument::fromJson(text.toUtf8());
 }
 
 /// Runs kxctl with a terminal for standard input and output.
-CommandRun RunOnTerminal(const QString& command, const QByteArray& input)
+CommandRun RunOnTerminal(const QString& command, const QString& input = {})
 {
-    QProcess process;
-    process.start("script", {"-qec", command, "/dev/null"});
-    process.write(input);
-    const bool ended = process.waitForFinished(kxtest::Bound(kxtest::kPatience));
-    return {ended ? process.exitCode() : -1, QString::fromUtf8(process.readAllStandardOutput()), QString()};
+    return RunCommand("sh",
+                      {"-c", "printf '%s' \"$1\" | script -qec \"$2\" /dev/null", "sh", input, command});
 }
 
 } // namespace
@@ -76,55 +61,50 @@ private slots:
 
     void Answers_data()
     {
-        QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<int>("status");
-        QTest::addColumn<QString>("out");
-        QTest::addColumn<QString>("err");
-        const auto row = [](const QStringList& arguments, int status, const QString& out,
-                            const QString& err) {
-            QTest::newRow(qPrintable("kxctl " + arguments.join(' '))) << arguments << status << out << err;
+        const Table<QStringList, int, QString, QString> table;
+        const auto row = [&](const QStringList& arguments, int status, const QString& out,
+                             const QString& err = "") {
+            table("kxctl " + arguments.join(' ').toUtf8(), arguments, status, out, err);
         };
         row({"apps"}, 0,
             "NAME +USER +UID/GID +SERVED BY +BOOT PROGRAM +BOOT PAGE\n"
             "pay +pay +4002/4002 +CGI +/home/pay/bin/idle 100 +/home/pay/html/index.html\n"
-            R"(shop\\u001b\[31m +shop +4003/4003 +FastCGI +- +-\n)",
-            "");
-        row({"apps", "--names"}, 0, "pay\nshop\\\\u001b\\[31m\n", "");
+            R"(shop\\u001b\[31m +shop +4003/4003 +FastCGI +- +-\n)");
+        row({"apps", "--names"}, 0, "pay\nshop\\\\u001b\\[31m\n");
         row({"app", "pay"}, 0,
             "name +pay\nuser +pay \\(4002\\)\n.*boot program +/home/pay/bin/idle 100\n.*"
-            "Desktop:\n  POSITION  TITLE  FORM +ICON\n  2 +Pay +/html/pay/index.html  /html/pay/pay.svg\n",
-            "");
+            "Desktop:\n  POSITION  TITLE  FORM +ICON\n  2 +Pay +/html/pay/index.html  /html/pay/pay.svg\n");
         row({"app", "none"}, 1, "", "kxctl: no application 'none' is installed\n");
-        row({"start", "pay", "receipt", "a", "--json"}, 0, "pay: started receipt\n", "");
+        row({"start", "pay", "receipt", "a", "--json"}, 0, "pay: started receipt\n");
         row({"start", "pay", "none"}, 1, "",
             "kxctl: Binary file /home/pay/bin/none for app pay doesn't exist\n");
         row({"start", "--json", "none", "x"}, 1, "\\{\n *\"errorCode\": -1,\n *\"errorText\": .*\\}\n",
             "kxctl: Application none doesn't exist\n");
-        row({"start"}, 0, "all applications are being restarted\n", "");
-        row({"home"}, 0, "the default form is being shown\n", "");
-        row({"stop"}, 0, "all applications are stopped\n", "");
-        row({"time"}, 0, R"(local time +\d{4}-.*\nUTC +\d{4}-.*\nzone +UTC\nsource +not known\n)", "");
+        row({"start"}, 0, "all applications are being restarted\n");
+        row({"home"}, 0, "the default form is being shown\n");
+        row({"stop"}, 0, "all applications are stopped\n");
+        row({"time"}, 0, R"(local time +\d{4}-.*\nUTC +\d{4}-.*\nzone +UTC\nsource +not known\n)");
         row({"time", "set", "yesterday"}, 1, "",
             "kxctl: this is neither [^\n]+ \\(the daemon answered -1\\)\n");
         row({"time", "set", "2024-05-17 13:45:00"}, 1, "",
             "kxctl: the system clock could not be set \\(the daemon answered -2\\)\n");
-        row({"zone", "set", "Europe/Berlin"}, 0, "", "");
-        row({"zone"}, 0, "Europe/Berlin\n", "");
+        row({"zone", "set", "Europe/Berlin"}, 0, "");
+        row({"zone"}, 0, "Europe/Berlin\n");
         row({"zone", "set", "../../etc"}, 1, "", "kxctl: the zone '../../etc' was not set[^\n]+\n");
         row({"timeinfo", "", "UTC", "HUB"}, 1, "", "kxctl: time and zone were not set[^\n]+\n");
-        row({"timeinfo", "reset"}, 0, "", "");
-        row({"timeinfo", "", "UTC", "HUB", "--json"}, 0, "\\{\n    \"result\": 0\n\\}\n", "");
-        row({"time", "--json"}, 0, ".*\"source\": \"HUB\",\n.*\"zone\": \"(Etc/)?UTC\"\n\\}\n", "");
-        row({"var", "set", "MSG", "hello world"}, 0, "", "");
+        row({"timeinfo", "reset"}, 0, "");
+        row({"timeinfo", "", "UTC", "HUB", "--json"}, 0, "\\{\n    \"result\": 0\n\\}\n");
+        row({"time", "--json"}, 0, ".*\"source\": \"HUB\",\n.*\"zone\": \"(Etc/)?UTC\"\n\\}\n");
+        row({"var", "set", "MSG", "hello world"}, 0, "");
         row({"var", "set", "MSG", "a/b"}, 1, "", "kxctl: the variable was not stored: [^\n]+\n");
-        row({"audiopayd"}, 0, "off\n", "");
-        row({"audiopayd", "on"}, 0, "on\n", "");
-        row({"audiopayd", "--json"}, 0, "\\{\n    \"enabled\": true\n\\}\n", "");
-        row({"audiopayd", "off"}, 0, "off\n", "");
-        row({"system", "kernel"}, 0, "none runs\n", "");
-        row({"system", "kernel", "--json"}, 0, "\\{\n    \"return\": 0\n\\}\n", "");
+        row({"audiopayd"}, 0, "off\n");
+        row({"audiopayd", "on"}, 0, "on\n");
+        row({"audiopayd", "--json"}, 0, "\\{\n    \"enabled\": true\n\\}\n");
+        row({"audiopayd", "off"}, 0, "off\n");
+        row({"system", "kernel"}, 0, "none runs\n");
+        row({"system", "kernel", "--json"}, 0, "\\{\n    \"return\": 0\n\\}\n");
         row({"system", "battery"}, 1, "", "kxctl: the operation failed[^\n]* \\(the daemon answered -1\\)\n");
-        row({"system", "call", "103"}, 0, "return  0\n", "");
+        row({"system", "call", "103"}, 0, "return  0\n");
         row({"system", "call", "42", "--json"}, 1, "\\{\n    \"return\": -1\n\\}\n",
             "kxctl: the operation failed[^\n]* \\(the daemon answered -1\\)\n");
         row({"system", "log", ""}, 1, "", "kxctl: the operation failed[^\n]*\n");
@@ -134,10 +114,7 @@ private slots:
 
     void Answers()
     {
-        QFETCH(QStringList, arguments);
-        QFETCH(int, status);
-        QFETCH(QString, out);
-        QFETCH(QString, err);
+        const auto [arguments, status, out, err] = FetchRow<QStringList, int, QString, QString>();
         const CommandRun run = RunKxctl(arguments);
         KX_VERIFY_MATCH(run.err, err);
         KX_VERIFY_MATCH(run.out, out);
@@ -146,8 +123,8 @@ private slots:
 
     void PassesParametersToTheProgram()
     {
-        KX_TRY_COMPARE(ContentOf("/tmp/pay/receipt"), QByteArray("a --json\n"));
-        QVERIFY(ContentOf("/etc/rc.d/rc.platform.conf").contains("export MSG=\"hello world\"\n"));
+        KX_TRY_COMPARE(ReadFile("/tmp/pay/receipt"), QByteArray("a --json\n"));
+        QVERIFY(ReadFile("/etc/rc.d/rc.platform.conf").contains("export MSG=\"hello world\"\n"));
     }
 
     void JsonHasAllOfAnApplication()
@@ -167,10 +144,9 @@ private slots:
 
     void ReachesThePlatform_data()
     {
-        QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<QString>("call");
-        const auto row = [](const QStringList& arguments, const QString& call) {
-            QTest::newRow(qPrintable(arguments.join(' '))) << (QStringList("system") + arguments) << call;
+        const Table<QStringList, QString> table;
+        const auto row = [&](const QStringList& arguments, const QString& call) {
+            table(arguments.join(' ').toUtf8(), QStringList("system") + arguments, call);
         };
         row({"reboot"}, "reboot");
         row({"poweroff"}, "poweroff");
@@ -189,8 +165,7 @@ private slots:
 
     void ReachesThePlatform()
     {
-        QFETCH(QStringList, arguments);
-        QFETCH(QString, call);
+        const auto [arguments, call] = FetchRow<QStringList, QString>();
         QFile::remove("/run/standins/calls");
         const CommandRun run = RunKxctl(arguments);
         QCOMPARE(run.err, QString());
@@ -205,12 +180,12 @@ private slots:
         QCOMPARE(RunKxctl({"system", "usb", "--mode", "serial", "--full-speed", "--hub-id", "AB"}).status, 0);
         QCOMPARE(QDir(gadget).entryList(QDir::Files, QDir::Name),
                  QStringList({"serial", "usb_force_fullspeed"}));
-        QCOMPARE(ContentOf("/etc/platform/sys/hubID"), QByteArray("ab"));
+        QCOMPARE(ReadFile("/etc/platform/sys/hubID"), QByteArray("ab"));
         QCOMPARE(RunKxctl({"system", "usb", "--mode", "ethernet", "--default-ids", "--unit-serial"}).status,
                  0);
         QCOMPARE(QDir(gadget).entryList(QDir::Files, QDir::Name),
                  QStringList({"default_vid_pid", "usb_uid"}));
-        QCOMPARE(ContentOf("/etc/platform/sys/hubID"), QByteArray("ab"));
+        QCOMPARE(ReadFile("/etc/platform/sys/hubID"), QByteArray("ab"));
 
         QCOMPARE(QFile::symLinkTarget("/etc/lighttpd/lighttpd.conf"),
                  QString("/etc/lighttpd/lighttpd.conf.HTTPS"));
@@ -232,26 +207,21 @@ private slots:
 
     void MonitorShowsTheSignalsOfAllObjects_data()
     {
-        QTest::addColumn<QStringList>("options");
-        QTest::addColumn<QString>("lines");
+        const Table<QStringList, QString> row;
         const QString time = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})";
-        QTest::newRow("people") << QStringList()
-                                << time + "  /Tools  TimeInfoChanged  [^\n]+  Europe/Berlin  MANUAL\n" +
-                                       time + "  /Applications  OnTerminate  \\{\\}\n" + time +
-                                       "  /Applications  OnStarted  \\{\\}\n";
-        QTest::newRow("machines")
-            << QStringList("--json")
-            << QString(".*[^\n]+,'Europe/Berlin','MANUAL'\\],'object':'/"
-                       "Tools','signal':'TimeInfoChanged',[^\n]+\n"
-                       "\\{'arguments':\\[\\{\\}\\],'object':'/Applications','signal':'OnTerminate',[^\n]+\n"
-                       "\\{'arguments':\\[\\{\\}\\],'object':'/Applications','signal':'OnStarted',[^\n]+\n")
-                   .replace('\'', '"');
+        row("people", {},
+            time + "  /Tools  TimeInfoChanged  [^\n]+  Europe/Berlin  MANUAL\n" + time +
+                "  /Applications  OnTerminate  \\{\\}\n" + time + "  /Applications  OnStarted  \\{\\}\n");
+        const QString json = R"(\{"arguments":\[%1\],"object":"/%2","signal":"%3",[^\n]+\n)";
+        row("machines", {"--json"},
+            json.arg(R"([^\n]+,"Europe/Berlin","MANUAL")", "Tools", "TimeInfoChanged") +
+                json.arg(R"(\{\})", "Applications", "OnTerminate") +
+                json.arg(R"(\{\})", "Applications", "OnStarted"));
     }
 
     void MonitorShowsTheSignalsOfAllObjects()
     {
-        QFETCH(QStringList, options);
-        QFETCH(QString, lines);
+        const auto [options, lines] = FetchRow<QStringList, QString>();
         RunKxctl({"zone", "set", ""});
         QProcess monitor;
         monitor.start("kxctl", QStringList("monitor") + options);
@@ -274,9 +244,9 @@ private slots:
     {
         const QString bold = "\033[1mNAME";
         QVERIFY(!RunKxctl({"apps"}).out.contains('\033'));
-        QVERIFY(RunOnTerminal("TERM=xterm kxctl apps", {}).out.contains(bold));
-        QVERIFY(!RunOnTerminal("TERM=xterm NO_COLOR=1 kxctl apps", {}).out.contains('\033'));
-        QVERIFY(!RunOnTerminal("TERM=dumb kxctl apps", {}).out.contains('\033'));
+        QVERIFY(RunOnTerminal("TERM=xterm kxctl apps").out.contains(bold));
+        QVERIFY(!RunOnTerminal("TERM=xterm NO_COLOR=1 kxctl apps").out.contains('\033'));
+        QVERIFY(!RunOnTerminal("TERM=dumb kxctl apps").out.contains('\033'));
     }
 
     void TellsWhenThePolicyForbids()
@@ -287,7 +257,7 @@ private slots:
             "</busconfig>");
         const QDBusReply<void> reloaded = QDBusConnection::systemBus().interface()->call("ReloadConfig");
         QVERIFY2(reloaded.isValid(), qPrintable(reloaded.error().message()));
-        const CommandRun run = RunCommand("setpriv", {"--reuid", "guest", "--clear-groups", "kxctl", "apps"});
+        const CommandRun run = kxtest::RunAs("guest", {"kxctl", "apps"});
         // A counting program complains below that its counts cannot be written.
         KX_VERIFY_MATCH(run.err.section('\n', 0, 0),
                         QString("kxctl: the system bus does not let this account ask for that[^\n]+"));
@@ -306,7 +276,7 @@ private slots:
         m_daemon.Signal(SIGSTOP);
         const CommandRun run = RunKxctl({"apps", "--timeout", "1"});
         m_daemon.Signal(SIGCONT);
-        KX_VERIFY_MATCH(run.err, QString("kxctl: the daemon did not answer[^\n]+\n"));
+        KX_VERIFY_MATCH(run.err, "kxctl: the daemon did not answer[^\n]+\n");
         QCOMPARE(run.status, 3);
     }
 
@@ -315,11 +285,10 @@ private slots:
     {
         QFile::remove("/run/standins/calls");
         const CommandRun no = RunOnTerminal("kxctl restart", "n\n");
-        KX_VERIFY_MATCH(no.out,
-                        QString(".*restart the terminal\\? \\[y/N\\] .*kxctl:.* nothing was done\r\n"));
+        KX_VERIFY_MATCH(no.out, ".*restart the terminal\\? \\[y/N\\] .*kxctl:.* nothing was done\r\n");
         QCOMPARE(no.status, 1);
         const CommandRun yes = RunOnTerminal("kxctl restart", "y\n");
-        KX_VERIFY_MATCH(yes.out, QString(".*the terminal is being restarted\r\n"));
+        KX_VERIFY_MATCH(yes.out, ".*the terminal is being restarted\r\n");
         QCOMPARE(yes.status, 0);
         KX_TRY_VERIFY(PlatformCalls().contains("reboot"));
         QCOMPARE(PlatformCalls().count("reboot"), 1);

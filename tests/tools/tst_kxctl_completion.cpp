@@ -1,6 +1,5 @@
 #include "CommandRun.h"
-
-#include <QDir>
+#include "DaemonFixture.h"
 
 using kxtest::CommandRun;
 using kxtest::RunCommand;
@@ -19,16 +18,13 @@ private slots:
                                    {kxtest::Script("bin/receipt", ""), kxtest::Script("bin/refund", "")});
         kxtest::InstallApplication("shop", 4003, 4003);
         QVERIFY(m_daemon.Start());
-        QVERIFY(QDir("/tmp").mkdir("application"));
+        MakeDirectory("/tmp/application");
     }
 
     void Completes_data()
     {
-        QTest::addColumn<QString>("words");
-        QTest::addColumn<QString>("expected");
-        const auto row = [](const char* words, const char* expected) {
-            QTest::newRow(words) << words << expected;
-        };
+        const Table<QString, QString> table;
+        const auto row = [&](const char* words, const char* expected) { table(words, words, expected); };
         row("a", "app apps audiopayd");
         row("sy", "system");
         row("system k", "kernel keypad");
@@ -53,8 +49,7 @@ private slots:
 
     void Completes()
     {
-        QFETCH(QString, words);
-        QFETCH(QString, expected);
+        const auto [words, expected] = FetchRow<QString, QString>();
         const QString script = "source /usr/share/bash-completion/completions/kxctl\n"
                                "IFS=' ' read -r -a COMP_WORDS <<<\"kxctl $1\"\n"
                                "[[ $1 != *' ' ]] || COMP_WORDS+=('')\n"

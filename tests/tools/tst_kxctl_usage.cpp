@@ -1,65 +1,51 @@
 #include "CommandRun.h"
+#include "Files.h"
+#include "PrivateRoot.h"
+#include "Table.h"
 
 using kxtest::CommandRun;
-using kxtest::ContentOf;
 using kxtest::RunCommand;
 using kxtest::RunKxctl;
-
-namespace {
-
-constexpr auto kNotRunning = "kxctl: the daemon is not running\n";
-
-} // namespace
 
 /// What needs no daemon, or is about there being none.
 class KxctlUsageTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void WithoutDaemon_data()
-    {
-        QTest::addColumn<QStringList>("arguments");
-        const QList<QStringList> commands{
-            {"apps"},
-            {"app", "pay"},
-            {"start"},
-            {"start", "pay", "receipt"},
-            {"home"},
-            {"stop"},
-            {"restart", "--yes"},
-            {"monitor"},
-            {"time", "set", "2024-05-17"},
-            {"zone", "set", "UTC"},
-            {"timeinfo", "", "UTC", "HOST"},
-            {"timeinfo", "reset"},
-            {"var", "set", "A", "b"},
-            {"audiopayd"},
-            {"audiopayd", "on"},
-            {"system", "reboot"},
-            {"system", "poweroff"},
-            {"system", "hwtest"},
-            {"system", "console", "enable"},
-            {"system", "log", "text"},
-            {"system", "web"},
-            {"system", "usb", "--mode", "serial"},
-            {"system", "kernel"},
-            {"system", "kernel", "set", "1"},
-            {"system", "battery"},
-            {"system", "keypad"},
-            {"system", "call", "99", "text=x", "--json"},
-        };
-        for (const QStringList& command : commands) {
-            QTest::newRow(qPrintable(command.join(' '))) << command;
-        }
-    }
-
     void WithoutDaemon()
     {
-        QFETCH(QStringList, arguments);
-        const CommandRun run = RunKxctl(arguments);
-        QCOMPARE(run.err, QString(kNotRunning));
-        QCOMPARE(run.status, 3);
-        QCOMPARE(run.out, QString());
+        for (const QString command : {"apps",
+                                      "app pay",
+                                      "start",
+                                      "start pay receipt",
+                                      "home",
+                                      "stop",
+                                      "restart --yes",
+                                      "monitor",
+                                      "time set 2024-05-17",
+                                      "zone set UTC",
+                                      "timeinfo  UTC HOST",
+                                      "timeinfo reset",
+                                      "var set A b",
+                                      "audiopayd",
+                                      "audiopayd on",
+                                      "system reboot",
+                                      "system poweroff",
+                                      "system hwtest",
+                                      "system console enable",
+                                      "system log text",
+                                      "system web",
+                                      "system usb --mode serial",
+                                      "system kernel",
+                                      "system kernel set 1",
+                                      "system battery",
+                                      "system keypad",
+                                      "system call 99 text=x --json"}) {
+            const CommandRun run = RunKxctl(command.split(' '));
+            QCOMPARE(command + ": " + run.err, command + ": kxctl: the daemon is not running\n");
+            QCOMPARE(run.status, 3);
+            QCOMPARE(run.out, QString());
+        }
     }
 
     void WithoutBus()
@@ -67,16 +53,15 @@ private slots:
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/none");
         const CommandRun run = RunCommand("kxctl", {"apps"}, environment);
-        KX_VERIFY_MATCH(run.err, QString("kxctl: cannot reach the system bus: [^\n]+\n"));
+        KX_VERIFY_MATCH(run.err, "kxctl: cannot reach the system bus: [^\n]+\n");
         QCOMPARE(run.status, 3);
     }
 
     void Misuse_data()
     {
-        QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<QString>("reason");
-        const auto row = [](const QStringList& arguments, const QString& reason) {
-            QTest::newRow(qPrintable("kxctl " + arguments.join(' '))) << arguments << reason;
+        const Table<QStringList, QString> table;
+        const auto row = [&](const QStringList& arguments, const QString& reason) {
+            table("kxctl " + arguments.join(' ').toUtf8(), arguments, reason);
         };
         row({}, "no verb given; see kxctl --help");
         row({"bogus"}, "unknown verb 'bogus'; see kxctl --help");
@@ -104,13 +89,14 @@ private slots:
             "system call: 'text' is neither KEY=TEXT nor KEY:=JSON; see kxctl system call --help");
         row({"system", "call", "99", "text:={"},
             "system call: 'text:={' holds no JSON value; see kxctl system call --help");
+        row({"check", "/tmp", "--name", "a/b"},
+            "check: 'a/b' is no name of an application; --name gives one; see kxctl check --help");
         row({"check", "/none"}, "check: '/none' is no directory; see kxctl check --help");
     }
 
     void Misuse()
     {
-        QFETCH(QStringList, arguments);
-        QFETCH(QString, reason);
+        const auto [arguments, reason] = FetchRow<QStringList, QString>();
         const CommandRun run = RunKxctl(arguments);
         QCOMPARE(run.err, "kxctl: " + reason + '\n');
         QCOMPARE(run.status, 2);
@@ -121,7 +107,7 @@ private slots:
     {
         const CommandRun overview = RunKxctl({"--help"});
         QCOMPARE(overview.status, 0);
-        const QString manual = ContentOf("/usr/share/man/man1/kxctl.1").replace("\\-", "-");
+        const QString manual = QString::fromUtf8(ReadFile("/usr/share/man/man1/kxctl.1")).replace("\\-", "-");
         QRegularExpression verb("^  ([a-z]+(?: [a-z]+)*)(?=  | [^a-z ])",
                                 QRegularExpression::MultilineOption);
         int count = 0;
@@ -133,8 +119,10 @@ private slots:
             QVERIFY2(kxtest::Matches(manual, ".*\n\\.[BR]+I? \"?" + name + "[\" \\n].*"), qPrintable(name));
         }
         QCOMPARE(count, 28);
+        // What follows the program is for the program.
+        QVERIFY(RunKxctl({"start", "--help"}).out.startsWith("Usage: kxctl start [OPTION]... [APP BINARY "));
     }
 };
 
-QTEST_GUILESS_MAIN(KxctlUsageTest)
+KX_TEST_MAIN(KxctlUsageTest)
 #include "tst_kxctl_usage.moc"

@@ -70,7 +70,8 @@ ExitStatus Check(const Request& request)
     const QString name =
         request.options.isSet("name") ? request.options.value("name") : path.section('/', -1);
     if (name.isEmpty() || name.contains('/')) {
-        throw Misused("check", "needs --name NAME");
+        throw Misused("check",
+                      QStringLiteral("'%1' is no name of an application; --name gives one").arg(name));
     }
     const Problems problems = check::CheckApplication(path, name);
     if (request.isJson) {

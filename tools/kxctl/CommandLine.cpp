@@ -114,7 +114,10 @@ void AddOptions(QCommandLineParser& parser, const std::vector<Option>& options)
 
 QString Synopsis(const Verb& verb)
 {
-    return QStringList{"kxctl", verb.name, verb.arguments, "[OPTION]..."}.join(' ').simplified();
+    const QString options = "[OPTION]...";
+    const QStringList words = verb.passesOptions ? QStringList{"kxctl", verb.name, options, verb.arguments}
+                                                 : QStringList{"kxctl", verb.name, verb.arguments, options};
+    return words.join(' ').simplified();
 }
 
 /// \return Qt's sentence as a part of ours

@@ -2,6 +2,7 @@
 
 #include "misc/Log.h"
 #include "misc/Utils.h"
+#include "server/dbus/ApplicationList.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -52,6 +53,9 @@ QList<QVariantMap> Server::Enumerate()
             list.append(config);
             m_applications.push_back(config);
             CreateSymlinksForLighttpd(config.m_homeDir, config.m_name);
+        }
+        for (const QString& name : LeaveOutTheLargest(list)) {
+            qError() << KX_PREFIX(kSource) << "Too much in app.conf, left out of the reply: " << name;
         }
     } catch (...) {
         qError() << KX_PREFIX(kSource) << "Unexpected exception";

@@ -12,6 +12,7 @@
 
 using com::veltrasys::common::qt::qError;
 using com::veltrasys::common::qt::qInfo;
+using core::configuration::ApplicationConfig;
 
 namespace core::applications {
 namespace {
@@ -67,9 +68,9 @@ void Server::Restart(const QString& /*when*/)
 
 void Server::OnRestartTimer()
 {
-    const QList<QVariantMap> applications = Enumerate();
-    for (const QVariantMap& application : applications) {
-        SendStopToApp(application.value(QStringLiteral("name")).toString());
+    Enumerate(); // its answer may lack the largest
+    for (const ApplicationConfig& application : m_applications) {
+        SendStopToApp(application.m_name);
     }
     Misc::Pause(kStopGracePeriod);
     Terminate();

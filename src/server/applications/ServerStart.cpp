@@ -30,12 +30,12 @@ struct Binary {
 
 QString FindBinary(const ApplicationConfig& config, const QString& name, Binary& binary)
 {
-    binary.directory = QFileInfo(config.m_homeDir + QStringLiteral("/bin")).canonicalFilePath();
+    binary.directory = FileSystem::CanonicalPath(config.m_homeDir + QStringLiteral("/bin"));
     if (binary.directory.isEmpty()) {
         return QStringLiteral("Binary directory %1/bin doesn't exist").arg(config.m_homeDir);
     }
     binary.file.setFile(binary.directory + QLatin1Char('/') + name);
-    binary.path = binary.file.canonicalFilePath();
+    binary.path = FileSystem::CanonicalPath(binary.file.filePath());
     if (binary.path.isEmpty()) {
         return QStringLiteral("Binary file %1 for app %2 doesn't exist")
             .arg(binary.file.filePath(), config.m_name);

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <utmp.h>
 
+#include <cstddef>
 #include <cstring>
 #include <ctime>
 
@@ -21,6 +22,15 @@ namespace {
 
 constexpr auto kSource = "/pkgs/kx-core/src/server/dbus/DbusMonitor";
 constexpr auto kAccountingFile = "/tmp/wtmp";
+
+/// Puts the time where the C library and readers of the file expect it: behind the session and as wide as
+/// that. With 64 bits of time on a 32-bit machine, ut_tv of the header's structure lies elsewhere.
+void SetTime(struct utmp& record, std::time_t now)
+{
+    const auto seconds = static_cast<decltype(record.ut_session)>(now);
+    std::memcpy(reinterpret_cast<char*>(&record) + offsetof(struct utmp, ut_session) + sizeof(seconds),
+                &seconds, sizeof(seconds));
+}
 
 } // namespace
 
@@ -59,8 +69,7 @@ void DBusMonitor::SavePoweroffRecord()
     std::memcpy(record.ut_line, "~~", 2);
     std::memcpy(record.ut_id, "~~", 2);
     std::strncpy(record.ut_user, "poweroff", sizeof(record.ut_user));
-    // Where the file has 32 bits for the time, it gets the lower ones.
-    record.ut_tv.tv_sec = static_cast<decltype(record.ut_tv.tv_sec)>(std::time(nullptr));
+    SetTime(record, std::time(nullptr));
 
     // updwtmp appends to a file that exists; the volatile file system starts without one. An application may
     // have put a link or a FIFO there, so the record goes to what has been opened and examined.

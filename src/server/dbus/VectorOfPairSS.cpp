@@ -22,7 +22,6 @@ QDBusArgument& operator<<(QDBusArgument& argument, const QVectorOfPairSS& pairs)
 
 const QDBusArgument& operator>>(const QDBusArgument& argument, QVectorOfPairSS& pairs)
 {
-    pairs.clear();
     argument.beginMap();
     while (!argument.atEnd()) {
         QPair<QString, QString> pair;

@@ -18,5 +18,5 @@ void RegisterVectorOfPairSS();
 /// Writes one map entry per pair, in vector order.
 QDBusArgument& operator<<(QDBusArgument& argument, const QVectorOfPairSS& pairs);
 
-/// Reads one pair per map entry, in the order received; what \a pairs held before is dropped.
+/// Reads one pair per map entry, in the order received, and appends them to \a pairs.
 const QDBusArgument& operator>>(const QDBusArgument& argument, QVectorOfPairSS& pairs);

@@ -22,6 +22,7 @@ namespace core::system {
 namespace {
 
 constexpr auto kSource = "/pkgs/kx-core/src/server/system/Server";
+constexpr auto kConfigure = "DoConfigureUSBGadget";
 
 constexpr auto kGadgetDirectory = "/etc/platform/usb_gadget";
 constexpr auto kHostDirectory = "/etc/platform/usbphy0";
@@ -145,27 +146,26 @@ std::string UnloadCommand(const char* module)
 int Server::DoConfigureUSBGadget(const QVariantMap& args)
 {
     int result = 1;
-    Attempt(__func__, [&] {
-        constexpr auto kFunction = "DoConfigureUSBGadget";
-        qInfo() << KX_PREFIX_AS(kSource, kFunction) << "USB configuration started";
+    Attempt(kConfigure, [&] {
+        qInfo() << KX_PREFIX_AS(kSource, kConfigure) << "USB configuration started";
         const bool hubIdGiven = ApplyUsbSettings(args);
         const bool restartApplications = !hubIdGiven && !IsTrue(args, "lteConnected");
         if (restartApplications) {
-            qInfo() << KX_PREFIX_AS(kSource, kFunction) << "stopping apps server";
+            qInfo() << KX_PREFIX_AS(kSource, kConfigure) << "stopping apps server";
             m_appsServer.Terminate();
         }
-        qInfo() << KX_PREFIX_AS(kSource, kFunction) << "beginning reload process of USB modules";
+        qInfo() << KX_PREFIX_AS(kSource, kConfigure) << "beginning reload process of USB modules";
         const int rc = reloadGadgetUsbModules(IsSerial(args));
-        qInfo() << KX_PREFIX_AS(kSource, kFunction) << "USB modules reloaded, continuing";
+        qInfo() << KX_PREFIX_AS(kSource, kConfigure) << "USB modules reloaded, continuing";
         if (restartApplications) {
-            qInfo() << KX_PREFIX_AS(kSource, kFunction) << "starting apps server";
+            qInfo() << KX_PREFIX_AS(kSource, kConfigure) << "starting apps server";
             m_appsServer.StartApplication();
         }
         if (rc != 0) {
-            qError() << KX_PREFIX_AS(kSource, kFunction) << "Couldn't reload usb gadget's modules " << rc;
+            qError() << KX_PREFIX_AS(kSource, kConfigure) << "Couldn't reload usb gadget's modules " << rc;
             return;
         }
-        qInfo() << KX_PREFIX_AS(kSource, kFunction) << "USB configuration completed successfully";
+        qInfo() << KX_PREFIX_AS(kSource, kConfigure) << "USB configuration completed successfully";
         result = 0;
     });
     return result;
@@ -177,8 +177,7 @@ bool Server::ApplyUsbSettings(const QVariantMap& args)
     const QString hubId = LowerCased(args, "hubid");
     const bool hubIdGiven = args.contains(QStringLiteral("hubid")) && hubId != QLatin1String("unchanged");
 
-    qInfo() << KX_PREFIX_AS(kSource, "DoConfigureUSBGadget")
-            << "creating USB config related files and directories";
+    qInfo() << KX_PREFIX_AS(kSource, kConfigure) << "creating USB config related files and directories";
     CreateDirectory(kGadgetDirectory);
     CreateDirectory(kHostDirectory);
     if (hubIdGiven) {

@@ -2,6 +2,7 @@
 
 #include "misc/Log.h"
 #include "misc/Utils.h"
+#include "server/tools/Attempt.h"
 
 #include <Registry.h>
 
@@ -133,23 +134,6 @@ bool WriteTimeOffset()
     return file.write(text) == text.size();
 }
 
-struct Free {
-    void operator()(char* memory) const { std::free(memory); }
-};
-
-/// \return the file that the zone's name leads to, links followed; empty when there is none. QFileInfo would
-///         hand out an unresolved path when the name is too long or its links go in circles.
-QString ZoneFile(const QString& timeZone)
-{
-    // File names end at a NUL, so that what follows one would escape all checks.
-    if (timeZone.contains(QChar::Null)) {
-        return {};
-    }
-    const QByteArray path = kZoneRoot + QFile::encodeName(timeZone);
-    const std::unique_ptr<char, Free> canonical(realpath(path.constData(), nullptr));
-    return QFile::decodeName(canonical.get());
-}
-
 bool HasZoneLink()
 {
     const QFileInfo link(QString::fromLatin1(kLocalTime));
@@ -171,7 +155,7 @@ ZoneChange PointZoneLinkTo(const QString& timeZone)
 {
     constexpr auto kFunction = "SetTimeZone";
     QFile link(QString::fromLatin1(kLocalTime));
-    const QString target = ZoneFile(timeZone);
+    const QString target = FileSystem::CanonicalPath(QLatin1String(kZoneRoot) + timeZone);
     if (!target.startsWith(QLatin1String(kZoneRoot))) {
         qError() << KX_PREFIX_AS(kSource, kFunction) << "Time zone file" << Misc::Excerpt(timeZone)
                  << "is not located in" << kZoneRoot;
@@ -227,7 +211,8 @@ QString Server::GetTimeZone()
 
 int Server::SetSystemTime(const QString& str)
 {
-    return SetSystemTime(str, QString::fromLatin1(kManual));
+    return Attempt("SetSystemTime", BadTime,
+                   [&] { return SetSystemTime(str, QString::fromLatin1(kManual)); });
 }
 
 int Server::SetSystemTime(const QString& str, const QString& infoSource)
@@ -247,21 +232,25 @@ int Server::SetSystemTime(const QString& str, const QString& infoSource)
         return OffsetNotWritten;
     }
     if (!infoSource.isEmpty()) {
-        RecordSource(GetTimeZone(), infoSource);
+        RecordSource(infoSource);
+        emit TimeInfoChanged(GetUTCTime(), GetTimeZone(), infoSource);
     }
     return Success;
 }
 
 int Server::SetTimeZone(const QString& timeZone)
 {
-    return SetTimeZone(timeZone, QString::fromLatin1(kManual));
+    return Attempt("SetTimeZone", 1, [&] { return SetTimeZone(timeZone, QString::fromLatin1(kManual)); });
 }
 
 int Server::SetTimeZone(const QString& timeZone, const QString& infoSource)
 {
     const ZoneChange change = timeZone.isEmpty() ? RemoveZoneLink() : PointZoneLinkTo(timeZone);
+    // Log records carry local time, for which the C library would go by the zone that it has read already.
+    tzset();
     if (change == ZoneChange::Done && !infoSource.isEmpty()) {
-        RecordSource(timeZone, infoSource);
+        RecordSource(infoSource);
+        emit TimeInfoChanged(GetUTCTime(), timeZone, infoSource);
     }
     return change == ZoneChange::Failed ? 1 : 0;
 }
@@ -270,25 +259,34 @@ int Server::SetTimeInfo(const QString& utcTime, const QString& timeZone, const Q
 {
     const bool isReset = timeZone.isEmpty() && infoSource.isEmpty();
     const QString source = isReset ? QString::fromLatin1(kUnknown) : infoSource;
-    if (!MaySetTimeInfo(source)) {
-        return 1;
-    }
+    return Attempt("SetTimeInfo", 1, [&] {
+        if (!MaySetTimeInfo(source) || !ApplyTimeInfo(utcTime, timeZone)) {
+            return 1;
+        }
+        RecordSource(source);
+        emit TimeInfoChanged(GetUTCTime(), timeZone, source);
+        return 0;
+    });
+}
+
+bool Server::ApplyTimeInfo(const QString& utcTime, const QString& timeZone)
+{
+    constexpr auto kFunction = "SetTimeInfo";
     if (!utcTime.isEmpty()) {
         // Without a zone local time is UTC.
         SetTimeZone(QString(), QString());
         if (SetSystemTime(utcTime, QString()) != Success) {
-            qError() << KX_PREFIX(kSource)
+            qError() << KX_PREFIX_AS(kSource, kFunction)
                      << QStringLiteral("Unable to set utcTime '%1'").arg(Misc::Excerpt(utcTime));
-            return 1;
+            return false;
         }
     }
     if (SetTimeZone(timeZone, QString()) != 0) {
-        qError() << KX_PREFIX(kSource)
+        qError() << KX_PREFIX_AS(kSource, kFunction)
                  << QStringLiteral("Unable to set timeZone '%1'").arg(Misc::Excerpt(timeZone));
-        return 1;
+        return false;
     }
-    RecordSource(timeZone, source);
-    return 0;
+    return true;
 }
 
 bool Server::MaySetTimeInfo(const QString& source)
@@ -312,14 +310,15 @@ bool Server::MaySetTimeInfo(const QString& source)
 
 int Server::ResetTimeInfoSource()
 {
-    m_registry->setValue(QString::fromLatin1(kSourceKey), QString::fromLatin1(kUnknown));
-    return 0;
+    return Attempt("ResetTimeInfoSource", -1, [&] {
+        RecordSource(QString::fromLatin1(kUnknown));
+        return 0;
+    });
 }
 
-void Server::RecordSource(const QString& timeZone, const QString& infoSource)
+void Server::RecordSource(const QString& infoSource)
 {
     m_registry->setValue(QString::fromLatin1(kSourceKey), infoSource);
-    emit TimeInfoChanged(GetUTCTime(), timeZone, infoSource);
 }
 
 } // namespace core::tools

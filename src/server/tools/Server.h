@@ -106,8 +106,10 @@ private:
     /// Checks the source against the four that exist and the one that has set the time before.
     bool MaySetTimeInfo(const QString& source);
 
-    /// Stores the source and announces what the time information is now.
-    void RecordSource(const QString& timeZone, const QString& infoSource);
+    /// Sets clock, if a time is given, and zone. Failures are logged.
+    bool ApplyTimeInfo(const QString& utcTime, const QString& timeZone);
+
+    void RecordSource(const QString& infoSource);
 
     std::shared_ptr<com::veltrasys::Registry> m_registry;
 };

@@ -1,6 +1,7 @@
 #include "server/tools/Server.h"
 
 #include "misc/Log.h"
+#include "server/tools/Attempt.h"
 
 #include <QByteArrayList>
 #include <QFile>
@@ -122,9 +123,7 @@ bool Rewrite(QFile& file, QByteArrayList lines, int position, const QByteArray& 
     return file.seek(0) && Write(file, lines.join());
 }
 
-} // namespace
-
-int Server::SaveVariableValue(const QString& variable_name, const QString& variable_value)
+int Save(const QString& variable_name, const QString& variable_value)
 {
     if (!IsValidValue(variable_value)) {
         return -1;
@@ -141,6 +140,13 @@ int Server::SaveVariableValue(const QString& variable_name, const QString& varia
                              ? Rewrite(file, lines, static_cast<int>(found - lines.begin()), line)
                              : Write(file, line);
     return written ? 0 : -1;
+}
+
+} // namespace
+
+int Server::SaveVariableValue(const QString& variable_name, const QString& variable_value)
+{
+    return Attempt("SaveVariableValue", -1, [&] { return Save(variable_name, variable_value); });
 }
 
 void Server::EnableAudiopayd(bool enable)

@@ -4,8 +4,6 @@
 #include "Fixture.h"
 #include "TestBus.h"
 
-#include <QFileInfo>
-
 namespace {
 
 constexpr auto kFile = "/tmp/once.html";
@@ -55,16 +53,15 @@ private slots:
 
     void FileIsRemovedWhenPageHasLoaded_data()
     {
-        Columns<bool, bool>("pending", "success");
-        Row("loaded", false, true);
-        Row("failed", false, false);
-        Row("loaded, asked for while away", true, true);
+        const Table<bool, bool> row;
+        row("loaded", false, true);
+        row("failed", false, false);
+        row("loaded, asked for while away", true, true);
     }
 
     void FileIsRemovedWhenPageHasLoaded()
     {
-        QFETCH(bool, pending);
-        QFETCH(bool, success);
+        const auto [pending, success] = FetchRow<bool, bool>();
         FakeBrowser fake;
         QVERIFY(pending || fake.Appear());
         Browser browser;

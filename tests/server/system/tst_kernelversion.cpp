@@ -1,106 +1,84 @@
-#include "Terminal.h"
+#include "SystemFixture.h"
 
 namespace {
 
 const QString kSetting = "/etc/platform/settings/L2KernelsVersion";
+const QStringList kQueries{"pidof sredd", "pidof sredd2", "pidof sredd3"};
 
 Files Running(const char* daemon)
 {
     return {{Answer("pidof.d/") + daemon + ".status", "0"}};
 }
 
-Case Refused(const QVariant& number)
-{
-    return {{{"number", number}},
-            {{kSetting, "1\n"}},
-            kFailure,
-            {},
-            {"3 DoSetL2KernelsVersion Invalid L2KernelsVersion: *"},
-            {{kSetting, "1\n"}}};
-}
-
 } // namespace
 
-class KernelVersionTest : public QObject {
+class KernelVersionTest : public SystemFixture {
     Q_OBJECT
 
 private slots:
-    void init() { m_terminal.Reset(); }
-    void Get_data();
-    void Get();
-    void Set_data();
-    void Set();
+    void Get_data()
+    {
+        const Table<Case> row;
+        row("first", {{}, Running("sredd"), {{"return", 1}}, kQueries.mid(0, 1)});
+        row("second", {{}, Running("sredd2"), {{"return", 2}}, kQueries.mid(0, 2)});
+        row("third", {{}, Running("sredd3"), {{"return", 3}}, kQueries});
+        row("none", {{}, {}, {{"return", 0}}, kQueries});
+    }
 
-private:
-    Terminal m_terminal;
+    void Get() { RunCase(103); }
+
+    void Set_data()
+    {
+        const Table<Case> row;
+        const auto set = [&](const char* name, const QVariant& number, const Files& running,
+                             const QStringList& calls) {
+            row(name, {{{"number", number}},
+                       running,
+                       kSuccess,
+                       calls,
+                       {},
+                       {{kSetting, number.toByteArray() + '\n'}}});
+        };
+        const QString restart = "34-sredd restart";
+        const QStringList restarted{"pidof sredd", restart};
+        set("same generation runs", "2", Running("sredd2"), kQueries.mid(0, 2));
+        set("another runs", "3", Running("sredd"), restarted);
+        set("text as given", "02", Running("sredd"), restarted);
+        set("none runs", 1, {}, kQueries + QStringList(restart));
+        row("restart fails", {{{"number", "3"}},
+                              With(Running("sredd"), {{Answer("34-sredd.status"), "1"}}),
+                              kFailure,
+                              restarted,
+                              {"3 DoSetL2KernelsVersion sredd restarting returns error: *"},
+                              {{kSetting, "3\n"}}});
+        row("cannot write",
+            {{{"number", "3"}},
+             {{kSetting + "/folder", ""}},
+             kFailure,
+             {},
+             {"3 DoSetL2KernelsVersion Write to /etc/platform/settings/L2KernelsVersion error: *"}});
+
+        const auto refused = [&](const QByteArray& name, const QVariant& number) {
+            row("refused: " + name, {{{"number", number}},
+                                     {{kSetting, "1\n"}},
+                                     kFailure,
+                                     {},
+                                     {"3 DoSetL2KernelsVersion Invalid L2KernelsVersion: *"},
+                                     {{kSetting, "1\n"}}});
+        };
+        for (const char* text :
+             {"", "0", "4", "-1", "abc", "2x", "1.0", "0x2", "2;reboot", "$(reboot)", "2 > /x", "\n2", "2\n",
+              " 2", "+2", "2147483648", "4294967298", "18446744073709551618"}) {
+            refused(text, QString(text));
+        }
+        refused("null in the text", QString::fromLatin1("2\0;reboot", 9));
+        refused("foreign digit", QString(QChar(0x0662)));
+        refused("foreign blank", QString(QChar(0x00A0)) + '2');
+        refused("no text", QVariantList{2});
+    }
+
+    void Set() { RunCase(102); }
 };
 
-void KernelVersionTest::Get_data()
-{
-    QTest::addColumn<Case>("testCase");
-
-    const QStringList queries{"pidof sredd", "pidof sredd2", "pidof sredd3"};
-    QTest::newRow("first") << Case{{}, Running("sredd"), {{"return", 1}}, queries.mid(0, 1), {}, {}};
-    QTest::newRow("second") << Case{{}, Running("sredd2"), {{"return", 2}}, queries.mid(0, 2), {}, {}};
-    QTest::newRow("third") << Case{{}, Running("sredd3"), {{"return", 3}}, queries, {}, {}};
-    QTest::newRow("none") << Case{{}, {}, {{"return", 0}}, queries, {}, {}};
-}
-
-void KernelVersionTest::Get()
-{
-    QFETCH(Case, testCase);
-    m_terminal.Run(103, testCase);
-}
-
-void KernelVersionTest::Set_data()
-{
-    QTest::addColumn<Case>("testCase");
-
-    const QStringList restarted{"pidof sredd", "34-sredd restart"};
-    QTest::newRow("same generation runs")
-        << Case{{{"number", "2"}},  Running("sredd2"), kSuccess, {"pidof sredd", "pidof sredd2"}, {},
-                {{kSetting, "2\n"}}};
-    QTest::newRow("another runs") << Case{{{"number", "3"}},  Running("sredd"), kSuccess, restarted, {},
-                                          {{kSetting, "3\n"}}};
-    QTest::newRow("text as given") << Case{{{"number", "02"}},  Running("sredd"), kSuccess, restarted, {},
-                                           {{kSetting, "02\n"}}};
-    QTest::newRow("none runs") << Case{{{"number", 1}},
-                                       {},
-                                       kSuccess,
-                                       {"pidof sredd", "pidof sredd2", "pidof sredd3", "34-sredd restart"},
-                                       {},
-                                       {{kSetting, "1\n"}}};
-    Files failing = Running("sredd");
-    failing[Answer("34-sredd.status")] = "1";
-    QTest::newRow("restart fails") << Case{{{"number", "3"}},
-                                           failing,
-                                           kFailure,
-                                           restarted,
-                                           {"3 DoSetL2KernelsVersion sredd restarting returns error: *"},
-                                           {{kSetting, "3\n"}}};
-    QTest::newRow("cannot write") << Case{
-        {{"number", "3"}},
-        {{kSetting + "/folder", ""}},
-        kFailure,
-        {},
-        {"3 DoSetL2KernelsVersion Write to /etc/platform/settings/L2KernelsVersion error: *"},
-        {}};
-
-    for (const char* text : {"", "0", "4", "-1", "abc", "2x", "1.0", "0x2", "2;reboot", "$(reboot)", "2 > /x",
-                             "\n2", "2\n", " 2", "+2", "2147483648", "4294967298", "18446744073709551618"}) {
-        QTest::addRow("refused '%s'", text) << Refused(QString(text));
-    }
-    QTest::newRow("refused: null in the text") << Refused(QString::fromLatin1("2\0;reboot", 9));
-    QTest::newRow("refused: foreign digit") << Refused(QString(QChar(0x0662)));
-    QTest::newRow("refused: foreign blank") << Refused(QString(QChar(0x00A0)) + '2');
-    QTest::newRow("refused: no text") << Refused(QVariantList{2});
-}
-
-void KernelVersionTest::Set()
-{
-    QFETCH(Case, testCase);
-    m_terminal.Run(102, testCase);
-}
-
-KX_SYSTEM_TEST_MAIN(KernelVersionTest)
+KX_TEST_MAIN(KernelVersionTest)
 #include "tst_kernelversion.moc"

@@ -1,32 +1,8 @@
 #include "ToolsFixture.h"
 
-#include "misc/Log.h"
-
 #include <unistd.h>
 
 #include <array>
-#include <cstdio>
-#include <cstdlib>
-
-void Write(const QString& path, const QByteArray& content)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size()) {
-        qFatal("cannot write %s", qPrintable(path));
-    }
-}
-
-QByteArray Read(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(missing)");
-}
-
-void Remove(const QString& path)
-{
-    std::remove(QFile::encodeName(path).constData());
-}
 
 QString LinkTarget(const QString& path)
 {
@@ -46,36 +22,34 @@ QStringList Errors(const QString& function)
     return texts;
 }
 
-bool IsAbout(const QString& utcTime, const QString& expected)
-{
-    constexpr int kSlack = 60;
-    const QString format = "yyyy-MM-dd HH:mm:ss";
-    const qint64 passed =
-        QDateTime::fromString(expected, format).secsTo(QDateTime::fromString(utcTime, format));
-    return utcTime.size() == format.size() && passed >= 0 && passed <= kSlack;
-}
-
-void ToolsFixture::initTestCase()
-{
-    const com::veltrasys::common::qt::LogInitializer handler;
-}
-
 void ToolsFixture::init()
 {
     constexpr long long kStart = 1700000000;
     for (const QString& path : {kLink, kOffset, kHardwareClock, kClockRecord}) {
-        Remove(path);
+        RemoveAll(path);
     }
     FakeClockSet(kStart);
     QVERIFY(m_registry.deleteKey(kKey));
     m_changed.clear();
-    TakeLog();
+    Fixture::init();
 }
 
-void RequirePrivateRoot()
+void ToolsFixture::ExpectAnnounced(const QString& utcTime, const QString& zone, const QString& source)
 {
-    if (access("/run/kx-private-root", F_OK) != 0) {
-        std::fputs("This test sets the clock and writes below /etc: run it with scripts/sandbox.\n", stderr);
-        std::exit(125);
-    }
+    constexpr int kSlack = 60;
+    const QString format = "yyyy-MM-dd HH:mm:ss";
+    QCOMPARE(TakeLogLines(), QStringList());
+    QCOMPARE(m_registry.getValue(kKey), QVariant(source));
+    QCOMPARE(m_changed.size(), 1);
+    QCOMPARE(m_changed[0].mid(1), QVariantList({zone, source}));
+    const QString announced = m_changed[0][0].toString();
+    const qint64 passed =
+        QDateTime::fromString(utcTime, format).secsTo(QDateTime::fromString(announced, format));
+    QVERIFY2(announced.size() == format.size() && passed >= 0 && passed <= kSlack, qPrintable(announced));
+}
+
+void ToolsFixture::ExpectNothingChanged()
+{
+    QCOMPARE(m_registry.getValue(kKey), QVariant());
+    QCOMPARE(m_changed.size(), 0);
 }

@@ -2,189 +2,122 @@
 
 #include <unistd.h>
 
-namespace {
-
-/// Makes the process an ordinary account's while it lives.
-class OrdinaryUser {
-public:
-    OrdinaryUser() : m_isChanged(seteuid(65534) == 0) {}
-    ~OrdinaryUser()
-    {
-        if (m_isChanged && seteuid(0) != 0) {
-            qFatal("cannot become root again");
-        }
-    }
-    OrdinaryUser(const OrdinaryUser&) = delete;
-    OrdinaryUser& operator=(const OrdinaryUser&) = delete;
-
-private:
-    bool m_isChanged;
-};
-
-} // namespace
+#include <ctime>
 
 class ZoneTest : public ToolsFixture {
     Q_OBJECT
 
 private slots:
-    void ZoneLinkIsSet_data();
-    void ZoneLinkIsSet();
-    void ZoneOutsideIsRefused_data();
-    void ZoneOutsideIsRefused();
-    void SameZoneChangesNothing();
-    void ZoneLinkThatCannotBeChangedIsReported();
-    void CurrentZoneIsReadFromTheLink_data();
-    void CurrentZoneIsReadFromTheLink();
+    void ZoneLinkIsSet_data()
+    {
+        const Table<QString, QString, QString> row; // "file", "" or the target of a link; zone; target after
+        row("none before", "", "Europe/Berlin", kBerlin);
+        row("another zone before", kBerlin, "Asia/Tokyo", "/usr/share/zoneinfo/Asia/Tokyo");
+        row("dangling link before", "/nowhere", "Europe/Berlin", kBerlin);
+        row("plain file before", "file", "Europe/Berlin", kBerlin);
+        row("alias", "", "UTC", "/usr/share/zoneinfo/Etc/UTC");
+        row("dots within", "", "Asia/../Europe/Berlin", kBerlin);
+        row("removed", kBerlin, "", "");
+        row("dangling link removed", "/nowhere", "", "");
+        row("nothing to remove", "", "", "");
+    }
+
+    void ZoneLinkIsSet()
+    {
+        const auto [before, zone, after] = FetchRow<QString, QString, QString>();
+        if (before == "file") {
+            WriteFile(kLink, "zone");
+        } else if (!before.isEmpty()) {
+            MakeLink(before, kLink);
+        }
+        QCOMPARE(m_server.SetTimeZone(zone), 0);
+        QCOMPARE(LinkTarget(kLink), after);
+        ExpectAnnounced("2023-11-14 22:13:20", zone, "MANUAL");
+    }
+
+    void ZoneOutsideIsRefused_data()
+    {
+        const Table<QString, QString> row; // the zone, and how it is quoted
+        for (const char* zone :
+             {"../../../etc/passwd", "Europe/../../../../etc", ".", "No/Such", "localtime"}) {
+            row(zone, zone, zone);
+        }
+        row("line end", "UTC\n", "UTC\\n");
+        row("NUL", QString::fromLatin1("UTC\0/../../../../etc/passwd", 26), {});
+        row("not ASCII", QString::fromUtf8("Köln"), QString::fromUtf8("Köln"));
+        const QString wayOut = "../../../etc/" + QString(300, 'a');
+        row("way out to a name too long", wayOut, wayOut);
+        row("too long to be logged whole", QString(1000000, 'a'), QString(65536, 'a'));
+    }
+
+    void ZoneOutsideIsRefused()
+    {
+        const auto [zone, quoted] = FetchRow<QString, QString>();
+        QCOMPARE(m_server.SetTimeZone(zone), 1);
+        const QStringList errors = Errors("SetTimeZone");
+        QCOMPARE(errors.size(), 1);
+        QVERIFY(errors[0].startsWith("Time zone file \"" + quoted + (quoted.isNull() ? "" : "\"")));
+        QVERIFY(errors[0].endsWith("\" is not located in /usr/share/zoneinfo/"));
+        QCOMPARE(LinkTarget(kLink), QString());
+        ExpectNothingChanged();
+    }
+
+    void LocalTimeFollowsTheZone()
+    {
+        constexpr std::time_t noon = 1715947200; // 2024-05-17 12:00:00 UTC
+        const QList<QPair<QString, int>> hours{{"Europe/Berlin", 14}, {"Asia/Tokyo", 21}, {"", 12}};
+        for (const auto& [zone, hour] : hours) {
+            QCOMPARE(m_server.SetTimeZone(zone), 0);
+            // Unlike localtime this does not look for the zone itself, and syslog neither.
+            std::tm local{};
+            QVERIFY(localtime_r(&noon, &local) != nullptr);
+            QCOMPARE(local.tm_hour, hour);
+        }
+    }
+
+    void SameZoneChangesNothing()
+    {
+        QCOMPARE(m_server.SetTimeZone("Europe/Berlin"), 0);
+        QVERIFY(m_registry.setValue(kKey, "HUB"));
+        QCOMPARE(m_server.SetTimeZone("Europe/Berlin"), 0);
+        QCOMPARE(m_registry.getValue(kKey), QVariant("HUB"));
+        QCOMPARE(m_changed.size(), 1);
+    }
+
+    void ZoneLinkThatCannotBeChangedIsReported()
+    {
+        QCOMPARE(seteuid(65534), 0);
+        const int asOrdinaryUser = m_server.SetTimeZone("Europe/Berlin");
+        QCOMPARE(seteuid(0), 0);
+        QCOMPARE(asOrdinaryUser, 1);
+        MakeDirectory(kLink);
+        QCOMPARE(m_server.SetTimeZone("Europe/Berlin"), 1);
+        QCOMPARE(Errors("SetTimeZone"), (QStringList{"Error creating time zone symlink to \"" + kBerlin + '"',
+                                                     "Unable to remove \"/etc/localtime\""}));
+        QCOMPARE(m_changed.size(), 0);
+    }
+
+    void CurrentZoneIsReadFromTheLink_data()
+    {
+        const Table<QString, QString, QString> row; // target, zone, error
+        const QString longTarget = '/' + QString(400, 'a');
+        row("zone", kBerlin, "Europe/Berlin", {});
+        row("another root", "/opt/zoneinfo/posix/UTC", "posix/UTC", {});
+        row("no zone", "/etc/passwd", "", "Unexpected time zone symlink: /etc/passwd");
+        row("long", longTarget, "", "Unexpected time zone symlink: " + longTarget.left(255));
+        row("none", "", "", "readlink() failed:  No such file or directory");
+    }
+
+    void CurrentZoneIsReadFromTheLink()
+    {
+        const auto [target, zone, error] = FetchRow<QString, QString, QString>();
+        if (!target.isEmpty()) {
+            MakeLink(target, kLink);
+        }
+        QCOMPARE(core::tools::Server::GetTimeZone(), zone);
+        QCOMPARE(Errors("GetTimeZone"), error.isNull() ? QStringList() : QStringList(error));
+    }
 };
 
-void ZoneTest::ZoneLinkIsSet_data()
-{
-    QTest::addColumn<QString>("before"); // "file", "" or the target of a link
-    QTest::addColumn<QString>("zone");
-    QTest::addColumn<QString>("after");
-
-    QTest::newRow("none before") << ""
-                                 << "Europe/Berlin" << kBerlin;
-    QTest::newRow("another zone before") << kBerlin << "Asia/Tokyo"
-                                         << "/usr/share/zoneinfo/Asia/Tokyo";
-    QTest::newRow("dangling link before") << "/nowhere"
-                                          << "Europe/Berlin" << kBerlin;
-    QTest::newRow("plain file before") << "file"
-                                       << "Europe/Berlin" << kBerlin;
-    QTest::newRow("alias") << ""
-                           << "UTC"
-                           << "/usr/share/zoneinfo/Etc/UTC";
-    QTest::newRow("dots within") << ""
-                                 << "Asia/../Europe/Berlin" << kBerlin;
-    QTest::newRow("removed") << kBerlin << ""
-                             << "";
-    QTest::newRow("dangling link removed") << "/nowhere"
-                                           << ""
-                                           << "";
-    QTest::newRow("nothing to remove") << ""
-                                       << ""
-                                       << "";
-}
-
-void ZoneTest::ZoneLinkIsSet()
-{
-    QFETCH(QString, before);
-    QFETCH(QString, zone);
-    QFETCH(QString, after);
-    if (before == "file") {
-        Write(kLink, "zone");
-    } else if (!before.isEmpty()) {
-        QVERIFY(QFile::link(before, kLink));
-    }
-
-    QCOMPARE(m_server.SetTimeZone(zone), 0);
-
-    QCOMPARE(LinkTarget(kLink), after);
-    QCOMPARE(m_registry.getValue(kKey), QVariant("MANUAL"));
-    QCOMPARE(m_changed.size(), 1);
-    QVERIFY(IsAbout(m_changed[0][0].toString(), "2023-11-14 22:13:20"));
-    QCOMPARE(m_changed[0].mid(1), QVariantList({zone, "MANUAL"}));
-    QCOMPARE(TakeLog().size(), 0);
-}
-
-void ZoneTest::ZoneOutsideIsRefused_data()
-{
-    QTest::addColumn<QString>("zone");
-    QTest::addColumn<QString>("quoted");
-
-    QTest::newRow("way out") << "../../../etc/passwd"
-                             << "\"../../../etc/passwd\"";
-    QTest::newRow("way out behind a zone") << "Europe/../../../../etc"
-                                           << "\"Europe/../../../../etc\"";
-    QTest::newRow("the directory itself") << "."
-                                          << "\".\"";
-    QTest::newRow("missing") << "No/Such"
-                             << "\"No/Such\"";
-    QTest::newRow("link to nothing") << "localtime"
-                                     << "\"localtime\"";
-    QTest::newRow("line end") << "UTC\n"
-                              << "\"UTC\\n\"";
-    QTest::newRow("NUL") << QString::fromLatin1("UTC\0/../../../../etc/passwd", 26) << QString();
-    QTest::newRow("not ASCII") << QString::fromUtf8("Köln") << QString::fromUtf8("\"Köln\"");
-    const QString wayOut = "../../../etc/" + QString(300, 'a');
-    QTest::newRow("way out to a name too long") << wayOut << '"' + wayOut + '"';
-    QTest::newRow("too long to be logged whole") << QString(1000000, 'a') << '"' + QString(65536, 'a') + '"';
-}
-
-void ZoneTest::ZoneOutsideIsRefused()
-{
-    QFETCH(QString, zone);
-    QFETCH(QString, quoted);
-
-    QCOMPARE(m_server.SetTimeZone(zone), 1);
-
-    const QStringList errors = Errors("SetTimeZone");
-    QCOMPARE(errors.size(), 1);
-    QVERIFY(errors[0].startsWith("Time zone file \""));
-    QVERIFY(errors[0].endsWith("\" is not located in /usr/share/zoneinfo/"));
-    QVERIFY(errors[0].contains(quoted));
-    QCOMPARE(LinkTarget(kLink), QString());
-    QCOMPARE(m_registry.getValue(kKey), QVariant());
-    QCOMPARE(m_changed.size(), 0);
-}
-
-void ZoneTest::SameZoneChangesNothing()
-{
-    QCOMPARE(m_server.SetTimeZone("Europe/Berlin"), 0);
-    QVERIFY(m_registry.setValue(kKey, "HUB"));
-    QCOMPARE(m_server.SetTimeZone("Europe/Berlin"), 0);
-    QCOMPARE(m_registry.getValue(kKey), QVariant("HUB"));
-    QCOMPARE(m_changed.size(), 1);
-}
-
-void ZoneTest::ZoneLinkThatCannotBeChangedIsReported()
-{
-    {
-        const OrdinaryUser user;
-        QCOMPARE(m_server.SetTimeZone("Europe/Berlin"), 1);
-        QCOMPARE(Errors("SetTimeZone"),
-                 QStringList("Error creating time zone symlink to \"" + kBerlin + '"'));
-    }
-    QVERIFY(QDir().mkdir(kLink));
-    QCOMPARE(m_server.SetTimeZone("Europe/Berlin"), 1);
-    QCOMPARE(Errors("SetTimeZone"), QStringList("Unable to remove \"/etc/localtime\""));
-    QCOMPARE(m_changed.size(), 0);
-}
-
-void ZoneTest::CurrentZoneIsReadFromTheLink_data()
-{
-    QTest::addColumn<QString>("target");
-    QTest::addColumn<QString>("zone");
-    QTest::addColumn<QString>("error");
-
-    const QString longTarget = '/' + QString(400, 'a');
-    QTest::newRow("zone") << kBerlin << "Europe/Berlin"
-                          << "";
-    QTest::newRow("another root") << "/opt/zoneinfo/posix/UTC"
-                                  << "posix/UTC"
-                                  << "";
-    QTest::newRow("no zone") << "/etc/passwd"
-                             << ""
-                             << "Unexpected time zone symlink: /etc/passwd";
-    QTest::newRow("long") << longTarget << ""
-                          << "Unexpected time zone symlink: " + longTarget.left(255);
-    QTest::newRow("none") << ""
-                          << ""
-                          << "readlink() failed:  No such file or directory";
-}
-
-void ZoneTest::CurrentZoneIsReadFromTheLink()
-{
-    QFETCH(QString, target);
-    QFETCH(QString, zone);
-    QFETCH(QString, error);
-    if (!target.isEmpty()) {
-        QVERIFY(QFile::link(target, kLink));
-    }
-    QCOMPARE(core::tools::Server::GetTimeZone(), zone);
-    QCOMPARE(Errors("GetTimeZone"), error.isEmpty() ? QStringList() : QStringList(error));
-}
-
-KX_TOOLS_TEST_MAIN(ZoneTest)
-
+KX_TEST_MAIN(ZoneTest)
 #include "tst_zone.moc"

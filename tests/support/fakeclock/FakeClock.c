@@ -4,9 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <sys/syscall.h>
-#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -22,54 +20,27 @@ static const long kClockGettime = SYS_clock_gettime64;
 static const long kClockGettime = SYS_clock_gettime;
 #endif
 
-static struct timespec shift;
-
-__attribute__((constructor)) static void LeaveEnvironment(void)
-{
-    unsetenv("LD_PRELOAD");
-}
-
-static struct timespec Sum(struct timespec a, struct timespec b)
-{
-    a.tv_sec += b.tv_sec;
-    a.tv_nsec += b.tv_nsec;
-    if (a.tv_nsec >= NanosecondsPerSecond) {
-        ++a.tv_sec;
-        a.tv_nsec -= NanosecondsPerSecond;
-    }
-    return a;
-}
-
-static struct timespec Negative(struct timespec a)
-{
-    a.tv_sec = -a.tv_sec;
-    if (a.tv_nsec > 0) {
-        --a.tv_sec;
-        a.tv_nsec = NanosecondsPerSecond - a.tv_nsec;
-    }
-    return a;
-}
+/* What the clock was set to, and the machine's monotonic time in nanoseconds then. */
+static long long set_to;
+static long long set_at;
 
 static int MachineClock(clockid_t clock, struct timespec* result)
 {
     return (int)syscall(kClockGettime, clock, result);
 }
 
-static struct timespec MachineTime(void)
+static long long Monotonic(void)
 {
     struct timespec now = {0, 0};
-    MachineClock(CLOCK_REALTIME, &now);
-    return now;
+    MachineClock(CLOCK_MONOTONIC, &now);
+    return (long long)now.tv_sec * NanosecondsPerSecond + now.tv_nsec;
 }
 
 static struct timespec Now(void)
 {
-    return Sum(MachineTime(), shift);
-}
-
-static void SetTo(struct timespec wanted)
-{
-    shift = Sum(wanted, Negative(MachineTime()));
+    const long long passed = Monotonic() - set_at;
+    return (struct timespec){.tv_sec = (time_t)(set_to + passed / NanosecondsPerSecond),
+                             .tv_nsec = (long)(passed % NanosecondsPerSecond)};
 }
 
 static void Record(time_t seconds)
@@ -85,7 +56,8 @@ static void Record(time_t seconds)
 
 void FakeClockSet(long long seconds)
 {
-    SetTo((struct timespec){.tv_sec = (time_t)seconds});
+    set_to = seconds;
+    set_at = Monotonic();
 }
 
 time_t time(time_t* result)
@@ -95,15 +67,6 @@ time_t time(time_t* result)
         *result = now;
     }
     return now;
-}
-
-int gettimeofday(struct timeval* restrict result, void* restrict zone)
-{
-    (void)zone;
-    const struct timespec now = Now();
-    result->tv_sec = now.tv_sec;
-    result->tv_usec = now.tv_nsec / 1000;
-    return 0;
 }
 
 int clock_gettime(clockid_t clock, struct timespec* result)
@@ -118,11 +81,11 @@ int clock_gettime(clockid_t clock, struct timespec* result)
 int clock_settime(clockid_t clock, const struct timespec* wanted)
 {
     if (clock != CLOCK_REALTIME || wanted->tv_sec < 0 || wanted->tv_sec >= kLastSettable ||
-        wanted->tv_nsec < 0 || wanted->tv_nsec >= NanosecondsPerSecond) {
+        wanted->tv_nsec != 0) {
         errno = EINVAL;
         return -1;
     }
-    SetTo(*wanted);
+    FakeClockSet(wanted->tv_sec);
     Record(wanted->tv_sec);
     return 0;
 }

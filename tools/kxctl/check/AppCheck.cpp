@@ -2,6 +2,7 @@
 
 #include "ElementCheck.h"
 #include "XmlDiagnosis.h"
+#include "server/applications/ApplicationIds.h"
 #include "server/applications/appconf/AppConfigParser.h"
 #include "server/applications/appconf/XmlLimits.h"
 #include "server/applications/appconf/XmlReader.h"
@@ -19,16 +20,11 @@
 namespace kxctl::check {
 namespace {
 
+using core::applications::IsApplicationId;
+using core::applications::kFirstApplicationId;
+using core::applications::kLastApplicationId;
 using core::configuration::kMaxXmlSize;
 using core::configuration::Parser;
-
-constexpr unsigned kFirstAccount = 4000;
-constexpr unsigned kLastAccount = 4999;
-
-bool IsApplicationAccount(unsigned id)
-{
-    return id >= kFirstAccount && id <= kLastAccount;
-}
 
 Problem OfDirectory(Severity severity, const QString& text)
 {
@@ -49,18 +45,22 @@ void CheckName(const QString& name, Problems& problems)
     }
 }
 
-void CheckOwner(const QString& directory, Problems& problems)
+/// Only a home has to belong to the application; a developer's copy belongs to the developer.
+void CheckOwner(const QString& directory, const QString& name, Problems& problems)
 {
+    if (directory != QFileInfo("/home/" + name).canonicalFilePath()) {
+        return;
+    }
     unsigned uid = 0;
     unsigned gid = 0;
     Parser::GetResourceUIDandGID(&directory, uid, gid);
-    if (!IsApplicationAccount(uid) || !IsApplicationAccount(gid)) {
+    if (!IsApplicationId(uid) || !IsApplicationId(gid)) {
         problems.append(OfDirectory(
             Severity::Warning, QStringLiteral("owned by %1:%2, which is no application account (%3 to %4)")
                                    .arg(uid)
                                    .arg(gid)
-                                   .arg(kFirstAccount)
-                                   .arg(kLastAccount)));
+                                   .arg(kFirstApplicationId)
+                                   .arg(kLastApplicationId)));
     }
 }
 
@@ -112,7 +112,7 @@ Problems CheckApplication(const QString& directory, const QString& name)
 {
     Problems problems;
     CheckName(name, problems);
-    CheckOwner(directory, problems);
+    CheckOwner(directory, name, problems);
     CheckAppConf(directory, name, problems);
     CheckPrograms(directory, "bin", "so it cannot be started", problems);
     CheckPrograms(directory, "cgi-bin", "so the web server may serve it as text", problems);

@@ -10,6 +10,8 @@
 namespace core::configuration {
 namespace {
 
+constexpr auto kTooDeep = "elements are nested deeper than %1 levels";
+
 /// Markup whose content is not read as markup.
 struct Passage {
     QLatin1String begin;
@@ -73,10 +75,23 @@ XmlFlaw FlawAt(const QString& xml, int at, const QString& reason)
     return {reason, before.count(QLatin1Char('\n')) + 1, at - before.lastIndexOf(QLatin1Char('\n')) - 1};
 }
 
-/// Takes one pass over the text, since the readers need time in proportion to the square of these numbers.
+/// \param markup  from its opening "<" to where CountWords found its end
+/// \return by how many levels what follows is nested deeper
+int DepthChange(const QStringRef& markup)
+{
+    if (markup.startsWith(QLatin1String("</"))) {
+        return -1;
+    }
+    return markup.startsWith(QLatin1String("<!")) || markup.endsWith(QLatin1Char('/')) ? 0 : 1;
+}
+
+/// Takes one pass over the text, since the reader recurses for each level, and needs time in proportion to
+/// the square of the other numbers. Both read the same markup as long as it is well-formed; the reader goes
+/// no further.
 std::optional<XmlFlaw> FindExcessOfMarkup(const QString& xml)
 {
     int declarations = 0;
+    int depth = 0;
     for (int at = xml.indexOf(QLatin1Char('<')); at >= 0; at = xml.indexOf(QLatin1Char('<'), at)) {
         const int passageEnd = EndOfPassage(xml, at);
         if (passageEnd != at) {
@@ -96,45 +111,71 @@ std::optional<XmlFlaw> FindExcessOfMarkup(const QString& xml)
             return FlawAt(xml, begin,
                           QStringLiteral("a tag or declaration of more than %1 words").arg(kMaxXmlWords));
         }
+        depth += DepthChange(markup.left(at - begin));
+        if (depth > kMaxXmlDepth) {
+            return FlawAt(xml, begin, QString::fromLatin1(kTooDeep).arg(kMaxXmlDepth));
+        }
     }
     return std::nullopt;
 }
 
-/// The declared entities and how much text each may stand for.
-QHash<QString, qint64> EntitySizes(const QString& xml)
-{
-    QXmlStreamReader reader(xml);
-    while (!reader.atEnd() && !reader.isDTD() && !reader.isStartElement()) {
-        reader.readNext();
-    }
-    QHash<QString, qint64> sizes;
-    const QXmlStreamEntityDeclarations entities = reader.entityDeclarations();
-    for (const QXmlStreamEntityDeclaration& entity : entities) {
-        // The reader bounds what an entity with others in it comes to.
-        const bool isNested = entity.value().contains(QLatin1Char('&'));
-        sizes.insert(entity.name().toString(),
-                     isNested ? reader.entityExpansionLimit() : entity.value().size());
-    }
-    return sizes;
-}
-
-/// An upper bound of the text that all references to entities stand for, found without expanding any: a
-/// reader puts the text between two tags together in memory before it shows any of it.
-qint64 ExpandedSize(const QString& xml)
-{
-    const QHash<QString, qint64> sizes = EntitySizes(xml);
-    qint64 total = 0;
-    int begin = -1;
-    for (int at = 0; at < xml.size() && !sizes.isEmpty(); ++at) {
-        if (xml.at(at) == QLatin1Char('&')) {
-            begin = at + 1;
-        } else if (xml.at(at) == QLatin1Char(';') && begin >= 0) {
-            total += sizes.value(xml.mid(begin, at - begin));
-            begin = -1;
+/// The declared entities, and how much text each stands for, found without expanding any: a reader puts the
+/// text between two tags together in memory before it shows any of it.
+class Entities {
+public:
+    explicit Entities(const QString& xml)
+    {
+        QXmlStreamReader reader(xml);
+        while (!reader.atEnd() && !reader.isDTD() && !reader.isStartElement()) {
+            reader.readNext();
+        }
+        const QXmlStreamEntityDeclarations declarations = reader.entityDeclarations();
+        for (const QXmlStreamEntityDeclaration& entity : declarations) {
+            m_values.insert(entity.name().toString(), entity.value().toString());
         }
     }
-    return total;
-}
+
+    /// \return the text that all references in \a text stand for; an upper bound, since what looks like one
+    /// in a
+    ///         comment counts, too
+    qint64 ExpandedSize(const QString& text)
+    {
+        qint64 total = 0;
+        int begin = -1;
+        for (int at = 0; at < text.size() && !m_values.isEmpty(); ++at) {
+            if (text.at(at) == QLatin1Char('&')) {
+                begin = at + 1;
+            } else if (text.at(at) == QLatin1Char(';') && begin >= 0) {
+                total += SizeOf(text.mid(begin, at - begin));
+                begin = -1;
+            }
+        }
+        return total;
+    }
+
+private:
+    /// One that refers to itself counts as too much.
+    qint64 SizeOf(const QString& entity)
+    {
+        if (!m_values.contains(entity)) {
+            return 0;
+        }
+        const auto known = m_sizes.constFind(entity);
+        if (known != m_sizes.constEnd()) {
+            return *known;
+        }
+        m_sizes.insert(entity, kTooMuch);
+        const QString value = m_values.value(entity);
+        const qint64 size = std::min(kTooMuch, value.size() + ExpandedSize(value));
+        m_sizes.insert(entity, size);
+        return size;
+    }
+
+    static constexpr qint64 kTooMuch = 1LL << 32;
+
+    QHash<QString, QString> m_values;
+    QHash<QString, qint64> m_sizes;
+};
 
 XmlFlaw FlawAt(const QXmlStreamReader& reader, const QString& reason)
 {
@@ -150,11 +191,12 @@ qint64 TextOf(const QXmlStreamReader& reader)
     return size;
 }
 
-/// Reads the text once with a reader that does not recurse.
+/// Reads the text once with a reader that does not recurse: elements, too, may come out of entities.
 std::optional<XmlFlaw> FindExcessOfText(const QString& xml)
 {
     QXmlStreamReader reader(xml);
     reader.setNamespaceProcessing(false);
+    reader.setEntityExpansionLimit(kMaxXmlSize);
     int depth = 0;
     qint64 text = 0;
     while (!reader.atEnd()) {
@@ -162,8 +204,7 @@ std::optional<XmlFlaw> FindExcessOfText(const QString& xml)
         depth += (reader.isStartElement() ? 1 : 0) - (reader.isEndElement() ? 1 : 0);
         text += TextOf(reader);
         if (depth > kMaxXmlDepth) {
-            return FlawAt(reader,
-                          QStringLiteral("elements are nested deeper than %1 levels").arg(kMaxXmlDepth));
+            return FlawAt(reader, QString::fromLatin1(kTooDeep).arg(kMaxXmlDepth));
         }
         if (text > kMaxXmlSize) {
             return FlawAt(reader,
@@ -183,10 +224,12 @@ std::optional<XmlFlaw> FindXmlFlaw(const QString& xml)
     if (auto flaw = FindExcessOfMarkup(xml)) {
         return flaw;
     }
-    // The bound also counts what looks like a reference in a comment, so it is not held against the limit
-    // itself.
+    if (!xml.contains(QLatin1String("<!ENTITY"))) {
+        return std::nullopt; // the text is what it is
+    }
+    // An upper bound is not held against the limit itself.
     constexpr qint64 kMaxExpandedSize = 16LL * kMaxXmlSize;
-    if (ExpandedSize(xml) > kMaxExpandedSize) {
+    if (Entities(xml).ExpandedSize(xml) > kMaxExpandedSize) {
         return FlawAt(xml, 0,
                       QStringLiteral("entities expand to more than %1 characters").arg(kMaxExpandedSize));
     }

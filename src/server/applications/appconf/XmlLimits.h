@@ -27,6 +27,7 @@ struct XmlFlaw {
 /// Tells whether the DOM reader can take a text without harm: it recurses once per level, expands every
 /// entity in memory and compares each declaration and each attribute with those before it, so a file of a few
 /// kilobytes could end the daemon or hold it up for half a minute.
+/// Whether it is well-formed is left to that reader, but for a text with entities of its own.
 /// \return the first limit that \a xml exceeds, or why it is not well-formed; nothing when it can be read
 std::optional<XmlFlaw> FindXmlFlaw(const QString& xml);
 

@@ -13,6 +13,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -33,29 +34,17 @@ constexpr auto kSharedDirectory = "/shared";
 /// Far more than a busy terminal needs, and less than a caller on the bus waits for its reply.
 constexpr std::chrono::seconds kExecPatience{10};
 
+/// The kernel gives arguments at most three quarters of the default stack, whatever the limit says.
+long MaxArgumentBytes()
+{
+    constexpr long kKernelMaximum = 6L * 1024 * 1024;
+    const long configured = sysconf(_SC_ARG_MAX);
+    return configured < 0 ? kKernelMaximum : std::min(configured, kKernelMaximum);
+}
+
 struct Pipe {
     UniqueFd readEnd;
     UniqueFd writeEnd;
-};
-
-/// Holds all signals back while it lives, so that a forked child can set the daemon's handlers aside before
-/// one of them runs in it.
-class SignalBlock {
-public:
-    SignalBlock()
-    {
-        sigset_t all = {};
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &m_previous);
-    }
-    ~SignalBlock() { Lift(); }
-    SignalBlock(const SignalBlock&) = delete;
-    SignalBlock& operator=(const SignalBlock&) = delete;
-
-    void Lift() const { pthread_sigmask(SIG_SETMASK, &m_previous, nullptr); }
-
-private:
-    sigset_t m_previous = {};
 };
 
 /// Logs \a text with the error's text for %1.
@@ -160,7 +149,15 @@ bool ProcessManager::StartProcess(const QString& command,
         }
         m_preparedAppName = config.m_name;
     }
-    return program.isEmpty() || Launch(ChildProcess(program, params, config));
+    if (program.isEmpty()) {
+        return true;
+    }
+    // A caller may send a hundred times what any program can get; to take that apart costs seconds.
+    if (params.size() > MaxArgumentBytes()) {
+        LogError(QStringLiteral("Start: Failed to execute child (%1)"), E2BIG);
+        return false;
+    }
+    return Launch(ChildProcess(program, params, config));
 }
 
 bool ProcessManager::PrepareEnviornment(const core::configuration::ApplicationConfig& config)

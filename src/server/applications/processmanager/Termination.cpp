@@ -1,5 +1,6 @@
 #include "misc/Log.h"
 #include "misc/Utils.h"
+#include "server/applications/ApplicationIds.h"
 #include "server/applications/appconf/AppConfigParser.h"
 #include "server/applications/processmanager/ProcessManager.h"
 
@@ -20,13 +21,6 @@ namespace {
 
 constexpr auto kSource = "/pkgs/kx-core/src/server/applications/processmanager/ProcessManager";
 constexpr std::chrono::milliseconds kGracePeriod{250};
-
-bool IsApplicationId(unsigned id)
-{
-    constexpr unsigned kFirst = 4000;
-    constexpr unsigned kRange = 999;
-    return id - kFirst <= kRange; // an unknown id, all bits set, is outside too
-}
 
 QStringList ListProcesses()
 {

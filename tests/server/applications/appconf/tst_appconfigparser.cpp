@@ -3,9 +3,11 @@
 #include "Files.h"
 #include "Fixture.h"
 
-#include <QElapsedTimer>
+#include "misc/UniqueFd.h"
 
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace core::configuration;
 
@@ -104,9 +106,9 @@ private slots:
 
     void Elements_data()
     {
-        Columns<QString, QVariantMap, QStringList>("xml", "settings", "log");
-        const auto row = [](const char* xml, const QVariantMap& settings, const QStringList& log = {}) {
-            Row(xml, xml, settings, log);
+        const Table<QByteArray, QVariantMap, QStringList> table;
+        const auto row = [&](const char* xml, const QVariantMap& settings, const QStringList& log = {}) {
+            table(xml, xml, settings, log);
         };
         row("<resources> res/r.xml </resources>", {{"resources", "/home/pay/res/r.xml"}});
         row("<web_resources>./web</web_resources>", {{"webResources", "/home/pay/web"}});
@@ -148,17 +150,17 @@ private slots:
 
     void Elements()
     {
-        QFETCH(QString, xml);
-        const QByteArray text = "<application xmlns='u'>\n " + xml.toUtf8() + "\n</application>";
-        QTEST(Settings(Parser::GatherApplicationData(text.constData(), "pay")), "settings");
-        QTEST(TakeLogLines(), "log");
+        const auto [xml, settings, log] = FetchRow<QByteArray, QVariantMap, QStringList>();
+        const QByteArray text = "<application xmlns='u'>\n " + xml + "\n</application>";
+        QCOMPARE(Settings(Parser::GatherApplicationData(text.constData(), "pay")), settings);
+        QCOMPARE(TakeLogLines(), log);
     }
 
     void Items_data()
     {
-        Columns<QString, QVariantMap, QStringList>("xml", "settings", "log");
-        const auto row = [](const char* xml, const QVariantMap& settings, const QStringList& log = {}) {
-            Row(xml, xml, settings, log);
+        const Table<QByteArray, QVariantMap, QStringList> table;
+        const auto row = [&](const char* xml, const QVariantMap& settings, const QStringList& log = {}) {
+            table(xml, xml, settings, log);
         };
         const auto items = [](const QVariantMap& item) {
             return QVariantMap{{"desktopItems", QVariantList{item}}};
@@ -194,28 +196,27 @@ private slots:
 
     void HostileFileIsPassedOver_data()
     {
-        Columns<QByteArray, QByteArray>("kind", "content");
-        for (const char* kind : {"missing", "fifo", "directory", "/dev/zero", "/home/pay/app.conf"}) {
-            Row(kind, QByteArray(kind), QByteArray());
+        const Table<QByteArray, QByteArray> table;
+        for (const char* kind :
+             {"missing", "fifo", "directory", "/dev/zero", "/dev/ptmx", "/home/pay/app.conf"}) {
+            table(kind, kind, {});
         }
-        const QByteArray file = "file";
-        Row("1 MiB and 1 byte", file, Sized(1024 * 1024 + 1));
-        Row("101 levels", file, Nested(101));
-        Row("100,000 levels", file, Nested(100000));
-        Row("exponential entities", file, ExponentialEntities());
-        Row("one entity, often", file, ManyEntities(20000, false));
-        Row("one entity, often, in an attribute", file, ManyEntities(20000, true));
-        Row("external entity", file,
-            QByteArray("<!DOCTYPE application [<!ENTITY e SYSTEM '/etc/passwd'>]>"
-                       "<application><prompts>&e;</prompts></application>"));
-        Row("not well-formed", file, QByteArray("<application><resources>r</resources>"));
-        Row("empty", file, QByteArray());
+        const auto row = [&](const char* name, const QByteArray& content) { table(name, "file", content); };
+        row("1 MiB and 1 byte", Sized(1024 * 1024 + 1));
+        row("101 levels", Nested(101));
+        row("100,000 levels", Nested(100000));
+        row("exponential entities", ExponentialEntities());
+        row("one entity, often", ManyEntities(20000, false));
+        row("one entity, often, in an attribute", ManyEntities(20000, true));
+        row("external entity", "<!DOCTYPE application [<!ENTITY e SYSTEM '/etc/passwd'>]>"
+                               "<application><prompts>&e;</prompts></application>");
+        row("not well-formed", "<application><resources>r</resources>");
+        row("empty", "");
     }
 
     void HostileFileIsPassedOver()
     {
-        QFETCH(QByteArray, kind);
-        QFETCH(QByteArray, content);
+        const auto [kind, content] = FetchRow<QByteArray, QByteArray>();
         MakeDirectory("/home/pay/cgi-bin");
         if (kind == "fifo") {
             QCOMPARE(mkfifo("/home/pay/app.conf", 0666), 0);
@@ -233,6 +234,18 @@ private slots:
         QCOMPARE(TakeLogLines(), QStringList());
     }
 
+    void DevicesAreNotOpened()
+    {
+        // A queue in the place of a device: opening either may have an effect.
+        QCOMPARE(mkfifo("/tmp/device", 0666), 0);
+        MakeLink("/tmp/device", "/home/pay/app.conf", 4002);
+        const UniqueFd watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+        QVERIFY(inotify_add_watch(watch.Get(), "/tmp/device", IN_OPEN) >= 0);
+        Parser::GatherApplicationData("pay");
+        inotify_event event = {};
+        QCOMPARE(read(watch.Get(), &event, sizeof(event)), ssize_t(-1));
+    }
+
     void LimitsAreInclusive()
     {
         const QByteArray deep = Nested(200000); // longer than a file may be
@@ -243,6 +256,21 @@ private slots:
         }
         const QByteArray expanded = ManyEntities(250, false);
         QCOMPARE(Parser::GatherApplicationData(expanded.constData(), "pay").m_prompts.size(), 1000010);
+    }
+
+    /// What the limits are checked with is no stricter than the reader.
+    void LaxFileIsRead()
+    {
+        const QByteArray body = "<application><resources>r</resources></application>";
+        for (const QByteArray& content :
+             {"<?xml version='1.1'?>" + body, "<?xml version='1.0' encoding='none'?>" + body,
+              QByteArray("<application><x:y:z/><a b='1'c='&nbsp;'/><resources>r</resources></application>"),
+              "<!DOCTYPE a [<!ENTITY e '" + QByteArray(5000, 'x') +
+                  "'>]><application><resources>r</resources>"
+                  "<a>&e;</a></application>"}) {
+            QVERIFY2(Parser::GatherApplicationData(content.constData(), "pay").m_resources == "/home/pay/r",
+                     content);
+        }
     }
 
     void IdentityAndKindComeFromTheHome()

@@ -6,14 +6,8 @@
 #include "Processes.h"
 
 #include "misc/UniqueFd.h"
-#include "server/SignalHandling.h"
-
-#include <QDir>
-#include <QFileInfo>
-#include <QProcessEnvironment>
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -97,99 +91,52 @@ private slots:
 
     void cleanup() { EndChild(); }
 
-    void ProgramHasTheApplicationsIdentity()
-    {
-        WriteFile("/etc/group", ReadFile("/etc/group") + "extra:x:4050:pay\n");
-        const std::array<gid_t, 2> privileged{0, 33};
-        QCOMPARE(setgroups(privileged.size(), privileged.data()), 0);
-        SignalHandlerSet({SIGTERM, SIGINT, SIGCHLD, SIGALRM, SIGHUP}, {SIGPIPE}, sigHandler);
-        const bool started = m_manager.StartProcess("/home/pay/bin/app 60", Pay());
-        static_cast<void>(std::signal(SIGCHLD, SIG_DFL)); // cleanup wants the child's status
-        QVERIFY(started);
-        QCOMPARE(TakeLogLines(), QStringList());
-
-        const pid_t pid = Children().value(0);
-        const auto status = StatusOf(pid);
-        QCOMPARE(status.value("Uid"), QByteArray("4002 4002 4002 4002"));
-        QCOMPARE(status.value("Gid"), QByteArray("4002 4002 4002 4002"));
-        QCOMPARE(status.value("Groups"), QByteArray("4002 4050"));
-        for (const char* set : {"CapInh", "CapPrm", "CapEff", "CapAmb", "SigBlk"}) {
-            QCOMPARE(status.value(set), QByteArray("0000000000000000"));
-        }
-        for (const int signo : {SIGTERM, SIGINT, SIGCHLD, SIGALRM, SIGHUP}) {
-            QVERIFY((status.value("SigIgn").toULongLong(nullptr, 16) & (1ULL << (signo - 1))) == 0);
-        }
-        QCOMPARE(getpgid(pid), pid);
-        const QString proc = QStringLiteral("/proc/%1").arg(pid);
-        QCOMPARE(QFile::symLinkTarget(proc + "/cwd"), QStringLiteral("/home/pay"));
-        QCOMPARE(QDir(proc + "/fd").entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot),
-                 QStringList({"0", "1", "2"}));
-
-        unsigned uid = 0;
-        unsigned gid = 0;
-        ProcessManager::GetProcessUIDandGID(QString::number(pid), uid, gid);
-        QVERIFY(uid == 4002 && gid == 4002);
-        ProcessManager::GetProcessUIDandGID("99999999", uid, gid);
-        QVERIFY(uid == ApplicationConfig::kUnknownId && gid == ApplicationConfig::kUnknownId);
-    }
-
-    void Environment_data()
-    {
-        Columns<bool>("fastCgi");
-        Row("CGI", false);
-        Row("FastCGI", true);
-    }
-
     void Environment()
     {
-        QFETCH(bool, fastCgi);
         qputenv("KX_KEPT", "a=b");
         qputenv("USER", "root");
         qunsetenv("OLDPWD");
         ApplicationConfig config = Pay();
-        config.m_fastCgi = fastCgi;
         config.m_userName = "p%1\u00e4";
-        QVERIFY(m_manager.StartProcess("/home/pay/bin/app 60", config));
-
         auto expected = QProcessEnvironment::systemEnvironment();
-        QVERIFY(expected.contains("KX_KEPT"));
         expected.insert("APP_NAME", "pay");
         for (const char* home : {"APP_HOME_DIR", "HOME", "OLDPWD"}) {
             expected.insert(home, "/home/pay");
         }
         expected.insert("APP_TMP_DIR", "/tmp/pay");
-        expected.insert("USER", "p%1\u00e4");
-        expected.insert("LOGNAME", "p%1\u00e4");
+        expected.insert("USER", config.m_userName);
+        expected.insert("LOGNAME", config.m_userName);
         expected.insert("APP_SHARED_DIR", "/shared");
-        if (fastCgi) {
-            expected.insert("APP_FASTCGI_SOCKET", "/var/run/sockets/pay/fcgi");
+        for (const bool fastCgi : {false, true}) {
+            config.m_fastCgi = fastCgi;
+            if (fastCgi) {
+                expected.insert("APP_FASTCGI_SOCKET", "/var/run/sockets/pay/fcgi");
+            }
+            QVERIFY(m_manager.StartProcess("/home/pay/bin/app 60", config));
+            QStringList variables;
+            for (const QByteArray& variable : EntriesOf(Children().value(0), "environ")) {
+                variables.append(QString::fromUtf8(variable));
+            }
+            EndChild();
+            QStringList expectedVariables = expected.toStringList();
+            variables.sort();
+            expectedVariables.sort();
+            QCOMPARE(variables, expectedVariables);
         }
-        QStringList variables;
-        for (const QByteArray& variable : EntriesOf(Children().value(0), "environ")) {
-            variables.append(QString::fromUtf8(variable));
-        }
-        variables.sort();
-        QStringList expectedVariables = expected.toStringList();
-        expectedVariables.sort();
-        QCOMPARE(variables, expectedVariables);
         QCOMPARE(qgetenv("USER"), QByteArray("root"));
-    }
-
-    void CommandLines_data()
-    {
-        Columns<QString, QByteArray>("command", "arguments"); // separated by "|"
-        Row("blanks", "/home/pay/bin/app  60   1 ", QByteArray("/home/pay/bin/app|60|1"));
-        Row("no quotes", "/bin/sh -c sleep\t60;'exit'", QByteArray("/bin/sh|-c|sleep\t60;'exit'"));
-        Row("no program", " /home/pay/bin/app 60", QByteArray());
-        Row("nothing", "", QByteArray());
     }
 
     void CommandLines()
     {
-        QFETCH(QString, command);
-        QVERIFY(m_manager.StartProcess(command, Pay()));
-        QTEST(EntriesOf(Children().value(0, -1), "cmdline").join('|'), "arguments");
-        QCOMPARE(OwnerAndMode("/tmp/pay"), QStringLiteral("4002:4002 770"));
+        for (const auto& [command, arguments] : QVector<QPair<QString, QByteArray>>{
+                 {"/home/pay/bin/app  60   1 ", "/home/pay/bin/app|60|1"},
+                 {"/bin/sh -c sleep\t60;'exit'", "/bin/sh|-c|sleep\t60;'exit'"},
+                 {" /home/pay/bin/app 60", ""}, // no program
+                 {"", ""}}) {
+            QVERIFY(m_manager.StartProcess(command, Pay()));
+            QCOMPARE(EntriesOf(Children().value(0, -1), "cmdline").join('|'), arguments);
+            EndChild();
+        }
     }
 
     void ArgumentVectors()
@@ -203,8 +150,6 @@ private slots:
             ProcessManager::FreePosixParameters(argv);
             return arguments;
         };
-        QCOMPARE(build("/p", ""), QList<QByteArray>({"/p"}));
-        QCOMPARE(build("/p", "  -a   -b "), QList<QByteArray>({"/p", "-a", "-b"}));
         QCOMPARE(build("/\u00e4", "\u00e4"), QList<QByteArray>({"/\xc3\xa4", "\xe4"}));
         QCOMPARE(build("", "-a"), QList<QByteArray>());
         for (int copies = 0; copies < 3; ++copies) {
@@ -215,12 +160,11 @@ private slots:
 
     void Failures_data()
     {
-        Columns<QString, QByteArray, int, bool, int, QStringList>("program", "call", "error", "result",
-                                                                  "status", "log");
-        const auto row = [](const char* program, const char* call, int error, bool result, int status,
-                            const QStringList& log) {
-            QTest::addRow("%s, %s, %d", program, call, error)
-                << program << QByteArray(call) << error << result << status << log;
+        const Table<QByteArray, QByteArray, int, bool, int, QStringList> table;
+        const auto row = [&](const QByteArray& program, const QByteArray& call, int error, bool result,
+                             int status, const QStringList& log) {
+            table(program + ", " + call + ", " + QByteArray::number(error), program, call, error, result,
+                  status, log);
         };
         const QString reported = Quoted("Start: Failed to execute child (Permission denied)");
         const QString notExecuted = Quoted("Start: Failed to execute process (Permission denied) 13");
@@ -257,16 +201,14 @@ private slots:
 
     void Failures()
     {
-        QFETCH(QString, program);
-        QFETCH(QByteArray, call);
-        QFETCH(int, error);
-        QFETCH(QStringList, log);
+        auto [program, call, error, result, status, log] =
+            FetchRow<QByteArray, QByteArray, int, bool, int, QStringList>();
         {
             const int others = call == "close" ? 1 : 0; // the child closes the end that it does not use first
             const FailingCall failure(call.constData(), error, others);
-            QTEST(m_manager.StartProcess("/home/pay/bin/" + program + " 60", Pay()), "result");
+            QCOMPARE(m_manager.StartProcess("/home/pay/bin/" + program + " 60", Pay()), result);
         }
-        QTEST(EndChild(), "status");
+        QCOMPARE(EndChild(), status);
         QStringList logged = TakeLogLines();
         log.sort(); // parent and child log side by side
         logged.sort();
@@ -352,17 +294,16 @@ private slots:
 
     void DirectoryFailures_data()
     {
-        Columns<QString, QStringList>("obstacle", "log");
+        const Table<QString, QStringList> row;
         const QString notOwned("3 CreateDirIfNeeded Failed to create dir =  20");
-        Row("tmp", "/tmp/pay", QStringList({notOwned, "3 PrepareEnviornment Failed to create tmp dir"}));
-        Row("shared", "/shared", QStringList({notOwned, "3 PrepareEnviornment Failed to create shared dir"}));
-        Row("sockets", "/var/run/sockets",
-            QStringList("3 PrepareEnviornment Failed to create socket dir dir"));
+        row("tmp", "/tmp/pay", {notOwned, "3 PrepareEnviornment Failed to create tmp dir"});
+        row("shared", "/shared", {"3 PrepareEnviornment Failed to create shared dir"});
+        row("sockets", "/var/run/sockets", {"3 PrepareEnviornment Failed to create socket dir dir"});
     }
 
     void DirectoryFailures()
     {
-        QFETCH(QString, obstacle);
+        const auto [obstacle, log] = FetchRow<QString, QStringList>();
         if (obstacle == "/tmp/pay") {
             MakeLink("/etc", obstacle, 4002); // the application's idea of its directory
         } else {
@@ -371,7 +312,7 @@ private slots:
         ApplicationConfig config = Pay();
         config.m_fastCgi = true;
         QVERIFY(!m_manager.StartProcess("/home/pay/bin/app 60", config));
-        QTEST(TakeLogLines(), "log");
+        QCOMPARE(TakeLogLines(), log);
         QCOMPARE(OwnerAndMode("/etc"), QStringLiteral("0:0 755"));
         QCOMPARE(Children(), QList<pid_t>());
     }

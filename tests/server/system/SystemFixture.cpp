@@ -1,14 +1,9 @@
-#include "Terminal.h"
+#include "SystemFixture.h"
 
 #include "misc/Log.h"
 
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-
 namespace {
 
-constexpr auto kAnswers = "/run/standins";
 constexpr auto kCalls = "/run/standins/calls";
 
 /// What the operations write to. The platform's scripts, which are stand-ins, stay.
@@ -24,32 +19,9 @@ const QStringList kWritten{"/etc/platform/usb_gadget",
                            "/var/lib/kxregistry"};
 const QStringList kOnEveryTerminal{"/etc/platform/sys", "/etc/platform/settings", "/etc/lighttpd"};
 
-QByteArray Read(const QString& path)
+void RecordEvent(const QByteArray& name)
 {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-void Write(const QString& path, const QByteArray& content)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size()) {
-        qFatal("cannot write %s", qPrintable(path));
-    }
-}
-
-void Remove(const QString& path)
-{
-    if (!QFile::remove(path)) {
-        QDir(path).removeRecursively();
-    }
-}
-
-void RecordEvent(const char* name)
-{
-    QFile calls(kCalls);
-    calls.open(QIODevice::Append);
-    calls.write(QByteArray(name) + '\n');
+    WriteFile(kCalls, ReadFile(kCalls) + name + '\n', 0, 0, 0666);
 }
 
 /// What is at a path, as Files has it.
@@ -59,25 +31,37 @@ QByteArray ContentAt(const QString& path)
     if (info.isSymLink()) {
         return "-> " + info.symLinkTarget().toUtf8();
     }
-    const QByteArray content = Read(path);
+    const QByteArray content = ReadFile(path);
     return info.exists() && content.isNull() ? QByteArray("") : content;
+}
+
+template<typename Map>
+Map Changed(Map map, const Map& changes)
+{
+    for (auto change = changes.begin(); change != changes.end(); ++change) {
+        map[change.key()] = *change;
+    }
+    return map;
 }
 
 } // namespace
 
-void RequirePrivateRoot()
-{
-    if (!QFile::exists("/run/kx-private-root")) {
-        qFatal("not in the private root: run this test through scripts/sandbox");
-    }
-}
-
 QString Answer(const char* name)
 {
-    return QString(kAnswers) + '/' + name;
+    return QStringLiteral("/run/standins/") + name;
 }
 
-Terminal::Terminal() : m_applications(std::make_unique<core::applications::Server>())
+Files With(Files files, const Files& changes)
+{
+    return Changed(std::move(files), changes);
+}
+
+QVariantMap With(QVariantMap args, const QVariantMap& changes)
+{
+    return Changed(std::move(args), changes);
+}
+
+SystemFixture::SystemFixture() : m_applications(std::make_unique<core::applications::Server>())
 {
     QCoreApplication::sendPostedEvents();
     connect(m_applications.get(), &core::applications::Server::OnTerminate, this,
@@ -86,27 +70,25 @@ Terminal::Terminal() : m_applications(std::make_unique<core::applications::Serve
             [] { RecordEvent("OnStarted"); });
 }
 
-void Terminal::Reset()
+void SystemFixture::init()
 {
-    // QtTest has put its own message handler in the daemon's place.
-    const com::veltrasys::common::qt::LogInitializer daemonsHandler;
     m_server.reset();
-    for (const QFileInfo& answer : QDir(kAnswers).entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot)) {
+    for (const QFileInfo& answer : QDir(Answer("")).entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot)) {
         if (answer.filePath() != kCalls) {
-            Remove(answer.filePath());
+            RemoveAll(answer.filePath());
         }
     }
     for (const QString& path : kWritten) {
-        Remove(path);
+        RemoveAll(path);
     }
     for (const QString& path : kOnEveryTerminal) {
-        QDir().mkpath(path);
+        MakeDirectory(path);
     }
     TakeCalls();
-    TakeLog();
+    Fixture::init();
 }
 
-core::system::Server& Terminal::Server()
+core::system::Server& SystemFixture::Server()
 {
     if (!m_server) {
         m_server = std::make_unique<core::system::Server>(*m_applications);
@@ -114,7 +96,13 @@ core::system::Server& Terminal::Server()
     return *m_server;
 }
 
-void Terminal::Run(int methodId, const Case& testCase)
+void SystemFixture::RunCase(int methodId)
+{
+    const auto [testCase] = FetchRow<Case>();
+    Run(methodId, testCase);
+}
+
+void SystemFixture::Run(int methodId, const Case& testCase)
 {
     core::system::Server& server = Server();
     Create(testCase.before);
@@ -124,12 +112,10 @@ void Terminal::Run(int methodId, const Case& testCase)
     QCOMPARE(result, testCase.result);
     // A QVariant's comparison converts.
     QCOMPARE(result.value("return").type(), QVariant::Int);
-    QCOMPARE(TakeCalls(), testCase.calls);
-    CompareLog(testCase.log);
-    Compare(testCase.after);
+    CompareEffects(testCase);
 }
 
-QStringList Terminal::TakeCalls()
+QStringList SystemFixture::TakeCalls()
 {
     QFile calls(kCalls);
     calls.open(QIODevice::ReadWrite);
@@ -138,22 +124,19 @@ QStringList Terminal::TakeCalls()
     return lines;
 }
 
-void Terminal::Create(const Files& files)
+void SystemFixture::Create(const Files& files)
 {
     for (auto file = files.begin(); file != files.end(); ++file) {
-        Remove(file.key());
-        if (!file->isNull()) {
-            QDir().mkpath(QFileInfo(file.key()).path());
-        }
+        RemoveAll(file.key());
         if (file->startsWith("-> ")) {
-            QFile::link(file->mid(3), file.key());
+            MakeLink(file->mid(3), file.key());
         } else if (!file->isNull()) {
-            Write(file.key(), *file);
+            WriteFile(file.key(), *file);
         }
     }
 }
 
-void Terminal::Compare(const Files& files)
+void SystemFixture::Compare(const Files& files)
 {
     for (auto file = files.begin(); file != files.end(); ++file) {
         const QByteArray content = ContentAt(file.key());
@@ -162,15 +145,15 @@ void Terminal::Compare(const Files& files)
     }
 }
 
-void Terminal::CompareLog(const QStringList& expected)
+void SystemFixture::CompareEffects(const Case& testCase)
 {
+    QCOMPARE(TakeCalls(), testCase.calls);
     const QStringList lines = TakeLogLines();
-    QVERIFY2(lines.size() == expected.size(), qPrintable(lines.join('\n')));
+    QVERIFY2(lines.size() == testCase.log.size(), qPrintable(lines.join('\n')));
     for (int index = 0; index < lines.size(); ++index) {
-        QString line = lines[index];
-        if (expected[index].endsWith('*')) {
-            line = line.left(expected[index].size() - 1) + '*';
-        }
-        QCOMPARE(line, expected[index]);
+        const QString& expected = testCase.log[index];
+        QCOMPARE(expected.endsWith('*') ? lines[index].left(expected.size() - 1) + '*' : lines[index],
+                 expected);
     }
+    Compare(testCase.after);
 }

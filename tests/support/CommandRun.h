@@ -1,6 +1,6 @@
 #pragma once
 
-#include "DaemonFixture.h"
+#include "Patience.h"
 
 #include <QProcess>
 #include <QRegularExpression>
@@ -25,11 +25,18 @@ RunCommand(const QString& program, const QStringList& arguments,
     process.setProcessEnvironment(environment);
     process.setStandardInputFile(QProcess::nullDevice());
     process.start(program, arguments);
-    if (!process.waitForFinished(Bound(kPatience)) || process.exitStatus() != QProcess::NormalExit) {
+    if (!process.waitForFinished(Bound(2 * kPatience)) || process.exitStatus() != QProcess::NormalExit) {
         return {};
     }
     return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
             QString::fromUtf8(process.readAllStandardError())};
+}
+
+/// The same under the account's ids and groups.
+inline CommandRun RunAs(const QString& account, const QStringList& command)
+{
+    return RunCommand("setpriv",
+                      QStringList{"--reuid", account, "--regid", account, "--init-groups"} + command);
 }
 
 inline CommandRun RunKxctl(const QStringList& arguments)
@@ -49,4 +56,5 @@ inline bool Matches(const QString& text, const QString& pattern)
 
 /// Fails the test with the whole text when it does not match.
 #define KX_VERIFY_MATCH(text, pattern)                                                                       \
-    QVERIFY2(kxtest::Matches(text, pattern), qPrintable("does not match " + (pattern) + ":\n" + (text)))
+    QVERIFY2(kxtest::Matches(text, pattern),                                                                 \
+             qPrintable("does not match " + QString(pattern) + ":\n" + QString(text)))

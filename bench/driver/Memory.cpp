@@ -1,0 +1,103 @@
+#include "Applications.h"
+#include "Benchmarks.h"
+#include "Bus.h"
+#include "Process.h"
+
+#include <array>
+
+namespace kxbench {
+namespace {
+
+/// What processes hold, each kind of memory in a table.
+class Scales {
+public:
+    void Weigh(const std::string& name, const Process& process)
+    {
+        for (Kind& kind : m_kinds) {
+            kind.table.rows.push_back({name, Samples(process.Kilobytes(kind.key)), 0});
+        }
+    }
+
+    /// Weighs one that the first of all is compared with.
+    /// \return the first's private memory over its
+    double WeighReference(const std::string& name, const QtService& service)
+    {
+        Weigh(name, StartService(service.program, service.ping));
+        for (Kind& kind : m_kinds) {
+            kind.table.rows.back().ratio =
+                Ratio(kind.table.rows.front().samples, kind.table.rows.back().samples);
+        }
+        return m_kinds[0].table.rows.back().ratio;
+    }
+
+    /// \return by how much the last weighed has written to more memory than the one before, in kB
+    double Growth() const
+    {
+        const auto last = m_kinds[1].table.rows.end();
+        return (last - 1)->samples.Median() - (last - 2)->samples.Median();
+    }
+
+    std::vector<Table> Tables() const { return {m_kinds[0].table, m_kinds[1].table, m_kinds[2].table}; }
+
+private:
+    struct Kind {
+        const char* key; ///< of smaps_rollup
+        Table table;
+    };
+    std::array<Kind, 3> m_kinds{{{"Private_", {"kB private", {}}},
+                                 {"Private_Dirty", {"kB of it written to", {}}},
+                                 {"Rss", {"kB resident", {}}}}};
+};
+
+void CallOften(int times)
+{
+    Bus bus;
+    for (int i = 0; i < times; ++i) {
+        // One in a hundred is the heaviest reading call.
+        bus.Call(i % 100 == 0 ? kEnumerate : kCheapest);
+    }
+}
+
+/// Weighs the daemon with so many applications, at first and after calls.
+/// \return by how much the second 10,000 calls made it grow, in kB
+double WeighDaemon(int applications, Scales& scales)
+{
+    InstallApplications(applications);
+    const std::string name = "kxcore, " + std::to_string(applications) + " applications";
+    const Process daemon = StartDaemon();
+    scales.Weigh(name + ", idle", daemon);
+    for (const char* calls : {", after 10,000 calls", ", after 20,000 calls"}) {
+        CallOften(10'000);
+        scales.Weigh(name + calls, daemon);
+    }
+    return scales.Growth();
+}
+
+} // namespace
+
+Section MeasureMemory(const Options& /*options*/)
+{
+    constexpr double kNoise = 64; // kB: pages that nothing had touched before
+    Scales scales;
+    const double growth = WeighDaemon(0, scales);
+    const double growthWithApplications = WeighDaemon(100, scales);
+    const double ratio = scales.WeighReference("bare QtDBus program, idle", kQt);
+    scales.WeighReference("the same with libcurl set up", kQtCurl);
+    Section section;
+    section.title = "Memory";
+    section.text =
+        "What `/proc/<pid>/smaps_rollup` tells of the whole process. Private memory changes a little with "
+        "what "
+        "else runs: pages of a file count when no other process maps them. Of the calls one in a hundred is "
+        "`Enumerate`, the others the cheapest. The first calls make the heap as large as it gets.";
+    section.tables = scales.Tables();
+    section.goals = {
+        {"private memory idle at most 1.5 x bare QtDBus", ratio, 1.5,
+         "each of the libraries that libcurl needs brings data of its own, which the linker relocates: "
+         "see the program with libcurl"},
+        {"nothing grows from call 10,000 to 20,000 (kB written to)", growth, kNoise, "see the table"},
+        {"nor with 100 applications (kB written to)", growthWithApplications, kNoise, "see the table"}};
+    return section;
+}
+
+} // namespace kxbench

@@ -1,0 +1,91 @@
+/// Pieces of the daemon in process.
+#include "misc/Utils.h"
+#include "server/applications/appconf/AppConfigParser.h"
+#include "server/applications/appconf/XmlLimits.h"
+#include "server/applications/appconf/XmlReader.h"
+
+#include <benchmark/benchmark.h>
+#include <pugixml.hpp>
+
+#include <QDomDocument>
+
+namespace {
+
+using core::configuration::ApplicationConfig;
+using core::configuration::Parser;
+
+const QByteArray kConfiguration = R"(<?xml version="1.0" encoding="UTF-8"?>
+<application>
+  <resources>files/resources.xml</resources>
+  <prompts>files/prompts.xml</prompts>
+  <home_button>html/index.html</home_button>
+  <card_ranges>files/cards.xml</card_ranges>
+  <white_list signature="c2lnbmF0dXJl" signature_path="files/list.sig">files/list.xml</white_list>
+  <desktop_item title="Pay" icon_path="html/pay.svg" icon_position="1">html/pay.html</desktop_item>
+  <desktop_item title="Refund" icon_path="html/refund.svg" icon_position="2">html/refund.html</desktop_item>
+  <config_page title="Settings">html/settings.html</config_page>
+</application>
+)";
+
+void PugixmlReads(benchmark::State& state)
+{
+    while (state.KeepRunning()) {
+        pugi::xml_document document;
+        benchmark::DoNotOptimize(document.load_buffer(kConfiguration.constData(), kConfiguration.size()));
+    }
+}
+
+void CheckOfLimits(benchmark::State& state)
+{
+    const QString text = QString::fromUtf8(kConfiguration);
+    while (state.KeepRunning()) {
+        benchmark::DoNotOptimize(core::configuration::FindXmlFlaw(text));
+    }
+}
+
+void CheckedReading(benchmark::State& state)
+{
+    while (state.KeepRunning()) {
+        QDomDocument document;
+        benchmark::DoNotOptimize(core::configuration::ParseXml(kConfiguration, document));
+    }
+}
+
+void WholeParser(benchmark::State& state)
+{
+    Parser parser;
+    while (state.KeepRunning()) {
+        ApplicationConfig config(QStringLiteral("pay"));
+        parser.ParseApplicationConfig(kConfiguration.constData(), config);
+        benchmark::DoNotOptimize(config.m_prompts);
+    }
+}
+
+void RecordToMap(benchmark::State& state)
+{
+    ApplicationConfig config(QStringLiteral("pay"));
+    Parser().ParseApplicationConfig(kConfiguration.constData(), config);
+    while (state.KeepRunning()) {
+        benchmark::DoNotOptimize(static_cast<QVariantMap>(config));
+    }
+}
+
+void PathNormalizing(benchmark::State& state)
+{
+    const QString path = QStringLiteral("./html/../html/index.html");
+    const QString home = QStringLiteral("/home/pay");
+    while (state.KeepRunning()) {
+        benchmark::DoNotOptimize(FileSystem::NormalizeFilePath(path, home));
+    }
+}
+
+BENCHMARK(PugixmlReads);
+BENCHMARK(CheckOfLimits);
+BENCHMARK(CheckedReading);
+BENCHMARK(WholeParser);
+BENCHMARK(RecordToMap);
+BENCHMARK(PathNormalizing);
+
+} // namespace
+
+BENCHMARK_MAIN();
