@@ -49,7 +49,7 @@ set(_kx_test_environment
   KX_TIME_FACTOR=${_kx_slowness}
   ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1
   UBSAN_OPTIONS=print_stacktrace=1
-  TSAN_OPTIONS=ignore_noninstrumented_modules=1:detect_deadlocks=0:die_after_fork=0:atexit_sleep_ms=50)
+  TSAN_OPTIONS=ignore_noninstrumented_modules=1:detect_deadlocks=0:die_after_fork=0:atexit_sleep_ms=50:suppressions=${CMAKE_SOURCE_DIR}/tests/tsan.supp)
 
 # kx_add_test(NAME name COMMAND program [arg...] [SIM] [LABELS label...] [TIMEOUT seconds] [SIZE size])
 # Registers a test that runs the program, a target or an absolute path, in the private root. There are the staged
