@@ -39,7 +39,9 @@ public:
         if (fd >= 0 && ftruncate(fd, sizeof(unsigned long)) == 0) {
             page = mmap(nullptr, sizeof(unsigned long), PROT_READ, MAP_SHARED, fd, 0);
         }
-        close(fd);
+        if (fd >= 0) {
+            close(fd);
+        }
         if (page == MAP_FAILED) {
             throw std::system_error(errno, std::generic_category(), "the counter of allocations");
         }
