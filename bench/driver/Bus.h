@@ -25,8 +25,8 @@ constexpr Method kTerminate{"com.veltrasys.kx.core", "/Applications", "com.veltr
                             "Terminate"};
 constexpr Method kBusPing{"com.veltrasys.bench.Bus", "/", "com.veltrasys.bench.Bus", "Ping"};
 
-/// One of the services on QtDBus; the second also sets libcurl up, to tell its share of what the daemon
-/// costs.
+/// One of the services on QtDBus; the second also sets libcurl up, to tell what the daemon saves by loading
+/// it late.
 struct QtService {
     const char* program;
     Method ping;

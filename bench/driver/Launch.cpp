@@ -101,9 +101,7 @@ Section MeasureLaunch(const Options& options)
         peers = std::max(peers, rows[at].ratio);
     }
     const std::string reason =
-        "most of the difference is the kernel's, which copies the map of the daemon's memory when "
-        "it forks and takes it down when the program is executed, and more than half of that map "
-        "is libcurl and what libcurl needs: see the limit with libcurl";
+        "the daemon checks program and account, and has more memory to be copied when it forks";
     Section section;
     section.title = "Launch latency";
     section.text = "From the request to the first instruction of the program, which notes the time before "

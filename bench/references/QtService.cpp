@@ -13,7 +13,7 @@
 #ifdef KX_BENCH_CURL
 #include <curl/curl.h>
 
-/// Sets libcurl up before main, as the daemon does.
+/// Sets libcurl up before main, which the daemon puts off until it needs it.
 const CURLcode g_curl = curl_global_init(CURL_GLOBAL_ALL);
 constexpr auto kName = "com.veltrasys.bench.QtCurl";
 #else

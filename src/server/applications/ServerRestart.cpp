@@ -1,14 +1,14 @@
 #include "misc/Log.h"
 #include "misc/Utils.h"
 #include "server/applications/Server.h"
+#include "server/applications/stoprequest/StopRequest.h"
 
 #include <QTimer>
 
-#include <curl/curl.h>
+#include <dlfcn.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <memory>
 
 using com::veltrasys::common::qt::qError;
 using com::veltrasys::common::qt::qInfo;
@@ -20,29 +20,24 @@ constexpr auto kSource = "/pkgs/kx-core/src/server/applications/Server";
 constexpr long kStopTimeoutSeconds = 5;
 constexpr std::chrono::seconds kStopGracePeriod{2};
 
-/// libcurl wants to be set up before any thread is started.
-class CurlInitializer {
-public:
-    CurlInitializer() { curl_global_init(CURL_GLOBAL_ALL); }
-    ~CurlInitializer() { curl_global_cleanup(); }
-    CurlInitializer(const CurlInitializer&) = delete;
-    CurlInitializer& operator=(const CurlInitializer&) = delete;
-};
-
-const CurlInitializer g_curlInitializer;
+/// \return the module's function, loaded by the first call and kept; null when that failed, which is logged
+SendStopRequest LoadStopRequest()
+{
+    void* module = dlopen(KX_STOP_REQUEST_MODULE, RTLD_NOW | RTLD_LOCAL);
+    void* function = module == nullptr ? nullptr : dlsym(module, kSendStopRequestName);
+    if (function == nullptr) {
+        qError() << KX_PREFIX(kSource) << dlerror();
+    }
+    return reinterpret_cast<SendStopRequest>(function);
+}
 
 void SendStopToApp(const QString& name)
 {
+    static const SendStopRequest send = LoadStopRequest();
     const QString url = QStringLiteral("http://localhost/cgi-bin/%1/stop").arg(name);
-    const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> request(curl_easy_init(), &curl_easy_cleanup);
-    if (!request) {
-        return;
-    }
-    curl_easy_setopt(request.get(), CURLOPT_URL, url.toLocal8Bit().constData());
-    curl_easy_setopt(request.get(), CURLOPT_TIMEOUT, kStopTimeoutSeconds);
-    const CURLcode code = curl_easy_perform(request.get());
-    if (code != CURLE_OK) {
-        qError() << KX_PREFIX(kSource) << "curl " << url << "returned " << static_cast<int>(code);
+    const int code = send == nullptr ? -1 : send(url.toLocal8Bit().constData(), kStopTimeoutSeconds);
+    if (code > 0) {
+        qError() << KX_PREFIX(kSource) << "curl " << url << "returned " << code;
     }
 }
 
