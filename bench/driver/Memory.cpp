@@ -94,9 +94,7 @@ Section MeasureMemory(const Options& /*options*/)
         "gets.";
     section.tables = scales.Tables();
     section.goals = {
-        {"private memory, written to, idle at most 1.5 x bare QtDBus", ratio, 1.5,
-         "each of the libraries that libcurl needs brings data of its own, which the linker relocates: "
-         "see the program with libcurl"},
+        {"private memory, written to, idle at most 1.5 x bare QtDBus", ratio, 1.5, "see the table"},
         {"nothing grows from call 10,000 to 20,000 (kB written to)", growth, kNoise, "see the table"},
         {"nor with 100 applications (kB written to)", growthWithApplications, kNoise, "see the table"}};
     return section;
