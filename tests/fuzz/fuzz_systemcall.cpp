@@ -1,5 +1,5 @@
 // Arguments of SystemCall: a line with the number, a line of exit statuses, then a line for each argument,
-// such as "mode s:serial"; the letter is the type.
+// such as "mode s:serial". The letter is the type; r is a text that is repeated.
 
 #include "Fuzz.h"
 #include "StandIns.h"
@@ -23,6 +23,16 @@ core::system::Server& TheServer()
     return server;
 }
 
+/// "COUNT TEXT" as that many texts: the limits lie where inputs of such a length would take the fuzzer's
+/// time.
+QString Repeated(const QByteArray& text)
+{
+    constexpr int kLongest = 200'000;
+    const int blank = text.indexOf(' ');
+    const QString part = TextOf(text.mid(blank + 1));
+    return part.repeated(qBound(0, text.left(blank).toInt(), kLongest / qMax(1, part.size())));
+}
+
 /// A value of one of the types that a caller can send.
 QVariant ValueOf(char type, const QByteArray& text)
 {
@@ -43,6 +53,8 @@ QVariant ValueOf(char type, const QByteArray& text)
         return TextOf(text).split(' ');
     case 'm':
         return QVariantMap{{TextOf(text), TextOf(text)}};
+    case 'r':
+        return Repeated(text);
     case 'n':
         return QVariant();
     default:
