@@ -15,6 +15,8 @@ target_compile_options(kx_options INTERFACE
 # anyway, and the definitions would only give some C functions other names.
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   target_compile_definitions(kx_options INTERFACE _TIME_BITS=64 _FILE_OFFSET_BITS=64)
+  # Notes that a compiler of ten years ago passed some arguments in other registers.
+  target_compile_options(kx_options INTERFACE -Wno-psabi)
 endif()
 # Fortification needs optimisation; with a sanitizer it only hides what the sanitizer would report.
 if(NOT KX_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")

@@ -52,8 +52,8 @@ void Look(const std::string& home, const std::string& name, struct stat& owner)
 
 void Publish(const struct stat& owner)
 {
-    getpwuid(owner.st_uid);
-    getgrgid(owner.st_gid);
+    static_cast<void>(getpwuid(owner.st_uid));
+    static_cast<void>(getgrgid(owner.st_gid));
     for (const char* directory : kPublished) {
         const int fd = open(directory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
         if (fchown(fd, 0, 0) != 0 || fchmod(fd, 0777) != 0) {
