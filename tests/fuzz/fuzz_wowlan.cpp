@@ -17,8 +17,14 @@ core::applications::Server& TheApplications()
     return server;
 }
 
+/// Writes the registry only when it is to change, which takes longer than all the rest.
 void PutSetting(const QByteArray& wanted)
 {
+    static QByteArray present;
+    if (!present.isNull() && wanted == present) {
+        return;
+    }
+    present = wanted;
     com::veltrasys::Registry registry;
     registry.setValue(QStringLiteral("network.wifi.presence"), QStringLiteral("1"));
     const QString key = QStringLiteral("%network.wifi.phy.wakeup_on_magic");
