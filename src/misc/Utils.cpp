@@ -13,7 +13,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -46,11 +49,32 @@ bool IsTrustedLink(const QByteArray& path)
     return S_ISLNK(link.st_mode) && link.st_uid == 0 && folder.st_uid == 0 && !othersMayRename;
 }
 
+/// A path as the system calls take it, without the slash at the end that would follow a final link.
+QByteArray EncodedPath(const QString& path)
+{
+    return QFile::encodeName(QDir::cleanPath(path));
+}
+
+bool IsDirectoryOf(const QByteArray& name, unsigned uid, unsigned gid, unsigned mode)
+{
+    constexpr mode_t kPermissions = 07777;
+    struct stat info = {};
+    return lstat(name.constData(), &info) == 0 && S_ISDIR(info.st_mode) && info.st_uid == uid &&
+           info.st_gid == gid && (info.st_mode & kPermissions) == mode;
+}
+
+bool IsLinkTo(const QByteArray& target, const QByteArray& name)
+{
+    std::array<char, PATH_MAX> text{};
+    const ssize_t size = readlink(name.constData(), text.data(), text.size());
+    return size == target.size() && std::equal(target.begin(), target.end(), text.begin());
+}
+
 /// Opens a directory that is about to change. An account that may write to the parent could have put a link
 /// to a directory of the system there, so a final link is followed only if it is trusted.
-UniqueFd OpenDirectory(const QString& path)
+/// \param name  without a slash at its end
+UniqueFd OpenDirectory(const QByteArray& name)
 {
-    const QByteArray name = QFile::encodeName(QDir::cleanPath(path));
     UniqueFd fd(open(name.constData(), kDirectoryFlags | O_NOFOLLOW));
     if (!fd) {
         const int error = errno;
@@ -99,17 +123,19 @@ namespace FileSystem {
 
 bool CreateSymlink(const QString& target, const QString& linkPath)
 {
-    if (QFileInfo(linkPath).symLinkTarget() == target) {
+    const QByteArray encodedTarget = QFile::encodeName(target);
+    const QFileInfo link(linkPath);
+    // A relative link, too, may lead to the target.
+    if (IsLinkTo(encodedTarget, QFile::encodeName(linkPath)) || link.symLinkTarget() == target) {
         return true;
     }
-    const QFileInfo link(linkPath);
-    const UniqueFd folder = OpenDirectory(link.path());
+    const UniqueFd folder = OpenDirectory(EncodedPath(link.path()));
     if (!folder) {
         return false;
     }
     const QByteArray name = QFile::encodeName(link.fileName());
     unlinkat(folder.Get(), name.constData(), 0);
-    return symlinkat(QFile::encodeName(target).constData(), folder.Get(), name.constData()) == 0;
+    return symlinkat(encodedTarget.constData(), folder.Get(), name.constData()) == 0;
 }
 
 QString NormalizeFilePath(const QString& path, const QString& homeDir)
@@ -156,10 +182,14 @@ bool RemoveFile(const QString& path)
 
 bool CreateDirIfNeeded(const QString& path, unsigned uid, unsigned gid, unsigned mode)
 {
+    const QByteArray name = EncodedPath(path);
+    if (IsDirectoryOf(name, uid, gid, mode)) {
+        return true;
+    }
     if (!QFileInfo(path).isDir() && !QDir().mkpath(path)) {
         return false;
     }
-    const UniqueFd dir = OpenDirectory(path);
+    const UniqueFd dir = OpenDirectory(name);
     if (!dir || fchown(dir.Get(), uid, gid) != 0) {
         const int error = errno;
         qError() << KX_PREFIX(kSource) << "Failed to create dir = " << error;

@@ -32,7 +32,7 @@ bool DirExists(const QString& path);
 bool RemoveFile(const QString& path);
 
 /// Creates the directory with all its parents when it is missing, then sets owner and mode, also of one that
-/// existed.
+/// existed. One that has both already is left alone, time stamps included.
 ///
 /// \param uid, gid  owner to set
 /// \param mode      permission bits to set, whatever the umask

@@ -63,9 +63,14 @@ private slots:
             QVERIFY(FileSystem::CreateSymlink("/tmp/t/target", path));
             QCOMPARE(QFile::symLinkTarget(path), QStringLiteral("/tmp/t/target"));
         }
-        const long before = ChangedAt("/tmp/t/link");
-        QVERIFY(FileSystem::CreateSymlink("/tmp/t/target", "/tmp/t/link"));
-        QCOMPARE(ChangedAt("/tmp/t/link"), before);
+        MakeLink("target", "/tmp/t/relative");
+        for (const char* right : {"/tmp/t/link", "/tmp/t/relative"}) {
+            const long before = ChangedAt(right);
+            QVERIFY(FileSystem::CreateSymlink("/tmp/t/target", right));
+            QCOMPARE(ChangedAt(right), before);
+        }
+        QVERIFY(FileSystem::CreateSymlink("/tmp/t/target2", "/tmp/t/link"));
+        QCOMPARE(QFile::symLinkTarget("/tmp/t/link"), QStringLiteral("/tmp/t/target2"));
         QVERIFY(!FileSystem::CreateSymlink("/tmp/t/target", "/tmp/t/directory"));
         QVERIFY(!FileSystem::CreateSymlink("/tmp/t/target", "/tmp/t/none/link"));
     }
@@ -91,23 +96,29 @@ private slots:
 
     void DirectoryGetsOwnerAndMode_data()
     {
-        const Table<unsigned, bool> row;
-        row("missing", 022U, false);
-        row("missing, hostile umask", 0777U, false);
-        row("present, no umask", 0U, true);
+        const Table<unsigned, unsigned, unsigned, unsigned> row;
+        row("missing", 022U, 0U, 0U, 0U);
+        row("missing, hostile umask", 0777U, 0U, 0U, 0U);
+        row("other owner", 0U, 4003U, 4003U, 0770U);
+        row("other group", 0U, 4002U, 4003U, 0770U);
+        row("other mode", 0U, 4002U, 4002U, 0700U);
+        row("sticky", 0U, 4002U, 4002U, 01770U);
     }
 
     void DirectoryGetsOwnerAndMode()
     {
-        const auto [mask, exists] = FetchRow<unsigned, bool>();
-        if (exists) {
-            MakeDirectory("/tmp/t/a/b", 4003, 4003, 0700);
+        const auto [mask, uid, gid, mode] = FetchRow<unsigned, unsigned, unsigned, unsigned>();
+        if (mode != 0) {
+            MakeDirectory("/tmp/t/a/b", uid, gid, mode);
         }
         const mode_t previous = umask(mask);
         const bool created = FileSystem::CreateDirIfNeeded("/tmp/t/a/b/", 4002, 4002, 0770);
         umask(previous);
         QVERIFY(created);
         QCOMPARE(OwnerAndMode("/tmp/t/a/b"), QStringLiteral("4002:4002 770"));
+        const long before = ChangedAt("/tmp/t/a/b");
+        QVERIFY(FileSystem::CreateDirIfNeeded("/tmp/t/a/b", 4002, 4002, 0770));
+        QCOMPARE(ChangedAt("/tmp/t/a/b"), before);
         QVERIFY(FileSystem::DirExists("/tmp/t/a/b") && FileSystem::DirExists("/tmp/t/file"));
         QVERIFY(!FileSystem::DirExists("/tmp/t/none"));
     }
