@@ -48,8 +48,9 @@ QList<QVariantMap> Server::Enumerate()
     try {
         const QStringList names =
             QDir(QStringLiteral("/home/")).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
+        core::configuration::AccountNames accounts;
         for (const QString& name : names) {
-            const ApplicationConfig config = m_parser.GatherApplicationData(name);
+            const ApplicationConfig config = m_parser.GatherApplicationData(name, accounts);
             list.append(config);
             m_applications.push_back(config);
             CreateSymlinksForLighttpd(config.m_homeDir, config.m_name);

@@ -7,8 +7,6 @@
 #include <QDir>
 #include <QDomDocument>
 
-#include <grp.h>
-#include <pwd.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -50,8 +48,14 @@ QString WithHomePrefix(const QString& command, const QString& homeDir)
 
 ApplicationConfig Parser::GatherApplicationData(const QString& name)
 {
+    AccountNames accounts;
+    return GatherApplicationData(name, accounts);
+}
+
+ApplicationConfig Parser::GatherApplicationData(const QString& name, AccountNames& accounts)
+{
     ApplicationConfig config(name);
-    GetUserGroup(config.m_homeDir, config);
+    GetUserGroup(config.m_homeDir, config, accounts);
 
     QByteArray xml;
     QDomDocument document;
@@ -198,18 +202,20 @@ QString Parser::NormalizeFilePath(const QString& path, const ApplicationConfig& 
 
 void Parser::GetUserGroup(const QString& homeDir, ApplicationConfig& config)
 {
+    AccountNames accounts;
+    GetUserGroup(homeDir, config, accounts);
+}
+
+void Parser::GetUserGroup(const QString& homeDir, ApplicationConfig& config, AccountNames& accounts)
+{
     struct stat info = {};
     if (stat(homeDir.toLatin1().constData(), &info) != 0) {
         return;
     }
     config.m_uid = info.st_uid;
     config.m_gid = info.st_gid;
-    if (const struct passwd* user = getpwuid(info.st_uid)) {
-        config.m_userName = QString::fromLocal8Bit(user->pw_name);
-    }
-    if (const struct group* group = getgrgid(info.st_gid)) {
-        config.m_groupName = QString::fromLocal8Bit(group->gr_name);
-    }
+    config.m_userName = accounts.OfUser(info.st_uid);
+    config.m_groupName = accounts.OfGroup(info.st_gid);
 }
 
 void Parser::GetResourceUIDandGID(const QString* path, unsigned int& uid, unsigned int& gid)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "server/applications/appconf/AccountNames.h"
 #include "server/applications/appconf/ApplicationConfig.h"
 
 #include <QString>
@@ -19,6 +20,9 @@ public:
     /// directory, its settings from app.conf, and FastCGI if it has no cgi-bin directory.
     ///
     /// app.conf is read only if it is a regular file of at most 1 MiB; the call does not block on it.
+    ///
+    /// \param accounts  names the owners; shared by those who gather several applications
+    static ApplicationConfig GatherApplicationData(const QString& name, AccountNames& accounts);
     static ApplicationConfig GatherApplicationData(const QString& name);
 
     /// The same from XML text in memory; does not look for a cgi-bin directory.
@@ -42,6 +46,7 @@ public:
 
     /// Fills ids and names of user and group from the owner of \a homeDir. A directory that cannot be
     /// examined changes nothing; an id without an account leaves the name empty.
+    static void GetUserGroup(const QString& homeDir, ApplicationConfig& config, AccountNames& accounts);
     static void GetUserGroup(const QString& homeDir, ApplicationConfig& config);
 
     /// Owner ids of a file or directory; all bits set in both when \a path is null or cannot be examined.

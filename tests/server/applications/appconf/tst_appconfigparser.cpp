@@ -284,8 +284,11 @@ private slots:
         QCOMPARE(identity(Parser::GatherApplicationData("pay")),
                  QStringLiteral("4294967295:4294967295 : FastCGI"));
         MakeDirectory("/home/pay", 4002, 4003);
+        const QByteArray users = ReadFile("/etc/passwd");
+        WriteFile("/etc/passwd", users + "twin:x:4002:4002::/home/twin:/bin/sh\n");
         QCOMPARE(identity(Parser::GatherApplicationData("pay")),
                  QStringLiteral("4002:4003 pay:shop FastCGI"));
+        WriteFile("/etc/passwd", users);
         QCOMPARE(identity(Parser::GatherApplicationData("", "pay")),
                  QStringLiteral("4002:4003 pay:shop CGI"));
         MakeDirectory("/home/pay/cgi-bin");

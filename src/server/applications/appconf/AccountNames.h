@@ -1,0 +1,34 @@
+#pragma once
+
+#include <QHash>
+#include <QString>
+
+#include <sys/types.h>
+
+#include <optional>
+
+namespace core::configuration {
+
+/// Names of users and groups for a pass over many ids. The C library reads its lists from the beginning for
+/// every id; this reads each list once, at the first question.
+///
+/// Answers as getpwuid and getgrgid would have at that moment. Not thread-safe.
+class AccountNames {
+public:
+    /// \return the user's name; empty for an id without an account
+    QString OfUser(uid_t id);
+
+    /// \return the group's name; empty for an id without a group
+    QString OfGroup(gid_t id);
+
+private:
+    using Names = QHash<quint32, QString>;
+
+    static Names ListUsers();
+    static Names ListGroups();
+
+    std::optional<Names> m_users;
+    std::optional<Names> m_groups;
+};
+
+} // namespace core::configuration
