@@ -8,28 +8,32 @@ namespace core::configuration {
 namespace {
 
 struct TextField {
-    const char* key;
+    QString key;
     QString ApplicationConfig::*field;
 };
 
-/// The texts that travel as they are in both directions.
-const std::array<TextField, 15> kTextFields{{
-    {"name", &ApplicationConfig::m_name},
-    {"resources", &ApplicationConfig::m_resources},
-    {"prompts", &ApplicationConfig::m_prompts},
-    {"homeButton", &ApplicationConfig::m_homeButton},
-    {"cardRanges", &ApplicationConfig::m_cardRanges},
-    {"BINRanges", &ApplicationConfig::m_BINRanges},
-    {"whiteList", &ApplicationConfig::m_whiteList},
-    {"whiteListSignature", &ApplicationConfig::m_whiteListSignature},
-    {"whiteListSignaturePath", &ApplicationConfig::m_whiteListSignaturePath},
-    {"showOnBoot", &ApplicationConfig::m_showOnBoot},
-    {"runOnBoot", &ApplicationConfig::m_runOnBoot},
-    {"homeDir", &ApplicationConfig::m_homeDir},
-    {"tmpDir", &ApplicationConfig::m_tmpDir},
-    {"groupName", &ApplicationConfig::m_groupName},
-    {"userName", &ApplicationConfig::m_userName},
-}};
+/// The texts that travel as they are in both directions. Their keys are made once for all records.
+const std::array<TextField, 15>& TextFields()
+{
+    static const std::array<TextField, 15> fields{{
+        {QStringLiteral("name"), &ApplicationConfig::m_name},
+        {QStringLiteral("resources"), &ApplicationConfig::m_resources},
+        {QStringLiteral("prompts"), &ApplicationConfig::m_prompts},
+        {QStringLiteral("homeButton"), &ApplicationConfig::m_homeButton},
+        {QStringLiteral("cardRanges"), &ApplicationConfig::m_cardRanges},
+        {QStringLiteral("BINRanges"), &ApplicationConfig::m_BINRanges},
+        {QStringLiteral("whiteList"), &ApplicationConfig::m_whiteList},
+        {QStringLiteral("whiteListSignature"), &ApplicationConfig::m_whiteListSignature},
+        {QStringLiteral("whiteListSignaturePath"), &ApplicationConfig::m_whiteListSignaturePath},
+        {QStringLiteral("showOnBoot"), &ApplicationConfig::m_showOnBoot},
+        {QStringLiteral("runOnBoot"), &ApplicationConfig::m_runOnBoot},
+        {QStringLiteral("homeDir"), &ApplicationConfig::m_homeDir},
+        {QStringLiteral("tmpDir"), &ApplicationConfig::m_tmpDir},
+        {QStringLiteral("groupName"), &ApplicationConfig::m_groupName},
+        {QStringLiteral("userName"), &ApplicationConfig::m_userName},
+    }};
+    return fields;
+}
 
 template<class Item>
 QVariantList ToVariants(const QList<Item>& items)
@@ -104,8 +108,8 @@ ApplicationConfig::ApplicationConfig(const QString& name)
 
 ApplicationConfig::ApplicationConfig(const QVariantMap& map)
 {
-    for (const TextField& text : kTextFields) {
-        this->*text.field = map.value(QLatin1String(text.key)).toString();
+    for (const TextField& text : TextFields()) {
+        this->*text.field = map.value(text.key).toString();
     }
     m_desktopItems = FromVariant<DesktopItem>(map.value(QStringLiteral("desktopItems")));
     m_configPages = FromVariant<ConfigPage>(map.value(QStringLiteral("configPages")));
@@ -159,8 +163,8 @@ void ApplicationConfig::SetApplicationName(const QString& name)
 ApplicationConfig::operator QVariantMap() const
 {
     QVariantMap map;
-    for (const TextField& text : kTextFields) {
-        map.insert(QString::fromLatin1(text.key), this->*text.field);
+    for (const TextField& text : TextFields()) {
+        map.insert(text.key, this->*text.field);
     }
     map.insert(QStringLiteral("desktopItems"), ToVariants(m_desktopItems));
     map.insert(QStringLiteral("configPages"), ToVariants(m_configPages));

@@ -62,6 +62,19 @@ int CountWords(const QString& xml, int& at)
     return words;
 }
 
+/// \return what follows the "<" at \a at
+QChar AfterBracket(const QString& xml, int at)
+{
+    return at + 1 < xml.size() ? xml.at(at + 1) : QChar();
+}
+
+/// \return whether a tag begins at \a at, and not a passage or a declaration
+bool IsTag(const QString& xml, int at)
+{
+    const QChar next = AfterBracket(xml, at);
+    return next != QLatin1Char('!') && next != QLatin1Char('?');
+}
+
 /// A parameter entity brings declarations of its own, which nobody has counted.
 bool DeclaresParameterEntity(const QStringRef& markup)
 {
@@ -75,14 +88,14 @@ XmlFlaw FlawAt(const QString& xml, int at, const QString& reason)
     return {reason, before.count(QLatin1Char('\n')) + 1, at - before.lastIndexOf(QLatin1Char('\n')) - 1};
 }
 
-/// \param markup  from its opening "<" to where CountWords found its end
+/// \param begin, end  a tag from its opening "<" to where CountWords found its end
 /// \return by how many levels what follows is nested deeper
-int DepthChange(const QStringRef& markup)
+int DepthChange(const QString& xml, int begin, int end)
 {
-    if (markup.startsWith(QLatin1String("</"))) {
+    if (AfterBracket(xml, begin) == QLatin1Char('/')) {
         return -1;
     }
-    return markup.startsWith(QLatin1String("<!")) || markup.endsWith(QLatin1Char('/')) ? 0 : 1;
+    return xml.at(end - 1) == QLatin1Char('/') ? 0 : 1;
 }
 
 /// Takes one pass over the text, since the reader recurses for each level, and needs time in proportion to
@@ -93,25 +106,26 @@ std::optional<XmlFlaw> FindExcessOfMarkup(const QString& xml)
     int declarations = 0;
     int depth = 0;
     for (int at = xml.indexOf(QLatin1Char('<')); at >= 0; at = xml.indexOf(QLatin1Char('<'), at)) {
-        const int passageEnd = EndOfPassage(xml, at);
-        if (passageEnd != at) {
-            at = passageEnd;
-            continue;
-        }
         const int begin = at;
-        const QStringRef markup = xml.midRef(begin);
-        declarations += markup.startsWith(QLatin1String("<!")) ? 1 : 0;
-        if (declarations > kMaxXmlDeclarations) {
-            return FlawAt(xml, begin, QStringLiteral("more than %1 declarations").arg(kMaxXmlDeclarations));
-        }
-        if (DeclaresParameterEntity(markup)) {
-            return FlawAt(xml, begin, QStringLiteral("a parameter entity is declared"));
+        const bool isTag = IsTag(xml, begin);
+        if (!isTag) {
+            at = EndOfPassage(xml, begin);
+            if (at != begin) {
+                continue;
+            }
+            if (DeclaresParameterEntity(xml.midRef(begin))) {
+                return FlawAt(xml, begin, QStringLiteral("a parameter entity is declared"));
+            }
+            if (++declarations > kMaxXmlDeclarations) {
+                return FlawAt(xml, begin,
+                              QStringLiteral("more than %1 declarations").arg(kMaxXmlDeclarations));
+            }
         }
         if (CountWords(xml, at) > kMaxXmlWords) {
             return FlawAt(xml, begin,
                           QStringLiteral("a tag or declaration of more than %1 words").arg(kMaxXmlWords));
         }
-        depth += DepthChange(markup.left(at - begin));
+        depth += isTag ? DepthChange(xml, begin, at) : 0;
         if (depth > kMaxXmlDepth) {
             return FlawAt(xml, begin, QString::fromLatin1(kTooDeep).arg(kMaxXmlDepth));
         }

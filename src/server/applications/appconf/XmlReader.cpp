@@ -11,15 +11,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <utility>
 
 namespace core::configuration {
 namespace {
 
-/// Opens nothing but a regular file: the mere opening of a device may act, and an application can put a link
-/// to one in its place.
-UniqueFd OpenRegularFile(const QByteArray& path, struct stat& info)
+/// Opens what a link leads to only if that is a regular file: the mere opening of a device may act.
+UniqueFd OpenLinkedFile(const QByteArray& path)
 {
+    struct stat info = {};
     const UniqueFd handle(open(path.constData(), O_PATH | O_CLOEXEC));
     if (!handle || fstat(handle.Get(), &info) != 0 || !S_ISREG(info.st_mode)) {
         return UniqueFd();
@@ -28,13 +30,28 @@ UniqueFd OpenRegularFile(const QByteArray& path, struct stat& info)
     return UniqueFd(open(name.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
 }
 
-/// Reads at most \a limit bytes up to the end of the file.
-bool ReadUpTo(int fd, int limit, QByteArray& content)
+/// Opens a regular file. An application can make pipes and links in its home, but no device.
+UniqueFd OpenRegularFile(const QByteArray& path, struct stat& info)
 {
-    content.resize(limit);
+    UniqueFd fd(open(path.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!fd && errno == ELOOP) {
+        fd = OpenLinkedFile(path);
+    }
+    const bool isRegular = fd && fstat(fd.Get(), &info) == 0 && S_ISREG(info.st_mode);
+    return isRegular ? std::move(fd) : UniqueFd();
+}
+
+/// Reads at most \a limit bytes up to the end of the file.
+/// \param expected  how large the file seems to be, less than \a limit
+bool ReadUpTo(int fd, int expected, int limit, QByteArray& content)
+{
     int used = 0;
+    content.resize(expected + 1); // the last byte shows that the file has not grown
     while (used < limit) {
-        const ssize_t count = read(fd, content.data() + used, static_cast<size_t>(limit - used));
+        if (used == content.size()) {
+            content.resize(std::min(limit, 2 * used));
+        }
+        const ssize_t count = read(fd, content.data() + used, static_cast<size_t>(content.size() - used));
         if (count < 0 && errno == EINTR) {
             continue;
         }
@@ -60,7 +77,8 @@ bool ReadConfigFile(const QString& path, QByteArray& content)
         return false;
     }
     // One byte more than allowed tells a file that grows while it is read.
-    return info.st_size <= kMaxXmlSize && ReadUpTo(fd.Get(), kMaxXmlSize + 1, content) &&
+    return info.st_size <= kMaxXmlSize &&
+           ReadUpTo(fd.Get(), static_cast<int>(info.st_size), kMaxXmlSize + 1, content) &&
            content.size() <= kMaxXmlSize;
 }
 
