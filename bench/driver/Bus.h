@@ -23,6 +23,7 @@ constexpr Method kStart{"com.veltrasys.kx.core", "/Applications", "com.veltrasys
                         "Start"};
 constexpr Method kTerminate{"com.veltrasys.kx.core", "/Applications", "com.veltrasys.kx.core.Applications",
                             "Terminate"};
+constexpr Method kRecords{"com.veltrasys.bench.Records", "/", "com.veltrasys.bench.Records", "Enumerate"};
 constexpr Method kBusPing{"com.veltrasys.bench.Bus", "/", "com.veltrasys.bench.Bus", "Ping"};
 
 /// One of the services on QtDBus; the second also sets libcurl up, to tell what the daemon saves by loading

@@ -3,9 +3,8 @@
 #include "Applications.h"
 
 #include <fcntl.h>
-#include <grp.h>
+#include <libxml/parser.h>
 #include <pugixml.hpp>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,7 +18,18 @@ constexpr auto kTree = "/var/run/www";
 constexpr std::array<const char*, 5> kPublished{kTree, "/var/run/www/cgi-bin", "/var/run/www/html",
                                                 "/var/run/www/files", "/var/run/sockets"};
 
-void Parse(const std::string& home)
+bool Parse(char* text, size_t size, XmlLibrary library)
+{
+    if (library == XmlLibrary::Pugixml) {
+        pugi::xml_document document;
+        return document.load_buffer_inplace(text, size);
+    }
+    xmlDoc* document = xmlReadMemory(text, static_cast<int>(size), nullptr, nullptr, XML_PARSE_NONET);
+    xmlFreeDoc(document);
+    return document != nullptr;
+}
+
+void Read(const std::string& home, XmlLibrary library)
 {
     std::array<char, 65536> text{};
     const int fd = open((home + "/app.conf").c_str(), O_RDONLY | O_CLOEXEC);
@@ -27,17 +37,16 @@ void Parse(const std::string& home)
     fstat(fd, &info);
     const ssize_t size = read(fd, text.data(), text.size());
     close(fd);
-    pugi::xml_document document;
-    if (size <= 0 || !document.load_buffer_inplace(text.data(), static_cast<size_t>(size))) {
+    if (size <= 0 || !Parse(text.data(), static_cast<size_t>(size), library)) {
         throw std::runtime_error(home + "/app.conf");
     }
 }
 
-void Look(const std::string& home, const std::string& name, struct stat& owner)
+void Look(const std::string& home, const std::string& name)
 {
     struct stat info = {};
     std::array<char, 256> target{};
-    stat(home.c_str(), &owner);
+    stat(home.c_str(), &info);
     stat((home + "/cgi-bin").c_str(), &info);
     for (const char* directory : kPublished) {
         stat(directory, &info);
@@ -50,32 +59,15 @@ void Look(const std::string& home, const std::string& name, struct stat& owner)
     }
 }
 
-void Publish(const struct stat& owner)
-{
-    static_cast<void>(getpwuid(owner.st_uid));
-    static_cast<void>(getgrgid(owner.st_gid));
-    for (const char* directory : kPublished) {
-        const int fd = open(directory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        if (fchown(fd, 0, 0) != 0 || fchmod(fd, 0777) != 0) {
-            throw std::runtime_error(directory);
-        }
-        close(fd);
-    }
-}
-
 } // namespace
 
-void RunFloor(int applications, Floor floor)
+void RunFloor(int applications, XmlLibrary library)
 {
     for (int i = 0; i < applications; ++i) {
         const std::string name = ApplicationName(i);
         const std::string home = "/home/" + name;
-        struct stat owner = {};
-        Parse(home);
-        Look(home, name, owner);
-        if (floor == Floor::Publish) {
-            Publish(owner);
-        }
+        Read(home, library);
+        Look(home, name);
     }
 }
 

@@ -1,0 +1,43 @@
+/// A bare service on QtDBus that gives out the records of the applications as they were when it began: what
+/// the answer of Enumerate costs by itself.
+#include "server/applications/appconf/AppConfigParser.h"
+#include "server/dbus/ApplicationList.h"
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDir>
+
+class RecordService : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "com.veltrasys.bench.Records")
+
+public:
+    RecordService()
+    {
+        core::configuration::AccountNames accounts;
+        for (const QString& name : QDir(QStringLiteral("/home")).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+            m_records.append(core::configuration::Parser::GatherApplicationData(name, accounts));
+        }
+    }
+
+public slots:
+    QList<QVariantMap> Enumerate() { return m_records; }
+
+private:
+    ApplicationList m_records;
+};
+
+int main(int argc, char** argv)
+{
+    const QCoreApplication application(argc, argv);
+    RegisterApplicationList();
+    RecordService service;
+    QDBusConnection bus = QDBusConnection::systemBus();
+    if (!bus.registerObject(QStringLiteral("/"), &service, QDBusConnection::ExportAllSlots) ||
+        !bus.registerService(QStringLiteral("com.veltrasys.bench.Records"))) {
+        return 1;
+    }
+    return QCoreApplication::exec();
+}
+
+#include "RecordService.moc"
