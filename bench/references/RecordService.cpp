@@ -15,7 +15,8 @@ public:
     RecordService()
     {
         core::configuration::AccountNames accounts;
-        for (const QString& name : QDir(QStringLiteral("/home")).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        for (const QString& name :
+             QDir(QStringLiteral("/home")).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
             m_records.append(core::configuration::Parser::GatherApplicationData(name, accounts));
         }
     }

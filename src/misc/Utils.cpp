@@ -23,6 +23,7 @@
 #include <ctime>
 #include <memory>
 #include <utility>
+#include <vector>
 
 using com::veltrasys::common::qt::qError;
 
@@ -87,6 +88,19 @@ UniqueFd OpenDirectory(const QByteArray& name)
     return fd;
 }
 
+/// \return what is in a directory at this moment; who adds to it all the time is not waited for
+std::vector<QByteArray> NamesIn(DIR* dir)
+{
+    std::vector<QByteArray> names;
+    while (const dirent* entry = readdir(dir)) {
+        const char* name = entry->d_name;
+        if (std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0) {
+            names.emplace_back(name);
+        }
+    }
+    return names;
+}
+
 /// Empties a directory through its descriptor: applications own some of these trees, and none of them can
 /// lead the walk elsewhere by swapping a folder for a link. Depth is bounded by the number of descriptors.
 void RemoveEntries(UniqueFd fd)
@@ -96,15 +110,14 @@ void RemoveEntries(UniqueFd fd)
         return;
     }
     const int dirFd = fd.Release(); // closed with the stream
-    while (const dirent* entry = readdir(dir.get())) {
-        const char* name = entry->d_name;
-        if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0 || unlinkat(dirFd, name, 0) == 0) {
+    for (const QByteArray& name : NamesIn(dir.get())) {
+        if (unlinkat(dirFd, name.constData(), 0) == 0) {
             continue;
         }
-        UniqueFd folder(openat(dirFd, name, kDirectoryFlags | O_NOFOLLOW));
+        UniqueFd folder(openat(dirFd, name.constData(), kDirectoryFlags | O_NOFOLLOW));
         if (folder) {
             RemoveEntries(std::move(folder));
-            unlinkat(dirFd, name, AT_REMOVEDIR);
+            unlinkat(dirFd, name.constData(), AT_REMOVEDIR);
         }
     }
 }
@@ -162,6 +175,21 @@ QString CanonicalPath(const QString& path)
     }
     const std::unique_ptr<char, Free> canonical(realpath(QFile::encodeName(path).constData(), nullptr));
     return QFile::decodeName(canonical.get());
+}
+
+bool StatCanonicalPath(const QString& path, struct stat& info)
+{
+    const QByteArray name = QFile::encodeName(path);
+    const UniqueFd file(open(name.constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!file || fstat(file.Get(), &info) != 0) {
+        return false;
+    }
+    // The kernel tells where the file really lies.
+    if (!IsLinkTo(name, "/proc/self/fd/" + QByteArray::number(file.Get()))) {
+        errno = ENOENT;
+        return false;
+    }
+    return true;
 }
 
 bool DirExists(const QString& path)

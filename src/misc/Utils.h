@@ -2,6 +2,8 @@
 
 #include <QString>
 
+#include <sys/stat.h>
+
 #include <chrono>
 #include <csignal>
 
@@ -23,6 +25,14 @@ QString NormalizeFilePath(const QString& path, const QString& homeDir);
 /// too
 ///         long (QFileInfo would hand out an unresolved path) or holds a NUL, at which file names would end
 QString CanonicalPath(const QString& path);
+
+/// Looks at the file that \a path leads to without any link, so that what is found out about it holds for
+/// that path: an account may exchange files and folders of its home between two looks at them.
+///
+/// \param path  as CanonicalPath returned it
+/// \param info  out: owner, mode and the rest
+/// \return whether there is such a file; otherwise errno tells why, ENOENT when a link has come into the way
+bool StatCanonicalPath(const QString& path, struct stat& info);
 
 /// \return whether something of that name exists (a plain file counts)
 bool DirExists(const QString& path);

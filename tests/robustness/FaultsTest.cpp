@@ -319,7 +319,7 @@ void FaultsTest::DescriptorsRunOut()
     static constexpr Case kCases[]{
         {"start", StartIdle,
          R"({ "errorCode": <-1> ,  "errorText": <"Failed to start /home/pay/bin/idle 1000 binary"> })",
-         "Start: Error creating pipe (Too many open files)"},
+         R"(Unable to examine "/home/pay/bin/idle" errno: 24)"},
         {"variable", VariableCall, "-1", nullptr},
         {"list", Enumerate, "{}", nullptr}, // what can be read: nothing
     };

@@ -5,7 +5,10 @@
 #include <QFileInfo>
 #include <QMetaObject>
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cerrno>
 
 using com::veltrasys::common::qt::qError;
 using core::configuration::ApplicationConfig;
@@ -24,6 +27,7 @@ struct Binary {
     QString directory; ///< canonical path of the bin directory
     QFileInfo file;    ///< as asked for
     QString path;      ///< canonical path of the program
+    struct stat info;  ///< of what is at that path
 };
 
 // The checks of a launch; each returns the message of its failure, or an empty text.
@@ -51,9 +55,25 @@ QString CheckLocation(const Binary& binary)
     return {};
 }
 
+QString StartFailure(const QString& commandLine)
+{
+    return QStringLiteral("Failed to start %1 binary").arg(commandLine);
+}
+
+QString LookAt(Binary& binary, const QString& commandLine)
+{
+    if (!FileSystem::StatCanonicalPath(binary.path, binary.info)) {
+        const int error = errno;
+        qError() << KX_PREFIX_AS(kSource, "StartApplicationBinary") << "Unable to examine" << binary.path
+                 << "errno:" << error;
+        return StartFailure(commandLine);
+    }
+    return {};
+}
+
 QString CheckExecutable(const Binary& binary)
 {
-    if (!binary.file.permission(QFileDevice::ExeOwner)) {
+    if ((binary.info.st_mode & S_IXUSR) == 0) {
         return QStringLiteral("Binary file %1 is not executable").arg(binary.file.path());
     }
     return {};
@@ -62,9 +82,9 @@ QString CheckExecutable(const Binary& binary)
 /// A program of an application account runs as its owner, any other as the application.
 QString ChooseIdentity(const Binary& binary, ApplicationConfig& config)
 {
-    if (Server::IsValidAppID(binary.file.ownerId(), binary.file.groupId())) {
-        config.m_uid = binary.file.ownerId();
-        config.m_gid = binary.file.groupId();
+    if (Server::IsValidAppID(binary.info.st_uid, binary.info.st_gid)) {
+        config.m_uid = binary.info.st_uid;
+        config.m_gid = binary.info.st_gid;
     } else if (!Server::IsValidAppID(config.m_uid, config.m_gid)) {
         return QStringLiteral("Invalid owner of file %1. Must be application user").arg(binary.file.path());
     }
@@ -120,10 +140,14 @@ QString Server::LaunchBinary(const QString& application, const QString& binary, 
         return QStringLiteral("Application %1 doesn't exist").arg(application);
     }
     ApplicationConfig config(*installed);
-    Binary program;
+    Binary program{};
     QString failure = FindBinary(config, binary, program);
     if (failure.isEmpty()) {
         failure = CheckLocation(program);
+    }
+    const QString commandLine = program.path + QLatin1Char(' ') + params;
+    if (failure.isEmpty()) {
+        failure = LookAt(program, commandLine);
     }
     if (failure.isEmpty()) {
         failure = CheckExecutable(program);
@@ -135,11 +159,7 @@ QString Server::LaunchBinary(const QString& application, const QString& binary, 
         return failure;
     }
     config.m_fastCgi = false; // only the program started at boot serves the application's socket
-    const QString commandLine = program.path + QLatin1Char(' ') + params;
-    if (!m_processManager.StartProcess(commandLine, config)) {
-        return QStringLiteral("Failed to start %1 binary").arg(commandLine);
-    }
-    return {};
+    return m_processManager.StartProcess(commandLine, config) ? QString() : StartFailure(commandLine);
 }
 
 const ApplicationConfig* Server::FindApplication(const QString& name) const

@@ -6,11 +6,14 @@
 #include "Processes.h"
 #include "TestBus.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <new>
 
 using core::applications::Server;
@@ -32,6 +35,17 @@ void Install(const QString& name, unsigned id, const QByteArray& settings = QByt
     WriteFile(home + "/html/boot.html");
     CopyProgram("/bin/sleep", home + "/bin/app");
     WriteFile(home + "/app.conf", "<application>" + settings + "</application>", id, id);
+}
+
+/// Exchanges \a path with /home/evil/spare all the time, as the application "evil".
+int Exchange(const char* path)
+{
+    if (setgid(4001) != 0 || setuid(4001) != 0) {
+        return 1;
+    }
+    while (renameat2(AT_FDCWD, path, AT_FDCWD, "/home/evil/spare", RENAME_EXCHANGE) == 0) {
+    }
+    return 1;
 }
 
 QVariantMap Request(const QString& application, const QString& binary)
@@ -245,6 +259,47 @@ private slots:
         request.insert("default", false);
         server.Start(request);
         QCOMPARE(Settle(), QStringList());
+    }
+
+    void IdentityBelongsToTheProgramThatRuns_data()
+    {
+        const Table<QByteArray, QString> row;
+        row("program exchanged", "/home/evil/bin/app", "/home/pay/bin/app");
+        row("folder exchanged", "/home/evil/bin", "/home/pay/bin");
+    }
+
+    /// An application that exchanges what is in its home between two looks at it gets no other's identity.
+    void IdentityBelongsToTheProgramThatRuns()
+    {
+        constexpr int kStarts = 700;
+        const auto [exchanged, other] = FetchRow<QByteArray, QString>();
+        RemoveAll("/tmp/ran");
+        MakeDirectory("/tmp/ran", 0, 0, 0777);
+        CopyProgram("/usr/bin/mktemp", "/home/evil/bin/app", 4001, 4001);
+        CopyProgram("/bin/true", "/home/pay/bin/app", 4002, 4002);
+        MakeDirectory("/home/evil/bin", 4001, 4001);
+        MakeDirectory("/home/evil", 4001, 4001);
+        MakeLink(other, "/home/evil/spare", 4001);
+        Server server;
+        Settle();
+        const pid_t exchange = fork();
+        if (exchange == 0) {
+            _exit(Exchange(exchanged));
+        }
+        for (int i = 0; i < kStarts; ++i) {
+            server.StartApplicationBinary("evil", "app", "-p /tmp/ran");
+        }
+        QCOMPARE(kill(exchange, SIGKILL), 0);
+        int status = 0;
+        QCOMPARE(waitpid(exchange, &status, 0), exchange);
+        QVERIFY(WIFSIGNALED(status));
+        while (waitpid(-1, nullptr, 0) > 0) {
+        }
+        const QFileInfoList files = QDir("/tmp/ran").entryInfoList(QDir::Files);
+        QVERIFY(!files.isEmpty() && files.size() < kStarts);
+        for (const QFileInfo& file : files) {
+            QCOMPARE(file.ownerId(), 4001U);
+        }
     }
 
     void ExceptionsDoNotEscape()
