@@ -72,7 +72,8 @@ QString Server::PathToURI(const QString& page, QString& name)
     }
     if (access(QFile::encodeName(path).constData(), F_OK) != 0) {
         const int error = errno;
-        qError() << KX_PREFIX(kSource) << "Requested form doesn't exist (" << page << ") errno:" << error;
+        qError() << KX_PREFIX(kSource) << "Requested form doesn't exist (" << Misc::Excerpt(page)
+                 << ") errno:" << error;
         name.clear();
         uri.clear();
     }

@@ -3,6 +3,7 @@
 #include "misc/Log.h"
 #include "misc/Utils.h"
 
+#include <algorithm>
 #include <exception>
 
 using com::veltrasys::common::qt::qError;
@@ -14,13 +15,23 @@ constexpr auto kSource = "/pkgs/kx-core/src/server/system/Server";
 
 } // namespace
 
+void LogError(const char* function, const std::string& text)
+{
+    constexpr unsigned char kDelete = 0x7F;
+    std::string shown = text;
+    std::replace_if(
+        shown.begin(), shown.end(),
+        [](unsigned char character) { return character < ' ' || character == kDelete; }, '?');
+    qError() << KX_PREFIX_AS(kSource, function) << shown.c_str();
+}
+
 bool Attempt(const char* function, const std::function<void()>& steps)
 {
     try {
         steps();
         return true;
     } catch (const std::exception& error) {
-        qError() << KX_PREFIX_AS(kSource, function) << error.what();
+        LogError(function, error.what());
     } catch (...) {
         qError() << KX_PREFIX_AS(kSource, function) << "unknown exception";
     }

@@ -26,7 +26,7 @@ constexpr std::chrono::milliseconds kRestartDelay{500};
 
 [[noreturn]] void Fail(const std::string& message)
 {
-    qError() << KX_PREFIX_AS(kSource, "DoLighttpdRestart") << message.c_str();
+    LogError("DoLighttpdRestart", message);
     throw std::runtime_error(message);
 }
 

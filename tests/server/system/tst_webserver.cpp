@@ -46,13 +46,13 @@ private slots:
                  {{kCaching, "-> /etc/lighttpd/enable_cache.conf"},
                   {kBuffering, "-> /etc/lighttpd/buffer-resp-off.conf"}});
 
-        const auto refused = [&](const char* name, const QVariantMap& args, const QString& text,
+        const auto refused = [&](const char* name, const QVariantMap& args, QString text,
                                  const Files& before = {}, const Files& after = kImage) {
             row(name, {args,
                        before,
                        {{"return", -1}, {"response", text}},
                        {},
-                       {"3 DoLighttpdRestart " + text},
+                       {"3 DoLighttpdRestart " + text.replace(QRegExp("[\n\177]"), "?")},
                        after});
         };
         refused("protocol", {{"newconf", "https"}}, "Invalid protocol: https");
@@ -60,6 +60,8 @@ private slots:
         refused("buffering", {{"buffer-resp", ""}}, "Invalid buffer-resp value: ");
         refused("earlier link stays changed", {{"newconf", "HTTPS"}, {"caching", "ON"}},
                 "Invalid caching status: ON", {}, https);
+        refused("forged record", {{"newconf", "x\n<0>kernel: panic\177"}},
+                "Invalid protocol: x\n<0>kernel: panic\177");
         refused("long value is cut", {{"newconf", QByteArray(1000000, 'x')}},
                 "Invalid protocol: " + QString(65536, 'x'));
         const Files dangling{{kConf, "-> /etc/lighttpd/none"}};

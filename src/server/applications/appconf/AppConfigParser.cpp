@@ -159,9 +159,9 @@ bool Parser::ReadItem(const QDomElement& element, const ApplicationConfig& confi
         bool isNumber = false;
         item.m_iconPosition = position.toInt(&isNumber, 10);
         if (!isNumber) {
-            qError()
-                << KX_PREFIX_AS(kSource, "ParseXMLRootNode")
-                << QStringLiteral("'icon_position' should be an integer (actual value: '%3') ").arg(position);
+            qError() << KX_PREFIX_AS(kSource, "ParseXMLRootNode")
+                     << QStringLiteral("'icon_position' should be an integer (actual value: '%3') ")
+                            .arg(Misc::Excerpt(position));
             return false;
         }
     }
@@ -194,7 +194,8 @@ QString Parser::NormalizeFilePath(const QString& path, const ApplicationConfig& 
     const QString& home = config.m_homeDir;
     if (path.startsWith(QLatin1Char('/')) && !path.startsWith(home)) {
         qError() << KX_PREFIX(kSource)
-                 << QStringLiteral("File '%1' isn't located in '%2' directory. Ignored.").arg(path, home);
+                 << QStringLiteral("File '%1' isn't located in '%2' directory. Ignored.")
+                        .arg(Misc::Excerpt(path), home);
         return {};
     }
     return FileSystem::NormalizeFilePath(path, home);
@@ -236,7 +237,7 @@ bool Parser::IsInsideHomeDir(const QString& path, const ApplicationConfig& confi
         return true;
     }
     qError() << KX_PREFIX_AS(kSource, "operator()")
-             << QStringLiteral("File '%1' is not in '%2' directory").arg(path, prefix);
+             << QStringLiteral("File '%1' is not in '%2' directory").arg(Misc::Excerpt(path), prefix);
     return false;
 }
 
@@ -248,7 +249,7 @@ QString Parser::ToWebPath(const QString& path, const ApplicationConfig& config, 
     }
     if (!path.startsWith(prefix)) {
         qError() << KX_PREFIX_AS(kSource, "operator()")
-                 << QStringLiteral("File '%1' is not in '%2' directory").arg(path, prefix);
+                 << QStringLiteral("File '%1' is not in '%2' directory").arg(Misc::Excerpt(path), prefix);
         return {};
     }
     const QString page = config.m_name + QLatin1Char('/') + path.mid(prefix.size());
