@@ -125,7 +125,8 @@ quint64 ReadHardwareClock()
 /// standard stream does not.
 bool WriteTimeOffset()
 {
-    const auto offset = static_cast<qint32>(static_cast<quint64>(std::time(nullptr)) - ReadHardwareClock());
+    const quint64 hardware = ReadHardwareClock();
+    const auto offset = static_cast<qint32>(static_cast<quint64>(std::time(nullptr)) - hardware);
     QFile file(QString::fromLatin1(kTimeOffset));
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered)) {
         return false;
@@ -310,7 +311,7 @@ bool Server::MaySetTimeInfo(const QString& source)
 
 int Server::ResetTimeInfoSource()
 {
-    return Attempt("ResetTimeInfoSource", -1, [&] {
+    return Attempt("ResetTimeInfoSource", 0, [&] {
         RecordSource(QString::fromLatin1(kUnknown));
         return 0;
     });
