@@ -3,51 +3,62 @@
 #include <grp.h>
 #include <pwd.h>
 
+#include <cstdio>
+#include <memory>
+
 namespace core::configuration {
 namespace {
 
-/// Of several accounts with one id, a search finds the first.
+struct CloseFile {
+    void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
+};
+
+using File = std::unique_ptr<std::FILE, CloseFile>;
+
+File Open(const char* path)
+{
+    return File(std::fopen(path, "re"));
+}
+
+/// Of several accounts with one id, a search finds the first. Names with a sign are directives to the search.
 void AddFirst(QHash<quint32, QString>& names, quint32 id, const char* name)
 {
-    if (!names.contains(id)) {
+    if (*name != '+' && *name != '-' && !names.contains(id)) {
         names.insert(id, QString::fromLocal8Bit(name));
     }
 }
 
 } // namespace
 
-AccountNames::Names AccountNames::ListUsers()
+AccountNames::Names AccountNames::ReadUsers()
 {
     Names names;
-    setpwent();
-    while (const struct passwd* user = getpwent()) {
+    const File file = Open("/etc/passwd");
+    while (const struct passwd* user = file ? fgetpwent(file.get()) : nullptr) {
         AddFirst(names, user->pw_uid, user->pw_name);
     }
-    endpwent();
     return names;
 }
 
-AccountNames::Names AccountNames::ListGroups()
+AccountNames::Names AccountNames::ReadGroups()
 {
     Names names;
-    setgrent();
-    while (const struct group* group = getgrent()) {
+    const File file = Open("/etc/group");
+    while (const struct group* group = file ? fgetgrent(file.get()) : nullptr) {
         AddFirst(names, group->gr_gid, group->gr_name);
     }
-    endgrent();
     return names;
 }
 
 QString AccountNames::OfUser(uid_t id)
 {
     if (!m_users) {
-        m_users = ListUsers();
+        m_users = ReadUsers();
     }
     const auto known = m_users->constFind(id);
     if (known != m_users->constEnd()) {
         return *known;
     }
-    // A source of accounts need not let itself be listed.
     const struct passwd* user = getpwuid(id);
     return user != nullptr ? QString::fromLocal8Bit(user->pw_name) : QString();
 }
@@ -55,7 +66,7 @@ QString AccountNames::OfUser(uid_t id)
 QString AccountNames::OfGroup(gid_t id)
 {
     if (!m_groups) {
-        m_groups = ListGroups();
+        m_groups = ReadGroups();
     }
     const auto known = m_groups->constFind(id);
     if (known != m_groups->constEnd()) {

@@ -79,7 +79,12 @@ bool IsTag(const QString& xml, int at)
 bool DeclaresParameterEntity(const QStringRef& markup)
 {
     const QLatin1String begin("<!ENTITY");
-    return markup.startsWith(begin) && markup.mid(begin.size()).trimmed().startsWith(QLatin1Char('%'));
+    if (!markup.startsWith(begin)) {
+        return false;
+    }
+    const auto* name = std::find_if_not(markup.begin() + begin.size(), markup.end(),
+                                        [](QChar character) { return character.isSpace(); });
+    return name != markup.end() && *name == QLatin1Char('%');
 }
 
 XmlFlaw FlawAt(const QString& xml, int at, const QString& reason)

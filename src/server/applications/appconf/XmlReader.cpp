@@ -11,7 +11,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -30,28 +29,27 @@ UniqueFd OpenLinkedFile(const QByteArray& path)
     return UniqueFd(open(name.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
 }
 
-/// Opens a regular file. An application can make pipes and links in its home, but no device.
+/// Opens nothing but a regular file. Should an application put something else in its place between the two
+/// looks, then a pipe of its own at most: it can make no device, and a link is not followed.
 UniqueFd OpenRegularFile(const QByteArray& path, struct stat& info)
 {
-    UniqueFd fd(open(path.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!fd && errno == ELOOP) {
+    UniqueFd fd;
+    if (lstat(path.constData(), &info) == 0 && S_ISREG(info.st_mode)) {
+        fd.Reset(open(path.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    } else if (S_ISLNK(info.st_mode)) {
         fd = OpenLinkedFile(path);
     }
     const bool isRegular = fd && fstat(fd.Get(), &info) == 0 && S_ISREG(info.st_mode);
     return isRegular ? std::move(fd) : UniqueFd();
 }
 
-/// Reads at most \a limit bytes up to the end of the file.
-/// \param expected  how large the file seems to be, less than \a limit
-bool ReadUpTo(int fd, int expected, int limit, QByteArray& content)
+/// \return false when the file cannot be read, or holds more than \a size bytes: somebody is writing it
+bool ReadWhole(int fd, int size, QByteArray& content)
 {
     int used = 0;
-    content.resize(expected + 1); // the last byte shows that the file has not grown
-    while (used < limit) {
-        if (used == content.size()) {
-            content.resize(std::min(limit, 2 * used));
-        }
-        const ssize_t count = read(fd, content.data() + used, static_cast<size_t>(content.size() - used));
+    content.resize(size + 1);
+    while (used <= size) {
+        const ssize_t count = read(fd, content.data() + used, static_cast<size_t>(size + 1 - used));
         if (count < 0 && errno == EINTR) {
             continue;
         }
@@ -64,7 +62,7 @@ bool ReadUpTo(int fd, int expected, int limit, QByteArray& content)
         used += static_cast<int>(count);
     }
     content.truncate(used);
-    return true;
+    return used <= size;
 }
 
 } // namespace
@@ -73,13 +71,7 @@ bool ReadConfigFile(const QString& path, QByteArray& content)
 {
     struct stat info = {};
     const UniqueFd fd = OpenRegularFile(QFile::encodeName(path), info);
-    if (!fd) {
-        return false;
-    }
-    // One byte more than allowed tells a file that grows while it is read.
-    return info.st_size <= kMaxXmlSize &&
-           ReadUpTo(fd.Get(), static_cast<int>(info.st_size), kMaxXmlSize + 1, content) &&
-           content.size() <= kMaxXmlSize;
+    return fd && info.st_size <= kMaxXmlSize && ReadWhole(fd.Get(), static_cast<int>(info.st_size), content);
 }
 
 bool ParseXml(const QByteArray& xml, QDomDocument& document)

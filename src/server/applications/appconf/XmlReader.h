@@ -7,7 +7,7 @@
 namespace core::configuration {
 
 /// Reads a regular file of at most kMaxXmlSize bytes without ever blocking on it.
-/// \return whether it could be read whole into \a content
+/// \return whether it could be read whole into \a content; one that grows meanwhile could not
 bool ReadConfigFile(const QString& path, QByteArray& content);
 
 /// Parses \a xml without namespace processing, keeping text that is only blanks.

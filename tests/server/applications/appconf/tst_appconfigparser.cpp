@@ -246,6 +246,13 @@ private slots:
         QCOMPARE(read(watch.Get(), &event, sizeof(event)), ssize_t(-1));
     }
 
+    void LinkedFileIsRead()
+    {
+        WriteFile("/tmp/real", "<application><prompts>p</prompts></application>");
+        MakeLink("/tmp/real", "/home/pay/app.conf", 4002);
+        QCOMPARE(Parser::GatherApplicationData("pay").m_prompts, QStringLiteral("/home/pay/p"));
+    }
+
     void LimitsAreInclusive()
     {
         const QByteArray deep = Nested(200000); // longer than a file may be
