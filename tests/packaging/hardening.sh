@@ -9,21 +9,9 @@ readonly required=(usr/sbin/kxcore usr/bin/kxctl usr/bin/kxregistry)
 readonly always_checked='v?(printf|fprintf|sprintf|snprintf|dprintf|asprintf|syslog)'
 # No function in it has anything on its stack that could overflow, so nothing is watched.
 readonly without_buffers=kxcore/stop-request.so
-failures=0
 
-# check TEXT COMMAND...: counts a failure unless the command succeeds
-check() {
-    local text=$1
-    shift
-    if "$@"; then
-        echo "ok      $text"
-    else
-        echo "FAILED  $text"
-        failures=$((failures + 1))
-    fi
-}
-
-not() { ! "$@"; }
+# shellcheck source=/dev/null
+source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/../support/checks.sh"
 
 # has PATTERN READELF-OPTION... FILE: whether a line of readelf's output, all of which is read, matches
 has() { readelf --wide "${@:2}" 2>/dev/null | grep -E -- "$1" >/dev/null; }
@@ -66,7 +54,7 @@ main() {
     if [[ $fortified = --fortified ]]; then
         check "the daemon has its calls checked" imports '__[a-z]+_chk' "$stage/usr/sbin/kxcore"
     fi
-    exit $((failures > 0))
+    finish
 }
 
 [[ $# -ge 1 && -d $1 ]] || {

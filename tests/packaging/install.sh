@@ -72,12 +72,8 @@ serves_by_policy() {
     check_equal "there is one daemon" 1 "$(pid_of_daemon | wc -l)"
     check "a member of the group sees the applications" as clerk sh -c 'kxctl apps | grep -q ^pay'
     check "but may not reboot" not as clerk kxctl system reboot
-    check_equal "and is told who may" "kxctl: the system bus does not let this account ask for that" \
-        "$(as clerk kxctl system reboot 2>&1 | sed 's/;.*//')"
     check "an application may not even look" not as pay kxctl apps
-    check "nobody has rebooted" not grep -q ^reboot /run/standins/calls
     check "a member of the other group may" as admin kxctl system reboot
-    check "and it is done" grep -qx reboot /run/standins/calls
 }
 
 clients_build() {

@@ -2,7 +2,7 @@
 # For test scripts: they make their checks, then finish.
 failures=0
 
-# check TEXT COMMAND...: counts a failure unless the command succeeds
+# check TEXT COMMAND...: counts a failure, and returns it, unless the command succeeds
 check() {
     local text=$1 output
     shift
@@ -11,6 +11,7 @@ check() {
     else
         echo "FAILED  $text: $* $output"
         failures=$((failures + 1))
+        return 1
     fi
 }
 
@@ -20,6 +21,23 @@ check_equal() {
 }
 
 not() { ! "$@"; }
+
+# status_of COMMAND...: prints how it ended, and nothing else
+status_of() {
+    local status=0
+    "$@" >/dev/null 2>&1 || status=$?
+    echo "$status"
+}
+
+# eventually COMMAND...: waits until the command succeeds, ten seconds at most on a machine of the usual speed
+eventually() {
+    local tries
+    for ((tries = 0; tries < 100 * ${KX_TIME_FACTOR:-1}; ++tries)); do
+        ! "$@" >/dev/null 2>&1 || return 0
+        sleep 0.1
+    done
+    return 1
+}
 
 # finish: exits with what came of all checks
 finish() { exit $((failures > 0)); }

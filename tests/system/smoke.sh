@@ -5,30 +5,9 @@
 set -uo pipefail
 
 [[ -e /run/kx-private-root ]] || { echo "this runs in scripts/sandbox only" >&2; exit 1; }
-readonly tries=$((100 * ${KX_TIME_FACTOR:-1}))
 
-# check TEXT COMMAND...: ends the test unless the command succeeds
-check() {
-    local text=$1
-    shift
-    if "$@"; then
-        echo "ok      $text"
-        return
-    fi
-    echo "FAILED  $text: $*"
-    tail -n 20 /var/log/messages
-    exit 1
-}
-
-# eventually COMMAND...: waits until the command succeeds
-eventually() {
-    local try
-    for ((try = 0; try < tries; ++try)); do
-        ! "$@" >/dev/null 2>&1 || return 0
-        sleep 0.1
-    done
-    return 1
-}
+# shellcheck source=/dev/null
+source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/../support/checks.sh"
 
 install_application() {
     mkdir -p /home/pay/bin
@@ -42,19 +21,14 @@ install_application() {
 
 lists_the_application() { kxctl apps | grep -Eq '^pay +pay +4002/4002 +FastCGI'; }
 has_run() { [[ $(stat -c %U "/tmp/pay/$1") = pay && $(<"/tmp/pay/$1") = kxctl* ]]; }
-has_status() {
-    local expected=$1 status=0
-    shift
-    "$@" || status=$?
-    test "$status" = "$expected"
-}
 
 main() {
     local daemon
+    trap '[[ $? = 0 ]] || tail -n 20 /var/log/messages' EXIT
     install_application
     kxcore --no-daemon &
     daemon=$!
-    check "the daemon serves, and lists the application" eventually lists_the_application
+    check "the daemon serves, and lists the application" eventually lists_the_application || finish
     check "whose boot program runs as its account" eventually has_run boot
     check "a program is started on demand" kxctl start pay receipt demand
     check "and runs as its account" eventually has_run demand
@@ -65,11 +39,13 @@ main() {
     check "and kernel modules" grep -q '^modprobe ' /run/standins/calls
     check "the time zone is set" kxctl zone set Europe/Berlin
     check "by its link" test /etc/localtime -ef /usr/share/zoneinfo/Europe/Berlin
-    check "an ordinary account is refused" \
-        has_status 1 setpriv --reuid guest --regid guest --init-groups kxctl apps
-    check "so is a second daemon" has_status 2 kxcore --no-daemon
+    check_equal "an ordinary account is refused" 1 \
+        "$(status_of setpriv --reuid guest --regid guest --init-groups kxctl apps)"
+    check_equal "so is a second daemon" 2 "$(status_of kxcore --no-daemon)"
     check "the daemon is told to end" kill "$daemon"
-    check "and does" has_status 0 wait "$daemon"
+    wait "$daemon"
+    check_equal "and does" 0 $?
+    finish
 }
 
 main "$@"
