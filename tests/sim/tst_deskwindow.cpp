@@ -2,14 +2,13 @@
 #include "BrowserService.h"
 #include "DaemonFixture.h"
 #include "DeskWindow.h"
+#include "WebServer.h"
 #include "server/dbus/VectorOfPairSS.h"
 
 #include <QApplication>
 #include <QDBusConnection>
 #include <QDir>
-#include <QProcess>
 #include <QPushButton>
-#include <QTcpSocket>
 
 namespace {
 
@@ -60,12 +59,7 @@ void DeskWindowTest::KeysReachTheApplicationsAndTheirPages()
         {{"html/form.html", kForm}, {"html/home.html", PageCalled("home of pay")}});
     QDir().mkpath("/run/www");
     QProcess web;
-    web.start("/usr/sbin/lighttpd", {"-D", "-f", "/usr/libexec/kx-sim/lighttpd.conf"});
-    KX_TRY_VERIFY([] {
-        QTcpSocket socket;
-        socket.connectToHost("127.0.0.1", 80);
-        return socket.waitForConnected(100);
-    }());
+    QVERIFY(kxtest::StartWebServer(web, "/usr/libexec/kx-sim/lighttpd.conf"));
 
     WebView view;
     view.setFixedSize(320, 480);

@@ -167,7 +167,6 @@ void DaemonFixture::InjectFault(const QString& fault)
 bool DaemonFixture::Launch(const QStringList& arguments)
 {
     m_logMark = LogMark();
-    m_detached = false;
     m_process.setProcessEnvironment(m_environment);
     m_process.start(kProgram, arguments);
     const bool started = m_process.waitForStarted(Bound(kPatience));
@@ -189,16 +188,6 @@ bool DaemonFixture::WaitUntilServing()
     return serving;
 }
 
-bool DaemonFixture::LaunchDetached(const QStringList& arguments)
-{
-    if (!Launch(arguments) || WaitForExit() != 0 || !WaitFor(IsNameOwned)) {
-        return false;
-    }
-    m_pid = static_cast<pid_t>(QDBusConnection::systemBus().interface()->servicePid(Service()).value());
-    m_detached = true;
-    return true;
-}
-
 void DaemonFixture::Signal(int signo) const
 {
     if (m_pid > 1) {
@@ -211,14 +200,12 @@ int DaemonFixture::WaitForExit(int milliseconds)
     if (!WaitFor([this] { return !IsRunning(); }, milliseconds)) {
         return -1;
     }
-    const bool isKilled = !m_detached && m_process.exitStatus() == QProcess::CrashExit;
-    return m_detached ? 0 : (isKilled ? kSignalled : 0) + m_process.exitCode();
+    return (m_process.exitStatus() == QProcess::CrashExit ? kSignalled : 0) + m_process.exitCode();
 }
 
 bool DaemonFixture::IsRunning() const
 {
-    return m_detached ? !StatusOf(m_pid).value("State", "Z").startsWith('Z')
-                      : m_process.state() != QProcess::NotRunning;
+    return m_process.state() != QProcess::NotRunning;
 }
 
 int DaemonFixture::OpenDescriptors() const

@@ -97,14 +97,9 @@ public:
     /// Waits until the event loop of the daemon answers on the bus, which is after its boot sequence.
     bool WaitUntilServing();
 
-    /// Starts a daemon that detaches itself, and finds it on the bus, so that Pid and Signal work on it.
-    /// \return false when the program that was started did not end with status 0, or no daemon came to the
-    /// bus
-    bool LaunchDetached(const QStringList& arguments);
-
     void Signal(int signo) const;
 
-    /// \return the exit status, 0 for a daemon that has detached itself; 1000 plus the number of the signal
+    /// \return the exit status; 1000 plus the number of the signal
     ///         that ended it; -1 when it still runs after the bound
     int WaitForExit(int milliseconds = kPatience);
 
@@ -147,7 +142,6 @@ private:
     QProcess m_process;
     QProcessEnvironment m_environment = QProcessEnvironment::systemEnvironment();
     pid_t m_pid = 0;
-    bool m_detached = false;
     qint64 m_logMark = 0;
     ApplicationsProxy m_applications;
 };

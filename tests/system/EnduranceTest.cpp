@@ -1,7 +1,5 @@
 #include "DaemonFixture.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <csignal>
 
@@ -79,8 +77,7 @@ private slots:
 private:
     long ResidentKilobytes() const
     {
-        const QByteArray statm = ReadFile(QStringLiteral("/proc/%1/statm").arg(m_daemon.Pid()));
-        return statm.split(' ').value(1).toLong() * (sysconf(_SC_PAGESIZE) / 1024);
+        return StatusOf(m_daemon.Pid()).value("VmRSS").split(' ').first().toLong();
     }
 
     bool HasZombies() const

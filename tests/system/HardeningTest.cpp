@@ -56,9 +56,7 @@ private slots:
         QVERIFY(
             !daemon.WaitForRecord("Start: Failed to execute child (Argument list too long)").text.isEmpty());
         // Taken apart and copied, they take some 900 MiB.
-        const QByteArray status = ReadFile(QString("/proc/%1/status").arg(daemon.Pid()));
-        const qint64 peak =
-            status.mid(status.indexOf("VmHWM:") + 6).trimmed().split(' ').first().toLongLong();
+        const qint64 peak = StatusOf(daemon.Pid()).value("VmHWM").split(' ').first().toLongLong();
         QVERIFY2(peak > 0 && peak < 600 * 1024, qPrintable(QString::number(peak)));
         QCOMPARE(daemon.Stop(), 0);
     }

@@ -1,4 +1,3 @@
-#include "CommandRun.h"
 #include "DaemonFixture.h"
 
 #include <QDBusInterface>
@@ -29,22 +28,6 @@ QString Introspect(const QString& object)
     return QDBusReply<QString>(interface.call("Introspect")).value();
 }
 
-/// "name kind signature result" of each member that busctl shows for the interface, in its order.
-QStringList MembersShownByBusctl(const QString& object)
-{
-    const auto busctl =
-        kxtest::RunCommand("busctl", {"--system", "--no-pager", "--no-legend", "introspect",
-                                      "com.veltrasys.kx.core", '/' + object, InterfaceOf(object)});
-    QStringList members;
-    for (const QString& line : busctl.out.split('\n')) {
-        const QStringList columns = line.split(' ', Qt::SkipEmptyParts);
-        if (columns.size() >= 4 && columns.first().startsWith('.')) {
-            members.append(columns.mid(0, 4).join(' '));
-        }
-    }
-    return members;
-}
-
 } // namespace
 
 /// What the daemon shows of its objects to a client that knows nothing of them.
@@ -54,30 +37,16 @@ class InterfaceTest : public QObject {
 private slots:
     void initTestCase() { QVERIFY(m_daemon.Start()); }
 
-    void HasItsMembersOnly_data()
+    void IsTheInstalledOne()
     {
-        const Table<bool, QStringList> row; // whether its methods are described, and what it has
-        row("Applications", true,
-            {".Enumerate method - aa{sv}", ".Restart method s -", ".Start method a{sv} a{sv}",
-             ".Terminate method - -", ".OnStarted signal a{sv} -", ".OnTerminate signal a{sv} -"});
-        row("System", true, {".SystemCall method ia{sv} a{sv}"});
-        row("Tools", false,
-            {".EnableAudiopayd method b -", ".IsAudiopaydEnabled method - b",
-             ".ResetTimeInfoSource method - i", ".SaveVariableValue method ss i", ".SetSystemTime method s i",
-             ".SetTimeInfo method sss i", ".SetTimeZone method s i", ".TimeInfoChanged signal sss -"});
-    }
-
-    void HasItsMembersOnly()
-    {
-        const auto [documented, members] = FetchRow<bool, QStringList>();
-        const QString object = QTest::currentDataTag();
-        const QString interface = InterfaceOf(object);
-        QCOMPARE(MembersShownByBusctl(object), members);
-        const QString element =
-            InterfaceElement(ReadFile("/usr/share/dbus-1/interfaces/" + interface + ".xml"), interface);
-        QVERIFY(element.contains("<method "));
-        QCOMPARE(element.contains("<!--"), documented);
-        QCOMPARE(InterfaceElement(Introspect(object), interface), element);
+        for (const QString object : {"Applications", "System", "Tools"}) {
+            const QString interface = InterfaceOf(object);
+            const QString element =
+                InterfaceElement(ReadFile("/usr/share/dbus-1/interfaces/" + interface + ".xml"), interface);
+            QVERIFY(element.contains("<method "));
+            QCOMPARE(element.contains("<!--"), object != "Tools"); // whether its methods are described
+            QCOMPARE(InterfaceElement(Introspect(object), interface), element);
+        }
     }
 
     void CarriesBothTypeAnnotations()

@@ -1,6 +1,8 @@
 #include "CommandRun.h"
 #include "DaemonFixture.h"
 
+#include <QDBusConnectionInterface>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -81,14 +83,19 @@ private slots:
     void Detaches()
     {
         DaemonFixture daemon;
-        QVERIFY(daemon.LaunchDetached({"--unknown"}));
+        QVERIFY(daemon.Launch({"--unknown"}));
+        QCOMPARE(daemon.WaitForExit(), 0);
+        KX_TRY_VERIFY(DaemonFixture::IsNameOwned());
         QVERIFY(daemon.WaitUntilServing());
-        QCOMPARE(TargetOf(daemon.Pid(), "cwd"), QStringLiteral("/"));
+        const auto* bus = QDBusConnection::systemBus().interface();
+        const auto pid = static_cast<pid_t>(bus->servicePid("com.veltrasys.kx.core").value());
+        QCOMPARE(TargetOf(pid, "cwd"), QStringLiteral("/"));
         for (const char* stream : {"fd/0", "fd/1", "fd/2"}) {
-            QCOMPARE(TargetOf(daemon.Pid(), stream), QStringLiteral("/dev/null"));
+            QCOMPARE(TargetOf(pid, stream), QStringLiteral("/dev/null"));
         }
-        QCOMPARE(getsid(daemon.Pid()), daemon.Pid());
-        QCOMPARE(daemon.Stop(), 0);
+        QCOMPARE(getsid(pid), pid);
+        QCOMPARE(kill(pid, SIGTERM), 0);
+        KX_TRY_VERIFY(StatusOf(pid).value("State", "Z").startsWith('Z'));
     }
 
     void LeavesTheNameToTheFirstInstance()

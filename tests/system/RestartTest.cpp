@@ -1,19 +1,19 @@
 #include "DaemonFixture.h"
+#include "WebServer.h"
 
 #include <QTcpServer>
-#include <QTcpSocket>
 
 #include <csignal>
 #include <memory>
 
 using kxtest::DaemonFixture;
 using kxtest::InstallApplication;
+using kxtest::kWebPort;
 using kxtest::ProcessesOf;
 using kxtest::Script;
 
 namespace {
 
-constexpr quint16 kWebPort = 80;
 const QString kScheduled = QStringLiteral("Terminal restart is scheduled");
 
 /// \return how often the terminal was told to reboot
@@ -55,12 +55,7 @@ printf 'Content-Type: text/plain\r\n\r\n'
         InstallApplication("mute", 4005, 4005); // has no stop program, which is no error
         QVERIFY(m_daemon->Start());
         QProcess webServer;
-        webServer.start("lighttpd", {"-D", "-f", KX_LIGHTTPD_CONF});
-        KX_TRY_VERIFY([] {
-            QTcpSocket socket;
-            socket.connectToHost("127.0.0.1", kWebPort);
-            return socket.waitForConnected(100);
-        }());
+        QVERIFY(kxtest::StartWebServer(webServer, KX_LIGHTTPD_CONF));
         KX_TRY_COMPARE(ProcessesOf("/home/shop/bin/idle").size(), 1);
         QSignalSpy terminated(&m_daemon->Applications(), &ApplicationsProxy::OnTerminate);
 
@@ -102,27 +97,22 @@ printf 'Content-Type: text/plain\r\n\r\n'
                  QStringList("err SendStopToApp curl \"http://localhost/cgi-bin/pay/stop\" returned 28"));
     }
 
-    void EndsAfterTheRestart_data()
-    {
-        const Table<bool> row;
-        row("during the pause", false);
-        row("during a request", true);
-    }
-
     void EndsAfterTheRestart()
     {
-        const auto [isSilent] = FetchRow<bool>();
-        InstallApplication("pay", 4002, 4002);
-        QVERIFY(m_daemon->Start());
-        QTcpServer silent;
-        QVERIFY(!isSilent || silent.listen(QHostAddress::LocalHost, kWebPort));
-        m_daemon->Applications().Restart({}).waitForFinished();
-        // The request for the end comes while the restart is under way, and must not be lost.
-        QVERIFY(m_daemon->WaitForRecord(isSilent ? kScheduled : QStringLiteral("curl")).line > 0);
-        QCOMPARE(Reboots(), 0);
-        m_daemon->Signal(SIGTERM);
-        QCOMPARE(m_daemon->WaitForExit(20000), 0);
-        QCOMPARE(Reboots(), 1);
+        for (const bool duringRequest : {false, true}) {
+            init();
+            InstallApplication("pay", 4002, 4002);
+            QVERIFY(m_daemon->Start());
+            QTcpServer silent;
+            QVERIFY(!duringRequest || silent.listen(QHostAddress::LocalHost, kWebPort));
+            m_daemon->Applications().Restart({}).waitForFinished();
+            // The request for the end comes while the restart is under way, and must not be lost.
+            QVERIFY(m_daemon->WaitForRecord(duringRequest ? kScheduled : QStringLiteral("curl")).line > 0);
+            QCOMPARE(Reboots(), 0);
+            m_daemon->Signal(SIGTERM);
+            QCOMPARE(m_daemon->WaitForExit(20000), 0);
+            QCOMPARE(Reboots(), 1);
+        }
     }
 
 private:

@@ -75,12 +75,6 @@ private slots:
         // What the parser logs.
         row("outside the home", "<prompts>/etc/passwd</prompts>",
             "2: error: <prompts>: File '/etc/passwd' isn't located in '/home/pay' directory. Ignored.");
-        row("out of the home", "<bin_ranges>../shop/x</bin_ranges>",
-            "2: error: <bin_ranges>: File '/home/shop/x' is not in '/home/pay/' directory");
-        row("blank form", "<desktop_item> </desktop_item>",
-            "2: error: <desktop_item>: No form defined for <desktop_item/> (pay)");
-        row("position", "<config_page icon_position=\"0x10\">html/index.html</config_page>",
-            "2: error: <config_page>: 'icon_position' should be an integer (actual value: '0x10')");
         row("quotes in a message", "<config_page icon_position='\"\\'>html/index.html</config_page>",
             "2: error: <config_page>: 'icon_position' should be an integer (actual value: '\"\\')");
         file("root", "<app/>",

@@ -26,10 +26,8 @@ private slots:
         const Table<QString, QString> table;
         const auto row = [&](const char* words, const char* expected) { table(words, words, expected); };
         row("a", "app apps audiopayd");
-        row("sy", "system");
         row("system k", "kernel keypad");
         row("system kernel ", "--help --json --timeout set");
-        row("time", "time timeinfo");
         row("var ", "set");
         row("app ", "--help --json --timeout pay shop");
         row("--json app p", "pay");
@@ -37,9 +35,7 @@ private slots:
         row("start pay receipt r", "");
         row("audiopayd o", "off on");
         row("system console ", "--help --json --timeout disable enable");
-        row("system usb --m", "--mode");
         row("system usb --mode ", "ethernet serial");
-        row("system usb --mode serial --full", "--full-speed");
         row("system web --caching o", "off on");
         row("apps --timeout 5 --n", "--names");
         row("check /tmp/ap", "/tmp/application");

@@ -14,33 +14,14 @@ class KxctlUsageTest : public QObject {
 private slots:
     void WithoutDaemon()
     {
-        for (const QString command : {"apps",
-                                      "app pay",
-                                      "start",
-                                      "start pay receipt",
-                                      "home",
-                                      "stop",
-                                      "restart --yes",
-                                      "monitor",
-                                      "time set 2024-05-17",
-                                      "zone set UTC",
-                                      "timeinfo  UTC HOST",
-                                      "timeinfo reset",
-                                      "var set A b",
-                                      "audiopayd",
-                                      "audiopayd on",
-                                      "system reboot",
-                                      "system poweroff",
-                                      "system hwtest",
-                                      "system console enable",
-                                      "system log text",
-                                      "system web",
-                                      "system usb --mode serial",
-                                      "system kernel",
-                                      "system kernel set 1",
-                                      "system battery",
-                                      "system keypad",
-                                      "system call 99 text=x --json"}) {
+        const QString commands =
+            "apps;app pay;start;start pay receipt;home;stop;restart --yes;monitor;"
+            "time set 2024-05-17;zone set UTC;timeinfo  UTC HOST;timeinfo reset;var set A b;"
+            "audiopayd;audiopayd on;system reboot;system poweroff;system hwtest;"
+            "system console enable;system log text;system web;system usb --mode serial;"
+            "system kernel;system kernel set 1;system battery;system keypad;"
+            "system call 99 text=x --json";
+        for (const QString& command : commands.split(';')) {
             const CommandRun run = RunKxctl(command.split(' '));
             QCOMPARE(command + ": " + run.err, command + ": kxctl: the daemon is not running\n");
             QCOMPARE(run.status, 3);

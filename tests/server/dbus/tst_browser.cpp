@@ -13,6 +13,28 @@ constexpr auto kFile = "/tmp/once.html";
 class BrowserTest : public Fixture {
     Q_OBJECT
 
+    static void ExpectRemoval(bool pending, bool success)
+    {
+        FakeBrowser fake;
+        QVERIFY(pending || fake.Appear());
+        Browser browser;
+        browser.ShowPage("once", kFile);
+        QVERIFY(!pending || fake.Appear());
+        QCOMPARE(fake.TakePages(), QStringList("once"));
+        for (int load = 0; load < 2; ++load) { // each one tries, until another page is asked for
+            WriteFile(kFile);
+            fake.TakePages();
+            QVERIFY(QFileInfo::exists(kFile));
+            emit fake.loadCompleted(success);
+            QTRY_VERIFY(!QFileInfo::exists(kFile));
+        }
+        browser.ShowPage("other", {});
+        WriteFile(kFile);
+        emit fake.loadCompleted(success);
+        fake.TakePages();
+        QVERIFY(QFileInfo::exists(kFile));
+    }
+
 private slots:
     void initTestCase()
     {
@@ -51,35 +73,11 @@ private slots:
         QCOMPARE(fake.TakePages(), QStringList("last"));
     }
 
-    void FileIsRemovedWhenPageHasLoaded_data()
-    {
-        const Table<bool, bool> row;
-        row("loaded", false, true);
-        row("failed", false, false);
-        row("loaded, asked for while away", true, true);
-    }
-
     void FileIsRemovedWhenPageHasLoaded()
     {
-        const auto [pending, success] = FetchRow<bool, bool>();
-        FakeBrowser fake;
-        QVERIFY(pending || fake.Appear());
-        Browser browser;
-        browser.ShowPage("once", kFile);
-        QVERIFY(!pending || fake.Appear());
-        QCOMPARE(fake.TakePages(), QStringList("once"));
-        for (int load = 0; load < 2; ++load) { // each one tries, until another page is asked for
-            WriteFile(kFile);
-            fake.TakePages();
-            QVERIFY(QFileInfo::exists(kFile));
-            emit fake.loadCompleted(success);
-            QTRY_VERIFY(!QFileInfo::exists(kFile));
-        }
-        browser.ShowPage("other", {});
-        WriteFile(kFile);
-        emit fake.loadCompleted(success);
-        fake.TakePages();
-        QVERIFY(QFileInfo::exists(kFile));
+        ExpectRemoval(false, true);
+        ExpectRemoval(false, false);
+        ExpectRemoval(true, true);
     }
 
     void UnreachableBrowserCostsThePage()

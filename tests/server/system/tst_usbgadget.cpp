@@ -105,8 +105,6 @@ private slots:
         const QString uniqueId = kFlags + "usb_uid";
         failure("directory", {}, {{"/etc/platform/usb_gadget", "-> /none"}},
                 "create directory '/etc/platform/usb_gadget', File exists");
-        failure("open hub id", {{"hubid", "1"}}, {{kHubId + "/file", ""}},
-                "open file '/etc/platform/sys/hubID', Is a directory");
         failure("write hub id", {{"hubid", "1"}}, {{kHubId, "-> /dev/full"}},
                 "write to file '/etc/platform/sys/hubID', No space left on device");
         failure("delete hub id", {{"hubid", ""}}, {{kHubId + "/file", ""}},
