@@ -77,7 +77,8 @@ private slots:
     {
         kxtest::RemoveApplications();
         InstallApplication("desktop", 4001, 4001, {}, {{"html/index.html", kDesktop}});
-        StartScreen();
+        m_screen.start(kSim + "screen", QStringList());
+        KX_TRY_VERIFY(IsOnBus());
         m_daemon = std::make_unique<DaemonFixture>();
         m_browser = std::make_unique<WebBrowserProxy>(kBrowser, "/", QDBusConnection::systemBus(), nullptr);
     }
@@ -191,12 +192,6 @@ private slots:
     }
 
 private:
-    void StartScreen()
-    {
-        m_screen.start(kSim + "screen", QStringList());
-        KX_TRY_VERIFY(IsOnBus());
-    }
-
     QString Url() { return Await(m_browser->GetUrl()).value("url").toString(); }
     QString Source() { return Await(m_browser->QueryPage()); }
     bool Shows(const QString& page, const QString& text)

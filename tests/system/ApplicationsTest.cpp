@@ -47,7 +47,7 @@ private slots:
     void cleanup() { m_daemon.Applications().Terminate().waitForFinished(); }
     void cleanupTestCase() { QCOMPARE(m_daemon.Stop(), 0); }
 
-    void DescribesAnApplicationInItsTypes()
+    void DescribesAnApplication()
     {
         InstallApplication(
             "pay", 4002, 4002,

@@ -1,5 +1,4 @@
 #include "DaemonFixture.h"
-#include "Files.h"
 
 #include <QtTest>
 
