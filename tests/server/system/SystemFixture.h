@@ -27,6 +27,16 @@ struct Case {
 };
 Q_DECLARE_METATYPE(Case)
 
+/// Takes the fields of each row's Case one by one.
+struct CaseTable : Table<Case> {
+    void operator()(const QByteArray& name, const QVariantMap& args, const Files& before,
+                    const QVariantMap& result, const QStringList& calls = {}, const QStringList& log = {},
+                    const Files& after = {}) const
+    {
+        Table::operator()(name, {args, before, result, calls, log, after});
+    }
+};
+
 /// Base of the test classes: the system server and the terminal around it, which every test finds new. That
 /// is its files, the stand-ins of its programs, and the applications server.
 class SystemFixture : public Fixture {

@@ -17,14 +17,14 @@ class CoinBatteryTest : public SystemFixture {
 private slots:
     void Voltage_data()
     {
-        const Table<Case> row;
+        const CaseTable row;
         const auto measured = [&](const char* name, const Files& changes) {
             const float millivolts = 2048.0F * 0.805664F;
             const QVariantMap result{{"return", 0}, {"voltage", static_cast<double>(millivolts) / 1000.0}};
-            row(name, {{}, With(kBoard, changes), result, {}, {}, {{kDac, "0\n"}}});
+            row(name, {}, With(kBoard, changes), result, {}, {}, {{kDac, "0\n"}});
         };
         const auto failed = [&](const QByteArray& name, const Files& changes, const char* dacAfter) {
-            row(name, {{}, With(kBoard, changes), kFailure, {}, {}, {{kDac, dacAfter}}});
+            row(name, {}, With(kBoard, changes), kFailure, {}, {}, {{kDac, dacAfter}});
         };
         measured("measured", {});
         // Which of two measures shows in the scale: only the later has one.

@@ -18,26 +18,22 @@ class KernelVersionTest : public SystemFixture {
 private slots:
     void Get_data()
     {
-        const Table<Case> row;
-        row("first", {{}, Running("sredd"), {{"return", 1}}, kQueries.mid(0, 1)});
-        row("second", {{}, Running("sredd2"), {{"return", 2}}, kQueries.mid(0, 2)});
-        row("third", {{}, Running("sredd3"), {{"return", 3}}, kQueries});
-        row("none", {{}, {}, {{"return", 0}}, kQueries});
+        const CaseTable row;
+        row("first", {}, Running("sredd"), {{"return", 1}}, kQueries.mid(0, 1));
+        row("second", {}, Running("sredd2"), {{"return", 2}}, kQueries.mid(0, 2));
+        row("third", {}, Running("sredd3"), {{"return", 3}}, kQueries);
+        row("none", {}, {}, {{"return", 0}}, kQueries);
     }
 
     void Get() { RunCase(103); }
 
     void Set_data()
     {
-        const Table<Case> row;
+        const CaseTable row;
         const auto set = [&](const char* name, const QVariant& number, const Files& running,
                              const QStringList& calls) {
-            row(name, {{{"number", number}},
-                       running,
-                       kSuccess,
-                       calls,
-                       {},
-                       {{kSetting, number.toByteArray() + '\n'}}});
+            row(name, {{"number", number}}, running, kSuccess, calls, {},
+                {{kSetting, number.toByteArray() + '\n'}});
         };
         const QString restart = "34-sredd restart";
         const QStringList restarted{"pidof sredd", restart};
@@ -45,26 +41,15 @@ private slots:
         set("another runs", "3", Running("sredd"), restarted);
         set("text as given", "02", Running("sredd"), restarted);
         set("none runs", 1, {}, kQueries + QStringList(restart));
-        row("restart fails", {{{"number", "3"}},
-                              With(Running("sredd"), {{Answer("34-sredd.status"), "1"}}),
-                              kFailure,
-                              restarted,
-                              {"3 DoSetL2KernelsVersion sredd restarting returns error: *"},
-                              {{kSetting, "3\n"}}});
-        row("cannot write",
-            {{{"number", "3"}},
-             {{kSetting + "/folder", ""}},
-             kFailure,
-             {},
-             {"3 DoSetL2KernelsVersion Write to /etc/platform/settings/L2KernelsVersion error: *"}});
+        row("restart fails", {{"number", "3"}}, With(Running("sredd"), {{Answer("34-sredd.status"), "1"}}),
+            kFailure, restarted, {"3 DoSetL2KernelsVersion sredd restarting returns error: *"},
+            {{kSetting, "3\n"}});
+        row("cannot write", {{"number", "3"}}, {{kSetting + "/folder", ""}}, kFailure, {},
+            {"3 DoSetL2KernelsVersion Write to /etc/platform/settings/L2KernelsVersion error: *"});
 
         const auto refused = [&](const QByteArray& name, const QVariant& number) {
-            row("refused: " + name, {{{"number", number}},
-                                     {{kSetting, "1\n"}},
-                                     kFailure,
-                                     {},
-                                     {"3 DoSetL2KernelsVersion Invalid L2KernelsVersion: *"},
-                                     {{kSetting, "1\n"}}});
+            row("refused: " + name, {{"number", number}}, {{kSetting, "1\n"}}, kFailure, {},
+                {"3 DoSetL2KernelsVersion Invalid L2KernelsVersion: *"}, {{kSetting, "1\n"}});
         };
         for (const char* text :
              {"", "0", "4", "-1", "abc", "2x", "1.0", "0x2", "2;reboot", "$(reboot)", "2 > /x", "\n2", "2\n",

@@ -75,12 +75,11 @@ private slots:
 
     void Refuses_data()
     {
-        const Table<Case> table;
+        const CaseTable table;
         const Files untouched{
             {"/etc/platform/usb_gadget", {}}, {"/etc/platform/usbphy0", {}}, {kHubId, "old"}};
         const auto row = [&](const QByteArray& name, const QVariantMap& args, const QString& text) {
-            table(name,
-                  {args, {{kHubId, "old"}}, {{"return", 1}}, {}, {kStarted, kFailed + text}, untouched});
+            table(name, args, {{kHubId, "old"}}, {{"return", 1}}, {}, {kStarted, kFailed + text}, untouched);
         };
         for (const char* key : {"mode", "usbForceFullspeed", "dflt", "usbuid"}) {
             QVariantMap args = kArgs;
@@ -95,12 +94,8 @@ private slots:
 
         const auto failure = [&](const char* name, const QVariantMap& args, const Files& before,
                                  const QString& text) {
-            table(name, {With(kArgs, args),
-                         before,
-                         {{"return", 1}},
-                         {},
-                         {kStarted, kCreating, kFailed + "could not " + text},
-                         {}});
+            table(name, With(kArgs, args), before, {{"return", 1}}, {},
+                  {kStarted, kCreating, kFailed + "could not " + text});
         };
         const QString uniqueId = kFlags + "usb_uid";
         failure("directory", {}, {{"/etc/platform/usb_gadget", "-> /none"}},
