@@ -203,7 +203,7 @@ private slots:
         // Of an application account, the process would not survive what the signal reports.
         listener.start("setpriv",
                        {"--reuid", "guest", "--regid", "guest", "--init-groups", "kxctl", "monitor"});
-        KX_TRY_VERIFY(listener.canReadLine());
+        KX_TRY_VERIFY(listener.peek(1000).contains("Ctrl-C ends"));
         m_daemon.Applications().Terminate();
         KX_TRY_VERIFY(listener.peek(1000).contains("OnTerminate"));
         listener.terminate();
