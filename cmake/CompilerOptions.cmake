@@ -9,6 +9,7 @@ target_compile_features(kx_options INTERFACE cxx_std_17)
 target_compile_options(kx_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion -Wformat=2
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>
+  $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wno-gnu-zero-variadic-macro-arguments> # QSKIP of Qt 5
   $<$<BOOL:${KX_WERROR}>:-Werror>
   -fstack-protector-strong)
 # On a 32-bit terminal too, the clock goes on after January 2038 and files are of any size. Elsewhere that is so
