@@ -3,6 +3,7 @@
 #include "server/applications/appconf/ApplicationConfig.h"
 
 #include <QString>
+#include <QStringList>
 
 namespace core::applications {
 
@@ -46,7 +47,8 @@ public:
     static bool IsApplicationIdentity(unsigned uid, unsigned gid);
 
     /// Sends SIGTERM and, 250 ms later, SIGKILL to every process whose user and group both are application
-    /// accounts; then waits, without sleeping, until the daemon has no children.
+    /// accounts; then waits, without sleeping, until the daemon has no children. When some are left after a
+    /// second, those of application accounts that came meanwhile get SIGKILL.
     void TerminateApps();
 
     /// Sends \a sig to one process.
@@ -55,6 +57,7 @@ public:
     static int TerminateProcess(int pid, int sig);
 
 private:
+    static bool SignalProcesses(const QStringList& processes, int sig);
     static void SignalApplicationProcesses();
 
     QString m_preparedAppName; ///< application whose directories were prepared last

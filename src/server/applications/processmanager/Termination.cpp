@@ -4,6 +4,7 @@
 #include "server/applications/appconf/AppConfigParser.h"
 #include "server/applications/processmanager/ProcessManager.h"
 
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QRegExp>
 
@@ -21,6 +22,9 @@ namespace {
 
 constexpr auto kSource = "/pkgs/kx-core/src/server/applications/processmanager/ProcessManager";
 constexpr std::chrono::milliseconds kGracePeriod{250};
+
+/// Far more than the system needs to end what was killed.
+constexpr std::chrono::seconds kEndPatience{1};
 
 QStringList ListProcesses()
 {
@@ -58,42 +62,49 @@ int ProcessManager::TerminateProcess(int pid, int sig)
     return result;
 }
 
+bool ProcessManager::SignalProcesses(const QStringList& processes, int sig)
+{
+    bool signalled = false;
+    for (const QString& process : processes) {
+        unsigned uid = 0;
+        unsigned gid = 0;
+        GetProcessUIDandGID(process, uid, gid);
+        if (IsApplicationIdentity(uid, gid)) {
+            TerminateProcess(process.toInt(), sig);
+            signalled = true;
+        }
+    }
+    return signalled;
+}
+
 void ProcessManager::SignalApplicationProcesses()
 {
     const QStringList processes = ListProcesses();
-    bool signalled = false;
-    for (const int signo : {SIGTERM, SIGKILL}) {
-        for (const QString& process : processes) {
-            unsigned uid = 0;
-            unsigned gid = 0;
-            GetProcessUIDandGID(process, uid, gid);
-            if (IsApplicationIdentity(uid, gid)) {
-                TerminateProcess(process.toInt(), signo);
-                signalled = true;
-            }
-        }
-        if (!signalled) {
-            return;
-        }
-        if (signo != SIGKILL) {
-            Misc::Pause(kGracePeriod);
-        }
+    if (SignalProcesses(processes, SIGTERM)) {
+        Misc::Pause(kGracePeriod);
+        SignalProcesses(processes, SIGKILL);
     }
 }
 
 void ProcessManager::TerminateApps()
 {
     SignalApplicationProcesses();
+    const QDeadlineTimer patience(kEndPatience);
     for (;;) {
         int status = 0;
         errno = 0;
-        if (waitpid(-1, &status, WNOHANG) != -1) {
-            continue;
-        }
-        if (errno == ECHILD) {
+        const pid_t ended = waitpid(-1, &status, WNOHANG);
+        if (ended == -1 && errno == ECHILD) {
             break;
         }
-        SignalApplicationProcesses();
+        if (ended == -1) {
+            SignalApplicationProcesses();
+        }
+        // Whoever is asked to end can answer by making more children of the daemon (CLONE_PARENT). They came
+        // too late for the list, and are not asked again.
+        if (patience.hasExpired()) {
+            SignalProcesses(ListProcesses(), SIGKILL);
+        }
     }
     m_preparedAppName.clear();
 }

@@ -6,12 +6,37 @@
 
 #include "server/SignalHandling.h"
 
+#include <sched.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
 
 using core::applications::ProcessManager;
 using core::configuration::ApplicationConfig;
+
+namespace {
+
+/// Ends, but not without leaving its parent another child that does the same.
+void LeaveSibling(int /*signo*/)
+{
+    if (syscall(SYS_clone, CLONE_PARENT | SIGCHLD, 0, 0, 0, 0) != 0) {
+        _exit(0);
+    }
+}
+
+/// Multiplies when asked to end, or all the time.
+[[noreturn]] void RunHydra(bool restless)
+{
+    if (std::signal(SIGTERM, LeaveSibling) == SIG_ERR || setgid(4002) != 0 || setuid(4002) != 0) {
+        _exit(1);
+    }
+    for (;;) {
+        restless ? LeaveSibling(0) : static_cast<void>(pause());
+    }
+}
+
+} // namespace
 
 /// Which processes end is tested with the daemon itself, see StartSequenceTest.
 class TerminationTest : public Fixture {
@@ -50,6 +75,26 @@ private slots:
         }
         ProcessManager().TerminateApps();
         QCOMPARE(Children(), QList<pid_t>());
+    }
+
+    void LateChildrenEndAsWell_data()
+    {
+        const Table<bool> row;
+        row("made when asked to end", false);
+        row("made all the time", true);
+    }
+
+    void LateChildrenEndAsWell()
+    {
+        const auto [restless] = FetchRow<bool>();
+        const pid_t hydra = fork();
+        if (hydra == 0) {
+            RunHydra(restless);
+        }
+        QTRY_VERIFY(StatusOf(Children().value(0)).value("Uid").startsWith("4002"));
+        ProcessManager().TerminateApps();
+        QCOMPARE(Children(), QList<pid_t>());
+        TakeLogLines(); // of processes that ended by themselves
     }
 
     void SingleProcess()
