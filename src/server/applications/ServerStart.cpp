@@ -27,7 +27,8 @@ struct Binary {
     QString directory; ///< canonical path of the bin directory
     QFileInfo file;    ///< as asked for
     QString path;      ///< canonical path of the program
-    struct stat info;  ///< of what is at that path
+    QString executed;  ///< the part of that path that the launcher executes, which ends at a blank
+    struct stat info;  ///< of what is executed
 };
 
 // The checks of a launch; each returns the message of its failure, or an empty text.
@@ -62,9 +63,10 @@ QString StartFailure(const QString& commandLine)
 
 QString LookAt(Binary& binary, const QString& commandLine)
 {
-    if (!FileSystem::StatCanonicalPath(binary.path, binary.info)) {
+    binary.executed = binary.path.section(QLatin1Char(' '), 0, 0);
+    if (!FileSystem::StatCanonicalPath(binary.executed, binary.info)) {
         const int error = errno;
-        qError() << KX_PREFIX_AS(kSource, "StartApplicationBinary") << "Unable to examine" << binary.path
+        qError() << KX_PREFIX_AS(kSource, "StartApplicationBinary") << "Unable to examine" << binary.executed
                  << "errno:" << error;
         return StartFailure(commandLine);
     }
@@ -79,13 +81,23 @@ QString CheckExecutable(const Binary& binary)
     return {};
 }
 
+/// Whether the application may have lent itself a program of another account: it can make its bin a link to
+/// any directory. What lies in its home has been put there, by root or by that account.
+bool IsBorrowed(const Binary& binary, const ApplicationConfig& config)
+{
+    const bool isOwn = binary.info.st_uid == config.m_uid && binary.info.st_gid == config.m_gid;
+    return !isOwn && config.m_uid != 0 &&
+           !binary.executed.startsWith(FileSystem::CanonicalPath(config.m_homeDir) + QLatin1Char('/'));
+}
+
 /// A program of an application account runs as its owner, any other as the application.
 QString ChooseIdentity(const Binary& binary, ApplicationConfig& config)
 {
-    if (Server::IsValidAppID(binary.info.st_uid, binary.info.st_gid)) {
+    const bool isApplications = Server::IsValidAppID(binary.info.st_uid, binary.info.st_gid);
+    if (isApplications && !IsBorrowed(binary, config)) {
         config.m_uid = binary.info.st_uid;
         config.m_gid = binary.info.st_gid;
-    } else if (!Server::IsValidAppID(config.m_uid, config.m_gid)) {
+    } else if (isApplications || !Server::IsValidAppID(config.m_uid, config.m_gid)) {
         return QStringLiteral("Invalid owner of file %1. Must be application user").arg(binary.file.path());
     }
     return {};
