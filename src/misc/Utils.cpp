@@ -36,7 +36,9 @@ constexpr auto kUpdateMarker = "/var/lib/installer/.update_started";
 constexpr auto kRpmLock = "/var/lib/rpm/.rpm.lock";
 constexpr auto kInstallerLock = "/var/lib/installer/database/.rpm.lock";
 
-/// Whether the link at \a path was made by root and nobody else can put another one in its place.
+/// Whether the link at \a path was made there by root: nobody else may add to its folder. A sticky one, like
+/// /tmp, is no better than others, since a link of root's can be moved there out of any folder that is open to
+/// all, such as the daemon's own links to what applications own.
 bool IsTrustedLink(const QByteArray& path)
 {
     struct stat link = {};
@@ -45,9 +47,8 @@ bool IsTrustedLink(const QByteArray& path)
     if (lstat(path.constData(), &link) != 0 || stat(parent.constData(), &folder) != 0) {
         return false;
     }
-    const bool othersMayRename =
-        (folder.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (folder.st_mode & S_ISVTX) == 0;
-    return S_ISLNK(link.st_mode) && link.st_uid == 0 && folder.st_uid == 0 && !othersMayRename;
+    const bool othersMayWrite = (folder.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+    return S_ISLNK(link.st_mode) && link.st_uid == 0 && folder.st_uid == 0 && !othersMayWrite;
 }
 
 /// A path as the system calls take it, without the slash at the end that would follow a final link.

@@ -144,7 +144,8 @@ private slots:
     {
         const Table<unsigned, unsigned, unsigned, bool> row;
         row("planted in a sticky folder", 4002U, 0U, 01777U, false);
-        row("root's in a sticky folder", 0U, 0U, 01777U, true);
+        row("root's in a sticky folder", 0U, 0U, 01777U, false);
+        row("root's in a folder of root", 0U, 0U, 0755U, true);
         row("root's in a folder that all may write", 0U, 0U, 0777U, false);
         row("root's in a folder of another", 0U, 4002U, 0755U, false);
     }
