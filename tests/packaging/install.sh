@@ -76,6 +76,24 @@ serves_by_policy() {
     check "a member of the other group may" as admin kxctl system reboot
 }
 
+# An application runs the daemon's program, which can do nothing for it, and has it write to a pipe that nobody reads.
+impersonates_the_daemon() {
+    # shellcheck disable=SC2016 # Perl
+    setpriv --reuid pay --regid pay --init-groups perl -MFcntl -e '$^F = 9; pipe R, W; fcntl W, F_SETFL, O_NONBLOCK; 1 while syswrite W, "x" x 4096;
+        fcntl W, F_SETFL, 0; open STDOUT, ">&W"; $SIG{TERM} = "IGNORE"; exec qw(/usr/sbin/kxcore --help)' &
+    impostor=$!
+    while [[ -d /proc/$impostor && $(readlink "/proc/$impostor/exe") != /usr/sbin/kxcore ]]; do read -r -t 0.05 <> <(:); done
+}
+
+tells_impostors_apart() {
+    local impostor
+    impersonates_the_daemon
+    check "the daemon is stopped beside an impostor" "$init" stop
+    check_equal "which is known not to run" 3 "$("$init" status >/dev/null; echo $?)"
+    check "so that it can be started" "$init" start
+    wait "$impostor" 2>/dev/null # ended with all that runs as an application
+}
+
 clients_build() {
     cp -R "$source_dir/tests/packaging/consumer" /tmp/
     check "a client is configured" cmake -G Ninja -S /tmp/consumer -B /tmp/consumer/build
@@ -148,6 +166,7 @@ inside() {
     installs
     manuals_are_installed
     serves_by_policy
+    tells_impostors_apart
     clients_build
     upgrades
     is_removed
