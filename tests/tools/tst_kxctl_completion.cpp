@@ -15,7 +15,9 @@ private slots:
     {
         kxtest::RemoveApplications();
         kxtest::InstallApplication("pay", 4002, 4002, "<application/>",
-                                   {kxtest::Script("bin/receipt", ""), kxtest::Script("bin/refund", "")});
+                                   {kxtest::Script("bin/receipt", ""), kxtest::Script("bin/refund", ""),
+                                    kxtest::Script("bin/rebate;reboot", ""),
+                                    kxtest::Script("bin/re$(id)", "")});
         kxtest::InstallApplication("shop", 4003, 4003);
         QVERIFY(m_daemon.Start());
         MakeDirectory("/tmp/application");
