@@ -13,7 +13,7 @@ namespace {
 const QByteArray kPayConf = R"(<application>
   <run_on_boot>bin/idle 100</run_on_boot>
   <show_on_boot>html/index.html</show_on_boot>
-  <desktop_item icon_path="html/pay.svg" title="Pay" icon_position="2">html/index.html</desktop_item>
+  <desktop_item icon_path="html/pay.svg" title="Pay&#x9b;2J" icon_position="2">html/index.html</desktop_item>
 </application>)";
 
 void InstallSamples()
@@ -90,7 +90,8 @@ private slots:
         row({"apps", "--names"}, 0, "pay\nshop\\\\u001b\\[31m\n");
         row({"app", "pay"}, 0,
             "name +pay\nuser +pay \\(4002\\)\n.*boot program +/home/pay/bin/idle 100\n.*"
-            "Desktop:\n  POSITION  TITLE  FORM +ICON\n  2 +Pay +/html/pay/index.html  /html/pay/pay.svg\n");
+            "Desktop:\n  POSITION  TITLE +FORM +ICON\n  2 +Pay\\\\u009b2J +/html/pay/index.html  "
+            "/html/pay/pay.svg\n");
         row({"app", "none"}, 1, "", "kxctl: no application 'none' is installed\n");
         row({"start", "pay", "receipt", "a", "--json"}, 0, "pay: started receipt\n");
         row({"start", "pay", "none"}, 1, "",
@@ -146,7 +147,9 @@ private slots:
 
     void JsonHasAllOfAnApplication()
     {
-        const QJsonArray all = Json(RunKxctl({"apps", "--json"}).out).array();
+        const QString text = RunKxctl({"apps", "--json"}).out;
+        QVERIFY(!text.contains(QChar(0x9B))); // as much to a terminal as ESC [
+        const QJsonArray all = Json(text).array();
         QCOMPARE(all.size(), 2);
         QCOMPARE(all.at(1).toObject().value("name").toString(), QString("shop\033[31m"));
         const QJsonObject pay = Json(RunKxctl({"--json", "app", "pay"}).out).object();
@@ -156,6 +159,7 @@ private slots:
         QCOMPARE(pay.value("fastCgi"), QJsonValue(false));
         const QJsonObject icon = pay.value("desktopItems").toArray().at(0).toObject();
         QCOMPARE(icon.value("iconPosition").toInt(), 2);
+        QCOMPARE(icon.value("title").toString(), QString("Pay\u009b2J"));
         QCOMPARE(icon.value("form").toString(), QString("/html/pay/index.html"));
     }
 

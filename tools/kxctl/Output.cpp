@@ -95,6 +95,14 @@ QVariant FromArgument(const QDBusArgument& argument)
     }
 }
 
+/// Where JSON holds anything that a terminal could act on, it stands inside a text and may be escaped.
+QString PrintableJson(const QByteArray& json)
+{
+    QStringList lines = QString::fromUtf8(json).trimmed().split('\n');
+    std::transform(lines.begin(), lines.end(), lines.begin(), Printable);
+    return lines.join('\n');
+}
+
 } // namespace
 
 QString Styled(const QString& text, Style style, FILE* stream)
@@ -167,7 +175,7 @@ void PrintJson(const QVariant& value, bool isOneLine)
     const QJsonDocument document =
         json.isArray() ? QJsonDocument(json.toArray()) : QJsonDocument(json.toObject());
     const auto format = isOneLine ? QJsonDocument::Compact : QJsonDocument::Indented;
-    Print(QString::fromUtf8(document.toJson(format)).trimmed());
+    Print(PrintableJson(document.toJson(format)));
     Flush();
 }
 
