@@ -2,7 +2,9 @@
 
 #include "misc/Log.h"
 
+#include <fcntl.h>
 #include <grp.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -45,6 +47,24 @@ void SetVariable(std::vector<QByteArray>& variables, const char* name, const QBy
     } else {
         variables.push_back(start + value);
     }
+}
+
+/// A daemon that stays in the foreground may have a terminal. That is its starter's, often root's, and
+/// whoever has it as well can read what is typed there, and type.
+void LeaveTerminal()
+{
+    const int terminal = open("/dev/tty", O_RDWR | O_CLOEXEC);
+    if (terminal >= 0) {
+        ioctl(terminal, TIOCNOTTY);
+        close(terminal);
+    }
+    const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (isatty(fd) == 1 && dup2(nothing, fd) != fd) {
+            close(fd);
+        }
+    }
+    close(nothing);
 }
 
 } // namespace
@@ -132,6 +152,7 @@ void ChildProcess::TakeIdentity() const
 void ChildProcess::Run(int readEnd, int errorPipe) const
 {
     close(readEnd);
+    LeaveTerminal();
     if (chdir(m_homeLatin1.constData()) != 0) {
         FailFatally("chdir( config.m_homeDir.toLatin1().data() )");
     }

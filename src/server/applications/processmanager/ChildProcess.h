@@ -21,7 +21,8 @@ public:
     ChildProcess(const QString& program, const QString& params,
                  const core::configuration::ApplicationConfig& config);
 
-    /// Runs in the forked child: enters the home directory, takes on the identity and executes the program.
+    /// Runs in the forked child: gives up the terminal, enters the home directory, takes on the identity and
+    /// executes the program. Standard descriptors that are a terminal lead to /dev/null, others are kept.
     /// Uses async-signal-safe calls only until something fails; a failure is logged, and its errno written
     /// to \a errorPipe if the program could not be executed.
     ///

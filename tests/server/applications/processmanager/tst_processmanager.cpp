@@ -8,6 +8,7 @@
 #include "misc/UniqueFd.h"
 
 #include <fcntl.h>
+#include <pty.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -124,6 +125,25 @@ private slots:
             QCOMPARE(variables, expectedVariables);
         }
         QCOMPARE(qgetenv("USER"), QByteArray("root"));
+    }
+
+    void TerminalIsNotInherited()
+    {
+        WriteFile("/home/pay/bin/look",
+                  "#!/bin/sh\nexec >$APP_TMP_DIR/seen\nreadlink /proc/$$/fd/0 /proc/$$/fd/2\n"
+                  "cut -d ' ' -f 7 /proc/$$/stat\n",
+                  4002, 4002, 0755);
+        int terminal = -1;
+        const pid_t foreground = forkpty(&terminal, nullptr, nullptr, nullptr);
+        if (foreground == 0) {
+            m_manager.StartProcess("/home/pay/bin/look", Pay());
+            _exit(waitpid(-1, nullptr, 0) > 0 ? 0 : 1);
+        }
+        int status = -1;
+        waitpid(foreground, &status, 0);
+        close(terminal);
+        QCOMPARE(status, 0);
+        QCOMPARE(ReadFile("/tmp/pay/seen"), QByteArray("/dev/null\n/dev/null\n0\n"));
     }
 
     void CommandLines()
