@@ -37,8 +37,8 @@ constexpr auto kRpmLock = "/var/lib/rpm/.rpm.lock";
 constexpr auto kInstallerLock = "/var/lib/installer/database/.rpm.lock";
 
 /// Whether the link at \a path was made there by root: nobody else may add to its folder. A sticky one, like
-/// /tmp, is no better than others, since a link of root's can be moved there out of any folder that is open to
-/// all, such as the daemon's own links to what applications own.
+/// /tmp, is no better than others, since a link of root's can be moved there out of any folder that is open
+/// to all, such as the daemon's own links to what applications own.
 bool IsTrustedLink(const QByteArray& path)
 {
     struct stat link = {};
@@ -103,9 +103,13 @@ std::vector<QByteArray> NamesIn(DIR* dir)
 }
 
 /// Empties a directory through its descriptor: applications own some of these trees, and none of them can
-/// lead the walk elsewhere by swapping a folder for a link. Depth is bounded by the number of descriptors.
-void RemoveEntries(UniqueFd fd)
+/// lead the walk elsewhere by swapping a folder for a link. What lies too deep stays: a tree can be as deep
+/// as its maker likes, while each level takes a descriptor, memory and a piece of the stack.
+void RemoveEntries(UniqueFd fd, int levels)
 {
+    if (levels == 0) {
+        return;
+    }
     const std::unique_ptr<DIR, int (*)(DIR*)> dir(fdopendir(fd.Get()), closedir);
     if (!dir) {
         return;
@@ -117,7 +121,7 @@ void RemoveEntries(UniqueFd fd)
         }
         UniqueFd folder(openat(dirFd, name.constData(), kDirectoryFlags | O_NOFOLLOW));
         if (folder) {
-            RemoveEntries(std::move(folder));
+            RemoveEntries(std::move(folder), levels - 1);
             unlinkat(dirFd, name.constData(), AT_REMOVEDIR);
         }
     }
@@ -203,7 +207,8 @@ bool RemoveFile(const QString& path)
     const QByteArray name = path.toLatin1();
     UniqueFd folder(open(name.constData(), kDirectoryFlags | O_NOFOLLOW));
     if (folder) {
-        RemoveEntries(std::move(folder));
+        constexpr int kLevels = 500;
+        RemoveEntries(std::move(folder), kLevels);
     }
     static_cast<void>(std::remove(name.constData()));
     return true;

@@ -5,10 +5,12 @@
 #include "Fixture.h"
 #include "Processes.h"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 
 namespace {
 
@@ -92,6 +94,34 @@ private slots:
         }
         QVERIFY(QFileInfo::exists("/tmp/t/outside/file"));
         QVERIFY(FileSystem::RemoveFile("/proc/self/status")); // which cannot be removed
+    }
+
+    /// Each account can make a tree below /var/run/sockets that needs more than the daemon has.
+    void DeepTreesAreSurvived()
+    {
+        const auto removeDeepTree = [](const char* folder) {
+            constexpr rlimit kStack{512UL * 1024, 512UL * 1024};
+            constexpr int kLevels = 15'000;
+            rlimit files{};
+            if (std::signal(SIGSEGV, SIG_DFL) == SIG_ERR || setrlimit(RLIMIT_STACK, &kStack) != 0 ||
+                getrlimit(RLIMIT_NOFILE, &files) != 0) {
+                return 2;
+            }
+            files.rlim_cur = files.rlim_max;
+            setrlimit(RLIMIT_NOFILE, &files);
+            for (int level = 0; level < kLevels; ++level) {
+                if (mkdir(folder, 0755) != 0 || chdir(folder) != 0) {
+                    return 1;
+                }
+            }
+            FileSystem::RemoveFile("/tmp/t/deep");
+            return 0;
+        };
+        MakeDirectory("/tmp/t/deep");
+        QCOMPARE(chdir("/tmp/t/deep"), 0);
+        QCOMPARE(InChild(removeDeepTree, "folder"), 0);
+        QCOMPARE(chdir("/"), 0);
+        QCOMPARE(Misc::ExecShell("rm -r /tmp/t/deep"), 0);
     }
 
     void DirectoryGetsOwnerAndMode_data()

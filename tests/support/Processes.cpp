@@ -88,7 +88,7 @@ int InChild(int (*action)(const char*), const char* argument)
     }
     int status = 0;
     waitpid(pid, &status, 0);
-    return WEXITSTATUS(status);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 ForeignLock::ForeignLock(const char* path)

@@ -19,7 +19,8 @@ QMap<QByteArray, QByteArray> StatusOf(pid_t pid);
 /// \return one of the lists in /proc/<pid> that end each entry with a null: "cmdline" or "environ"
 QList<QByteArray> EntriesOf(pid_t pid, const char* list);
 
-/// Runs \a action in a forked child and waits. \return the exit status that it returned
+/// Runs \a action in a forked child and waits. \return the exit status that it returned; -1 if a signal ended
+/// it
 int InChild(int (*action)(const char*), const char* argument);
 
 /// Takes a write lock on a file in another process and holds it.
