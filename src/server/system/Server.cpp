@@ -12,6 +12,7 @@
 #include <QByteArray>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -33,6 +34,18 @@ constexpr auto kExitUrlVariable = "OPEN_ON_EXIT_URL";
 /// The kernel starts no program when a variable of its environment, name and final zero included, is longer.
 constexpr int kMaxVariableSize = 128 * 1024;
 constexpr int kMaxUrlSize = kMaxVariableSize - static_cast<int>(sizeof("OPEN_ON_EXIT_URL="));
+
+constexpr auto kPoweroffMark = "/tmp/kxcore_poweroff";
+
+/// Any account can put a link where the mark is to be made, that leads nowhere. The mark would fail, and the
+/// terminal stay on.
+void RemoveForeignLink(const char* path)
+{
+    struct stat info = {};
+    if (lstat(path, &info) == 0 && S_ISLNK(info.st_mode) && info.st_uid != 0) {
+        unlink(path);
+    }
+}
 
 } // namespace
 
@@ -112,6 +125,7 @@ int Server::DoReboot()
 
 int Server::DoPoweroff()
 {
+    RemoveForeignLink(kPoweroffMark);
     qNotice() << KX_PREFIX(kSource) << "Powering Off....";
     return Misc::ExecShell("touch /tmp/kxcore_poweroff && poweroff");
 }

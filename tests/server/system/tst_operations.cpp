@@ -62,6 +62,17 @@ private slots:
         Run(id, testCase);
     }
 
+    void PlantedLinkDoesNotKeepThePowerOn()
+    {
+        MakeLink("/none/x", "/tmp/kxcore_poweroff", 4002);
+        Run(101, {{},
+                  {},
+                  kSuccess,
+                  {"poweroff"},
+                  {"5 DoPoweroff Powering Off...."},
+                  {{"/tmp/kxcore_poweroff", ""}}});
+    }
+
     void HardwareTestGetsItsPage()
     {
         const QString plain = "hwtest -f";
