@@ -2,7 +2,7 @@
 
 #include "misc/Log.h"
 #include "misc/Utils.h"
-#include "server/dbus/ApplicationList.h"
+#include "server/dbus/ApplicationReply.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -43,7 +43,7 @@ Server::~Server() = default;
 
 QList<QVariantMap> Server::Enumerate()
 {
-    QList<QVariantMap> list;
+    ApplicationReply reply;
     m_applications.clear();
     try {
         const QStringList names =
@@ -51,17 +51,17 @@ QList<QVariantMap> Server::Enumerate()
         core::configuration::AccountNames accounts;
         for (const QString& name : names) {
             const ApplicationConfig config = m_parser.GatherApplicationData(name, accounts);
-            list.append(config);
+            reply.Append(config);
             m_applications.push_back(config);
             CreateSymlinksForLighttpd(config.m_homeDir, config.m_name);
         }
-        for (const QString& name : LeaveOutTheLargest(list)) {
+        for (const QString& name : reply.LeaveOutTheLargest()) {
             qError() << KX_PREFIX(kSource) << "Too much in app.conf, left out of the reply: " << name;
         }
     } catch (...) {
         qError() << KX_PREFIX(kSource) << "Unexpected exception";
     }
-    return list;
+    return reply.List();
 }
 
 QString Server::GetNameOfInstalledDefaultApp()

@@ -1,6 +1,7 @@
 #include "server/applications/processmanager/ChildProcess.h"
 
 #include "misc/Log.h"
+#include "misc/UniqueFd.h"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -49,6 +50,16 @@ void SetVariable(std::vector<QByteArray>& variables, const char* name, const QBy
     }
 }
 
+constexpr std::array<int, 3> kStandardDescriptors{STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
+
+/// \return whether this process controls a terminal or has one open
+bool HasTerminal()
+{
+    return UniqueFd(open("/dev/tty", O_RDWR | O_CLOEXEC)) ||
+           std::any_of(kStandardDescriptors.begin(), kStandardDescriptors.end(),
+                       [](int fd) { return isatty(fd) == 1; });
+}
+
 /// A daemon that stays in the foreground may have a terminal. That is its starter's, often root's, and
 /// whoever has it as well can read what is typed there, and type.
 void LeaveTerminal()
@@ -59,7 +70,7 @@ void LeaveTerminal()
         close(terminal);
     }
     const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    for (const int fd : kStandardDescriptors) {
         if (isatty(fd) == 1 && dup2(nothing, fd) != fd) {
             close(fd);
         }
@@ -81,6 +92,7 @@ ChildProcess::ChildProcess(const QString& program, const QString& params,
       m_homeUtf8(config.m_homeDir.toUtf8()),
       m_uid(config.m_uid),
       m_gid(config.m_gid),
+      m_hasTerminal(HasTerminal()),
       m_arguments(ProcessManager::GetPosixParameters(program, params))
 {
     FindGroups(config.m_userName);
@@ -152,7 +164,9 @@ void ChildProcess::TakeIdentity() const
 void ChildProcess::Run(int readEnd, int errorPipe) const
 {
     close(readEnd);
-    LeaveTerminal();
+    if (m_hasTerminal) {
+        LeaveTerminal();
+    }
     if (chdir(m_homeLatin1.constData()) != 0) {
         FailFatally("chdir( config.m_homeDir.toLatin1().data() )");
     }

@@ -46,6 +46,7 @@ private:
     QByteArray m_homeUtf8;
     uid_t m_uid;
     gid_t m_gid;
+    bool m_hasTerminal;
     std::vector<gid_t> m_groups;
     std::unique_ptr<char*, FreeParameters> m_arguments; ///< null when memory was short
     std::vector<QByteArray> m_variables;
