@@ -8,8 +8,8 @@
 
 #include <vector>
 
-/// Gathers what Enumerate answers, and keeps it to what the bus carries: it drops the connection of who sends more
-/// than 32 MiB, and with it the daemon. Records that large are not made by accident.
+/// Gathers what Enumerate answers, and keeps it to what the bus carries: it drops the connection of who sends
+/// more than 32 MiB, and with it the daemon. Records that large are not made by accident.
 class ApplicationReply {
 public:
     void Append(const QVariantMap& application);

@@ -52,14 +52,6 @@ void SetVariable(std::vector<QByteArray>& variables, const char* name, const QBy
 
 constexpr std::array<int, 3> kStandardDescriptors{STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
 
-/// \return whether this process controls a terminal or has one open
-bool HasTerminal()
-{
-    return UniqueFd(open("/dev/tty", O_RDWR | O_CLOEXEC)) ||
-           std::any_of(kStandardDescriptors.begin(), kStandardDescriptors.end(),
-                       [](int fd) { return isatty(fd) == 1; });
-}
-
 /// A daemon that stays in the foreground may have a terminal. That is its starter's, often root's, and
 /// whoever has it as well can read what is typed there, and type.
 void LeaveTerminal()
@@ -86,17 +78,24 @@ struct ChildProcess::Step {
 };
 
 ChildProcess::ChildProcess(const QString& program, const QString& params,
-                           const core::configuration::ApplicationConfig& config)
+                           const core::configuration::ApplicationConfig& config, bool hasTerminal)
     : m_program(program.toUtf8()),
       m_homeLatin1(config.m_homeDir.toLatin1()),
       m_homeUtf8(config.m_homeDir.toUtf8()),
       m_uid(config.m_uid),
       m_gid(config.m_gid),
-      m_hasTerminal(HasTerminal()),
+      m_hasTerminal(hasTerminal),
       m_arguments(ProcessManager::GetPosixParameters(program, params))
 {
     FindGroups(config.m_userName);
     BuildEnvironment(config);
+}
+
+bool ChildProcess::HasTerminal()
+{
+    return UniqueFd(open("/dev/tty", O_RDWR | O_CLOEXEC)) ||
+           std::any_of(kStandardDescriptors.begin(), kStandardDescriptors.end(),
+                       [](int fd) { return isatty(fd) == 1; });
 }
 
 void ChildProcess::FindGroups(const QString& userName)

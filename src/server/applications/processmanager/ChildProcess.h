@@ -17,9 +17,13 @@ namespace core::applications {
 /// before fork: the daemon has a second thread, so a child may not allocate, convert or look accounts up.
 class ChildProcess {
 public:
+    /// \param hasTerminal  whether the daemon has a terminal that the program must not get
     /// \throws std::bad_alloc
     ChildProcess(const QString& program, const QString& params,
-                 const core::configuration::ApplicationConfig& config);
+                 const core::configuration::ApplicationConfig& config, bool hasTerminal);
+
+    /// \return whether this process controls a terminal or has one open as a standard descriptor
+    static bool HasTerminal();
 
     /// Runs in the forked child: gives up the terminal, enters the home directory, takes on the identity and
     /// executes the program. Standard descriptors that are a terminal lead to /dev/null, others are kept.

@@ -136,6 +136,8 @@ bool Launch(const ChildProcess& child)
 
 } // namespace
 
+ProcessManager::ProcessManager() : m_hasTerminal(ChildProcess::HasTerminal()) {}
+
 bool ProcessManager::StartProcess(const QString& command,
                                   const core::configuration::ApplicationConfig& config)
 {
@@ -157,7 +159,7 @@ bool ProcessManager::StartProcess(const QString& command,
         LogError(QStringLiteral("Start: Failed to execute child (%1)"), E2BIG);
         return false;
     }
-    return Launch(ChildProcess(program, params, config));
+    return Launch(ChildProcess(program, params, config, m_hasTerminal));
 }
 
 bool ProcessManager::PrepareEnviornment(const core::configuration::ApplicationConfig& config)

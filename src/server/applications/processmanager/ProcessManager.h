@@ -11,6 +11,9 @@ namespace core::applications {
 /// blocks it; needs root.
 class ProcessManager {
 public:
+    /// Looks once whether the daemon has a terminal, which no program is to get; it never acquires one later.
+    ProcessManager();
+
     /// Launches a program as the application's user and group and waits until it is executed or has failed.
     /// The program is neither waited for nor tracked further.
     ///
@@ -60,6 +63,7 @@ private:
     static bool SignalProcesses(const QStringList& processes, int sig);
     static void SignalApplicationProcesses();
 
+    bool m_hasTerminal;
     QString m_preparedAppName; ///< application whose directories were prepared last
 };
 

@@ -136,7 +136,7 @@ private slots:
         int terminal = -1;
         const pid_t foreground = forkpty(&terminal, nullptr, nullptr, nullptr);
         if (foreground == 0) {
-            m_manager.StartProcess("/home/pay/bin/look", Pay());
+            ProcessManager().StartProcess("/home/pay/bin/look", Pay());
             _exit(waitpid(-1, nullptr, 0) > 0 ? 0 : 1);
         }
         int status = -1;
