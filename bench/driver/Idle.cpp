@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -29,6 +30,20 @@ long CallsInSummary()
     return 0;
 }
 
+/// strace wakes each thread up when it begins.
+bool IsTracedAndAsleep(const std::string& pid)
+{
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + pid + "/task")) {
+        std::ifstream file(task.path() / "status");
+        const std::string status{std::istreambuf_iterator<char>(file), {}};
+        if (status.find("TracerPid:\t0\n") != std::string::npos ||
+            status.find("State:\tS") == std::string::npos) {
+            return false;
+        }
+    }
+    return true;
+}
+
 } // namespace
 
 Section MeasureIdle(const Options& options)
@@ -41,12 +56,7 @@ Section MeasureIdle(const Options& options)
     {
         static_cast<void>(std::remove(kSummary));
         const Process strace({"strace", "-f", "-c", "-o", kSummary, "-p", pid});
-        const auto isTraced = [&pid] {
-            std::ifstream file("/proc/" + pid + "/status");
-            const std::string status{std::istreambuf_iterator<char>(file), {}};
-            return status.find("TracerPid:\t0\n") == std::string::npos;
-        };
-        WaitFor("strace", isTraced);
+        WaitFor("strace", [&pid] { return IsTracedAndAsleep(pid); });
         const long attached = daemon.Sleeps();
         const double end = Now() + seconds * 1e6;
         while (Now() < end) {
