@@ -1,6 +1,7 @@
 #include "Applications.h"
 
 #include "Process.h"
+#include "SampleConfiguration.h"
 
 #include <unistd.h>
 
@@ -15,19 +16,6 @@ namespace fs = std::filesystem;
 
 namespace kxbench {
 namespace {
-
-constexpr auto kConfiguration = R"(<?xml version="1.0" encoding="UTF-8"?>
-<application>
-  <resources>files/resources.xml</resources>
-  <prompts>files/prompts.xml</prompts>
-  <home_button>html/index.html</home_button>
-  <card_ranges>files/cards.xml</card_ranges>
-  <white_list signature="c2lnbmF0dXJl" signature_path="files/list.sig">files/list.xml</white_list>
-  <desktop_item title="Pay" icon_path="html/pay.svg" icon_position="1">html/pay.html</desktop_item>
-  <desktop_item title="Refund" icon_path="html/refund.svg" icon_position="2">html/refund.html</desktop_item>
-  <config_page title="Settings">html/settings.html</config_page>
-</application>
-)";
 
 /// The accounts of the private root without those of applications.
 std::string WithoutApplications(const char* path)
@@ -64,7 +52,7 @@ void Install(int number)
     const fs::path home = "/home/" + ApplicationName(number);
     fs::create_directories(home / "bin");
     fs::create_directories(home / "html");
-    std::ofstream(home / "app.conf") << kConfiguration;
+    std::ofstream(home / "app.conf") << kSampleConfiguration;
     fs::copy_file(std::string(kPrograms) + "stamp", home / "bin/stamp");
     const unsigned id = kFirstAccount + number;
     if (chown(home.c_str(), id, id) != 0) {

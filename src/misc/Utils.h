@@ -22,8 +22,8 @@ bool CreateSymlink(const QString& target, const QString& linkPath);
 QString NormalizeFilePath(const QString& path, const QString& homeDir);
 
 /// \return the path with all links resolved; empty when it does not exist, has links that go in circles, is
-/// too
-///         long (QFileInfo would hand out an unresolved path) or holds a NUL, at which file names would end
+///         too long (QFileInfo would hand out an unresolved path) or holds a NUL, at which file names would
+///         end
 QString CanonicalPath(const QString& path);
 
 /// Looks at the file that \a path leads to without any link, so that what is found out about it holds for

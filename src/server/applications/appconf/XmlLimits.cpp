@@ -154,9 +154,8 @@ public:
         }
     }
 
-    /// \return the text that all references in \a text stand for; an upper bound, since what looks like one
-    /// in a
-    ///         comment counts, too
+    /// \return how much text all references in \a text stand for; an upper bound, since what looks like one
+    ///         in a comment counts, too
     qint64 ExpandedSize(const QString& text)
     {
         qint64 total = 0;
