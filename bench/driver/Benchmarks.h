@@ -2,13 +2,10 @@
 
 #include "Report.h"
 
-#include <string>
-
 namespace kxbench {
 
 struct Options {
     bool quick = false;
-    std::string results; ///< folder for the data of plots
 
     /// \return how often to measure
     int Times(int full, int quickly) const { return quick ? quickly : full; }

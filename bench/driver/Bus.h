@@ -26,8 +26,7 @@ constexpr Method kTerminate{"com.veltrasys.kx.core", "/Applications", "com.veltr
 constexpr Method kRecords{"com.veltrasys.bench.Records", "/", "com.veltrasys.bench.Records", "Enumerate"};
 constexpr Method kBusPing{"com.veltrasys.bench.Bus", "/", "com.veltrasys.bench.Bus", "Ping"};
 
-/// One of the services on QtDBus; the second also sets libcurl up, to tell what the daemon saves by loading
-/// it late.
+/// The reference service on QtDBus.
 struct QtService {
     const char* program;
     Method ping;
@@ -37,9 +36,6 @@ struct QtService {
 constexpr QtService kQt{"/usr/libexec/kx-bench/qt-service",
                         {"com.veltrasys.bench.Qt", "/", "com.veltrasys.bench.Qt", "Ping"},
                         {"com.veltrasys.bench.Qt", "/", "com.veltrasys.bench.Qt", "Start"}};
-constexpr QtService kQtCurl{"/usr/libexec/kx-bench/qt-service-curl",
-                            {"com.veltrasys.bench.QtCurl", "/", "com.veltrasys.bench.Qt", "Ping"},
-                            {"com.veltrasys.bench.QtCurl", "/", "com.veltrasys.bench.Qt", "Start"}};
 
 /// A client on the bus. What fails throws.
 class Bus {

@@ -9,20 +9,20 @@ namespace kxbench {
 namespace {
 
 /// What processes hold, each kind of memory in a table.
-class Scales {
+class MemoryTables {
 public:
-    void Weigh(const std::string& name, const Process& process)
+    void AddRow(const std::string& name, const Process& process)
     {
         for (Kind& kind : m_kinds) {
             kind.table.rows.push_back({name, Samples(process.Kilobytes(kind.key)), 0});
         }
     }
 
-    /// Weighs one that the first of all is compared with.
-    /// \return the memory that the first has written to, over its
-    double WeighReference(const std::string& name, const QtService& service)
+    /// Adds a process that the first of all is compared with.
+    /// \return the memory that the first has written to, over that of the reference
+    double AddReference(const std::string& name, const QtService& service)
     {
-        Weigh(name, StartService(service.program, service.ping));
+        AddRow(name, StartService(service.program, service.ping));
         for (Kind& kind : m_kinds) {
             kind.table.rows.back().ratio =
                 Ratio(kind.table.rows.front().samples, kind.table.rows.back().samples);
@@ -30,7 +30,7 @@ public:
         return m_kinds[kWritten].table.rows.back().ratio;
     }
 
-    /// \return by how much the last weighed has written to more memory than the one before, in kB
+    /// \return how much more memory the last row has written to than the row before, in kB
     double Growth() const
     {
         const auto last = m_kinds[kWritten].table.rows.end();
@@ -59,19 +59,19 @@ void CallOften(int times)
     }
 }
 
-/// Weighs the daemon with so many applications, at first and after calls.
+/// Measures the daemon with so many applications, at first and after calls.
 /// \return by how much the second 10,000 calls made it grow, in kB
-double WeighDaemon(int applications, Scales& scales)
+double MeasureDaemon(int applications, MemoryTables& tables)
 {
     InstallApplications(applications);
     const std::string name = "kxcore, " + std::to_string(applications) + " applications";
     const Process daemon = StartDaemon();
-    scales.Weigh(name + ", idle", daemon);
+    tables.AddRow(name + ", idle", daemon);
     for (const char* calls : {", after 10,000 calls", ", after 20,000 calls"}) {
         CallOften(10'000);
-        scales.Weigh(name + calls, daemon);
+        tables.AddRow(name + calls, daemon);
     }
-    return scales.Growth();
+    return tables.Growth();
 }
 
 } // namespace
@@ -79,11 +79,10 @@ double WeighDaemon(int applications, Scales& scales)
 Section MeasureMemory(const Options& /*options*/)
 {
     constexpr double kNoise = 64; // kB: pages that nothing had touched before
-    Scales scales;
-    const double growth = WeighDaemon(0, scales);
-    const double growthWithApplications = WeighDaemon(100, scales);
-    const double ratio = scales.WeighReference("bare QtDBus program, idle", kQt);
-    scales.WeighReference("the same with libcurl set up", kQtCurl);
+    MemoryTables tables;
+    const double growth = MeasureDaemon(0, tables);
+    const double growthWithApplications = MeasureDaemon(100, tables);
+    const double ratio = tables.AddReference("bare QtDBus program, idle", kQt);
     Section section;
     section.title = "Memory";
     section.text =
@@ -92,7 +91,7 @@ Section MeasureMemory(const Options& /*options*/)
         "on what else runs; the goals are about the private memory that was written to. Of the calls one in "
         "a hundred is `Enumerate`, the others the cheapest. The first calls make the heap as large as it "
         "gets.";
-    section.tables = scales.Tables();
+    section.tables = tables.Tables();
     section.goals = {
         {"private memory, written to, idle at most 1.5 x bare QtDBus", ratio, 1.5, "see the table"},
         {"nothing grows from call 10,000 to 20,000 (kB written to)", growth, kNoise, "see the table"},

@@ -51,21 +51,14 @@ private:
     Bus m_bus;
 };
 
-class Limit : public Launcher {
+/// Fork and exec without any of the daemon's checks.
+class BareLauncher : public Launcher {
 public:
-    Limit(std::string name, const QtService& service)
-        : m_name(std::move(name)),
-          m_start(service.start),
-          m_service(StartService(service.program, service.ping))
-    {}
-
-    std::string Name() const override { return m_name; }
-    void Launch() override { m_bus.Call(m_start, "su", Stamp().c_str(), kFirstAccount); }
+    std::string Name() const override { return "bare QtDBus, fork and exec in plain C"; }
+    void Launch() override { m_bus.Call(kQt.start, "su", Stamp().c_str(), kFirstAccount); }
 
 private:
-    std::string m_name;
-    Method m_start;
-    Process m_service;
+    Process m_service = StartService(kQt.program, kQt.ping);
     Bus m_bus;
 };
 
@@ -213,8 +206,7 @@ std::vector<std::unique_ptr<Launcher>> StartLaunchers()
 {
     std::vector<std::unique_ptr<Launcher>> launchers;
     launchers.push_back(std::make_unique<Daemon>());
-    launchers.push_back(std::make_unique<Limit>("the limit: bare QtDBus, fork and exec in plain C", kQt));
-    launchers.push_back(std::make_unique<Limit>("the same with libcurl set up", kQtCurl));
+    launchers.push_back(std::make_unique<BareLauncher>());
     launchers.push_back(std::make_unique<Activation>());
     launchers.push_back(std::make_unique<Supervisor>("runit", "runsv", "chpst -u"));
     launchers.push_back(std::make_unique<Supervisor>("s6", "s6-supervise", "s6-setuidgid"));

@@ -67,9 +67,6 @@ void Print(const Section& section)
     for (const Table& table : section.tables) {
         PrintTable(table);
     }
-    if (!section.image.empty()) {
-        std::printf("![%s](images/%s)\n\n", section.title.c_str(), section.image.c_str());
-    }
     if (!section.goals.empty()) {
         std::printf("| goal | measured | |\n|---|---|---|\n");
         std::for_each(section.goals.begin(), section.goals.end(), PrintGoal);

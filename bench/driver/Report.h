@@ -49,7 +49,6 @@ struct Section {
     std::string text; ///< what was measured, and how
     std::vector<Table> tables;
     std::vector<Goal> goals;
-    std::string image; ///< of docs/images; may be empty
 };
 
 /// Writes the section to standard output, as Markdown.

@@ -24,11 +24,10 @@ void TimeStart(const std::vector<std::string>& command, const Method& call, Figu
     figures.serving.Add((Now() - process.Executed()) / 1000);
 }
 
-void AddRows(Table& table, int applications, const Samples& core, const Samples& qt, const Samples& curl)
+void AddRows(Table& table, int applications, const Samples& core, const Samples& qt)
 {
     table.rows.push_back({"kxcore, " + std::to_string(applications) + " applications", core, 0});
     table.rows.push_back({"bare QtDBus program, by turns with it", qt, Ratio(core, qt)});
-    table.rows.push_back({"the same with libcurl set up", curl, Ratio(core, curl)});
 }
 
 } // namespace
@@ -47,25 +46,12 @@ Section MeasureStartUp(const Options& options)
         InstallApplications(count);
         Figures core;
         Figures qt;
-        Figures curl;
         for (int i = options.Times(60, 15); i > 0; --i) {
-            // Each begins in the wake of another as often.
-            for (const int subject : {i, i + 1 + i % 2, i + 2 - i % 2}) {
-                switch (subject % 3) {
-                case 0:
-                    TimeStart({kDaemon, "--no-daemon"}, kCheapest, core);
-                    break;
-                case 1:
-                    TimeStart({kQt.program}, kQt.ping, qt);
-                    break;
-                default:
-                    TimeStart({kQtCurl.program}, kQtCurl.ping, curl);
-                    break;
-                }
-            }
+            TimeStart({kDaemon, "--no-daemon"}, kCheapest, core);
+            TimeStart({kQt.program}, kQt.ping, qt);
         }
-        AddRows(owned, count, core.owned, qt.owned, curl.owned);
-        AddRows(serving, count, core.serving, qt.serving, curl.serving);
+        AddRows(owned, count, core.owned, qt.owned);
+        AddRows(serving, count, core.serving, qt.serving);
         if (count == 10) {
             section.goals = {{"name owned with 10 applications at most 1.3 x bare QtDBus",
                               Ratio(core.owned, qt.owned), 1.3, "see the table"}};

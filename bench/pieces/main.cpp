@@ -3,11 +3,10 @@
 
 #include "misc/Utils.h"
 #include "server/applications/appconf/AppConfigParser.h"
-#include "server/applications/appconf/XmlLimits.h"
 #include "server/applications/appconf/XmlReader.h"
 
 #include <benchmark/benchmark.h>
-#include <pugixml.hpp>
+#include <libxml/parser.h>
 
 #include <QDomDocument>
 
@@ -18,19 +17,13 @@ using core::configuration::Parser;
 
 const QByteArray kConfiguration = kxbench::kSampleConfiguration;
 
-void PugixmlReads(benchmark::State& state)
+void Libxml2Reads(benchmark::State& state)
 {
     while (state.KeepRunning()) {
-        pugi::xml_document document;
-        benchmark::DoNotOptimize(document.load_buffer(kConfiguration.constData(), kConfiguration.size()));
-    }
-}
-
-void CheckOfLimits(benchmark::State& state)
-{
-    const QString text = QString::fromUtf8(kConfiguration);
-    while (state.KeepRunning()) {
-        benchmark::DoNotOptimize(core::configuration::FindXmlFlaw(text));
+        xmlDoc* document =
+            xmlReadMemory(kConfiguration.constData(), kConfiguration.size(), nullptr, nullptr, 0);
+        benchmark::DoNotOptimize(document);
+        xmlFreeDoc(document);
     }
 }
 
@@ -70,8 +63,7 @@ void PathNormalizing(benchmark::State& state)
     }
 }
 
-BENCHMARK(PugixmlReads);
-BENCHMARK(CheckOfLimits);
+BENCHMARK(Libxml2Reads);
 BENCHMARK(CheckedReading);
 BENCHMARK(WholeParser);
 BENCHMARK(RecordToMap);

@@ -1,24 +1,18 @@
-/// The least that a service on QtDBus can be: it owns a name, answers a call, and launches a program under
-/// another identity as quickly as that can be done.
+/// The least that a service on QtDBus with libcurl can be: it owns a name, answers a call, and launches a
+/// program under another identity as quickly as that can be done.
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QString>
 
+#include <curl/curl.h>
 #include <grp.h>
 #include <unistd.h>
 
 #include <array>
 #include <csignal>
 
-#ifdef KX_BENCH_CURL
-#include <curl/curl.h>
-
-/// Sets libcurl up before main, which the daemon puts off until it needs it.
+/// libcurl is set up before main, as in the daemon.
 const CURLcode g_curl = curl_global_init(CURL_GLOBAL_ALL);
-constexpr auto kName = "com.veltrasys.bench.QtCurl";
-#else
-constexpr auto kName = "com.veltrasys.bench.Qt";
-#endif
 
 class QtService : public QObject {
     Q_OBJECT
@@ -46,7 +40,7 @@ int main(int argc, char** argv)
     QtService service;
     QDBusConnection bus = QDBusConnection::systemBus();
     if (!bus.registerObject(QStringLiteral("/"), &service, QDBusConnection::ExportAllSlots) ||
-        !bus.registerService(QString::fromLatin1(kName))) {
+        !bus.registerService(QStringLiteral("com.veltrasys.bench.Qt"))) {
         return 1;
     }
     return QCoreApplication::exec();
