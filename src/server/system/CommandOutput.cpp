@@ -6,34 +6,29 @@
 #include <memory>
 
 namespace core::system {
-namespace {
 
-constexpr int kLineSize = 80;
-
-} // namespace
-
-bool ForEachLine(const char* command, const std::function<bool(const char* line)>& take)
+std::vector<std::string> OutputLines(const char* command)
 {
-    // The command lines are the daemon's own.
+    constexpr int kLineSize = 80;
+    std::vector<std::string> lines;
     const std::unique_ptr<FILE, decltype(&pclose)> output(popen(command, "re"), &pclose);
-    if (!output) {
-        return false;
-    }
     std::array<char, kLineSize> line{};
-    while (std::fgets(line.data(), kLineSize, output.get()) != nullptr && take(line.data())) {
+    while (output && std::fgets(line.data(), kLineSize, output.get()) != nullptr) {
+        lines.emplace_back(line.data());
     }
-    return true;
+    return lines;
 }
 
 int NumberInLastLine(const char* command)
 {
     constexpr int kDecimal = 10;
-    long number = -1;
-    ForEachLine(command, [&](const char* line) {
-        number = std::strtol(line, nullptr, kDecimal);
-        return true;
-    });
-    return static_cast<int>(number);
+    const std::vector<std::string> lines = OutputLines(command);
+    return lines.empty() ? -1 : static_cast<int>(std::strtol(lines.back().c_str(), nullptr, kDecimal));
+}
+
+int GetType(const char* path)
+{
+    return NumberInLastLine((std::string("cat ") + path).c_str());
 }
 
 } // namespace core::system

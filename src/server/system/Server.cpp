@@ -1,20 +1,19 @@
 #include "server/system/Server.h"
 
+#include "misc/Guard.h"
 #include "misc/Log.h"
 #include "misc/Utils.h"
 #include "server/applications/Server.h"
-#include "server/system/CommandOutput.h"
 #include "server/system/RegistryKeys.h"
-#include "server/system/Report.h"
+#include "server/system/SystemCallId.h"
 
 #include <Registry.h>
 
 #include <QByteArray>
+#include <QFileInfo>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -29,56 +28,8 @@ namespace core::system {
 namespace {
 
 constexpr auto kSource = "/pkgs/kx-core/src/server/system/Server";
-constexpr auto kExitUrlVariable = "OPEN_ON_EXIT_URL";
-
-/// The kernel starts no program when a variable of its environment, name and final zero included, is longer.
-constexpr int kMaxVariableSize = 128 * 1024;
-constexpr int kMaxUrlSize = kMaxVariableSize - static_cast<int>(sizeof("OPEN_ON_EXIT_URL="));
-
-constexpr auto kPoweroffMark = "/tmp/kxcore_poweroff";
-
-/// Any account can put a link where the mark is to be made, that leads nowhere. The mark would fail, and the
-/// terminal stay on.
-void RemoveForeignLink(const char* path)
-{
-    struct stat info = {};
-    if (lstat(path, &info) == 0 && S_ISLNK(info.st_mode) && info.st_uid != 0) {
-        unlink(path);
-    }
-}
 
 } // namespace
-
-const std::array<Server::Operation, 11> Server::kOperations{{
-    {1, [](Server& server, const QVariantMap&, QVariantMap&) { return server.DoReboot(); }},
-    {96,
-     [](Server& server, const QVariantMap& args, QVariantMap&) { return server.DoConfigureUSBGadget(args); }},
-    {97,
-     [](Server& server, const QVariantMap& args, QVariantMap& result) {
-         QString response;
-         const int status = server.DoLighttpdRestart(args, response);
-         result.insert(QStringLiteral("response"), response);
-         return status;
-     }},
-    {98, [](Server& server, const QVariantMap& args, QVariantMap&) { return server.DoHwtest(args); }},
-    {99, [](Server& server, const QVariantMap& args, QVariantMap&) { return server.DoLogData(args); }},
-    {100, [](Server& server, const QVariantMap& args,
-             QVariantMap&) { return server.DoConsoleStatusChange(args); }},
-    {101, [](Server& server, const QVariantMap&, QVariantMap&) { return server.DoPoweroff(); }},
-    {102, [](Server& server, const QVariantMap& args,
-             QVariantMap&) { return server.DoSetL2KernelsVersion(args); }},
-    {103, [](Server& server, const QVariantMap&, QVariantMap&) { return server.DoGetL2KernelsVersion(); }},
-    {104,
-     [](Server& server, const QVariantMap&, QVariantMap& result) {
-         double voltage = 0;
-         const int status = server.DoGetCoinBatteryVoltage(voltage);
-         if (status == 0) {
-             result.insert(QStringLiteral("voltage"), voltage);
-         }
-         return status;
-     }},
-    {105, [](Server& server, const QVariantMap&, QVariantMap&) { return server.DoKeypadReset(); }},
-}};
 
 Server::Server(core::applications::Server& appsServer, QObject* parent)
     : QObject(parent), m_appsServer(appsServer), m_registry(std::make_shared<Registry>())
@@ -101,20 +52,60 @@ Server::~Server()
 QVariantMap Server::SystemCall(int methodId, const QVariantMap& args)
 {
     QVariantMap result;
-    try {
-        const auto* const operation =
-            std::find_if(kOperations.begin(), kOperations.end(),
-                         [&](const Operation& entry) { return entry.id == methodId; });
+    const char* const function = __func__;
+    Misc::Guarded(KX_PREFIX(kSource), [&] {
         int status = -1;
-        if (operation != kOperations.end()) {
-            status = operation->run(*this, args, result);
-        } else {
-            qNotice() << KX_PREFIX(kSource) << "Unexpected method Id for system call:" << methodId;
+        double voltage = 0;
+        switch (methodId) {
+        case RebootCall:
+            status = DoReboot();
+            break;
+        case UsbGadgetCall:
+            status = DoConfigureUSBGadget(args);
+            break;
+        case WebServerCall:
+            try {
+                status = DoLighttpdRestart(args);
+                result["response"] = status == 0 ? "OK" : QStringLiteral("Error '%1'").arg(status);
+            } catch (const std::exception& error) {
+                result["response"] = error.what();
+            } catch (...) {
+                result["response"] = "Unknown error";
+            }
+            break;
+        case HardwareTestCall:
+            status = DoHwtest(args);
+            break;
+        case LogCall:
+            status = DoLogData(args);
+            break;
+        case ConsoleCall:
+            status = DoConsoleStatusChange(args);
+            break;
+        case PowerOffCall:
+            status = DoPoweroff();
+            break;
+        case SetKernelVersionCall:
+            status = DoSetL2KernelsVersion(args);
+            break;
+        case GetKernelVersionCall:
+            status = DoGetL2KernelsVersion();
+            break;
+        case CoinBatteryCall:
+            status = DoGetCoinBatteryVoltage(voltage);
+            if (status == 0) {
+                result["voltage"] = voltage;
+            }
+            break;
+        case KeypadResetCall:
+            status = DoKeypadReset();
+            break;
+        default:
+            qNotice() << KX_PREFIX_AS(kSource, function)
+                      << "Unexpected method Id for system call:" << methodId;
         }
-        result.insert(QStringLiteral("return"), status);
-    } catch (...) {
-        qError() << KX_PREFIX(kSource) << "Unexpected exception";
-    }
+        result["return"] = status;
+    });
     return result;
 }
 
@@ -125,20 +116,21 @@ int Server::DoReboot()
 
 int Server::DoPoweroff()
 {
-    RemoveForeignLink(kPoweroffMark);
     qNotice() << KX_PREFIX(kSource) << "Powering Off....";
+    // Any account can plant a link that leads nowhere: touch would fail and the terminal stay on.
+    if (QFileInfo("/tmp/kxcore_poweroff").isSymLink()) {
+        unlink("/tmp/kxcore_poweroff");
+    }
     return Misc::ExecShell("touch /tmp/kxcore_poweroff && poweroff");
 }
 
 int Server::DoHwtest(const QVariantMap& args)
 {
-    const QVariant value = args.value(QStringLiteral("url"));
-    const QByteArray url = value.toString().toUtf8();
-    // A text that no program can be started with would make every later command of the daemon fail.
-    if (value.type() == QVariant::String && url.size() <= kMaxUrlSize) {
-        setenv(kExitUrlVariable, url.constData(), 1);
+    const QVariant url = args.value("url");
+    if (url.type() == QVariant::String) {
+        setenv("OPEN_ON_EXIT_URL", url.toString().toUtf8().constData(), 1);
     } else {
-        unsetenv(kExitUrlVariable);
+        unsetenv("OPEN_ON_EXIT_URL");
     }
     return Misc::ExecShell("/sred/root/hwtest/hwtest -f &");
 }
@@ -150,8 +142,8 @@ int Server::DoKeypadReset()
 
 int Server::DoConsoleStatusChange(const QVariantMap& args)
 {
-    const QString command = args.value(QStringLiteral("command")).toString();
-    if (command != QLatin1String("enable") && command != QLatin1String("disable")) {
+    const QString command = args.value("command").toString();
+    if (command != "enable" && command != "disable") {
         return -1;
     }
     const QString line = QStringLiteral("/etc/rc.d/init.d/console %1").arg(command);
@@ -167,23 +159,12 @@ int Server::DoConsoleStatusChange(const QVariantMap& args)
 
 int Server::DoLogData(const QVariantMap& args)
 {
-    const QString text = args.value(QStringLiteral("text")).toString();
+    const QString text = args.value("text").toString();
     if (text.isEmpty()) {
         return -1;
     }
-    qInfo() << KX_PREFIX(kSource) << Misc::Excerpt(text);
+    qInfo() << KX_PREFIX(kSource) << text;
     return 0;
-}
-
-bool Exists(const char* path)
-{
-    struct stat status = {};
-    return stat(path, &status) == 0;
-}
-
-int GetType(const char* path)
-{
-    return NumberInLastLine((QByteArray("cat ") + path).constData());
 }
 
 } // namespace core::system

@@ -4,7 +4,6 @@
 #include <QString>
 #include <QVariantMap>
 
-#include <array>
 #include <list>
 #include <memory>
 #include <string>
@@ -17,19 +16,6 @@ class Server;
 }
 
 namespace core::system {
-
-/// \return whether \a path exists; links are followed
-bool Exists(const char* path);
-
-/// Reads a number that the kernel shows as a file.
-/// \return the number at the start of the file's last line (0 when there is none); -1 when the file is empty
-///         or cannot be read
-int GetType(const char* path);
-
-/// Replaces the content of a configuration file of syslog (created with mode 0664 under the umask) and
-/// restarts syslog.
-/// \throws std::runtime_error with the text for the log when the file cannot be written or the restart fails
-void WriteToConfigFileAndRestart(const char* path, const char* text);
 
 /// The object behind /System: performs privileged operations for unprivileged callers and keeps settings of
 /// the system in line with keys of the registry.
@@ -48,13 +34,11 @@ public:
 public slots:
     /// D-Bus: SystemCall(i, a{sv}) -> a{sv}. Performs one operation.
     ///
-    /// \param methodId  1 reboot, 96 USB gadget, 97 web server, 98 hardware test, 99 log text, 100 console,
-    ///                  101 power-off, 102 and 103 set and get the secure-kernel version, 104 coin-cell
-    ///                  voltage, 105 keypad reset
+    /// \param methodId  a SystemCallId
     /// \param args      arguments of the operation; entries of unexpected types count as their conversion
     /// \return "return": the operation's int result, -1 for an unknown id (logged at notice level);
-    ///         "response" (97): "OK" or what went wrong; "voltage" (104, on success): volts, a double.
-    ///         Without "return" when the operation threw ("Unexpected exception" at error level).
+    ///         "response" (web server): "OK" or what went wrong; "voltage" (coin cell, on success): volts, a
+    ///         double. Without "return" when the operation threw ("Unexpected exception" at error level).
     QVariantMap SystemCall(int methodId, const QVariantMap& args);
 
 private slots:
@@ -69,14 +53,6 @@ private slots:
     void keyDeleted(const QString& key);
 
 private:
-    struct Operation {
-        int id;
-        int (*run)(Server& server, const QVariantMap& args, QVariantMap& result);
-    };
-    struct LinkChoice;
-    static const std::array<Operation, 11> kOperations;
-    static const std::array<LinkChoice, 3> kLinkChoices;
-
     int DoReboot();
     int DoPoweroff();
 
@@ -100,23 +76,15 @@ private:
     /// \throws std::runtime_error with the text that was logged; earlier links stay changed
     int DoLighttpdRestart(const QVariantMap& args);
 
-    /// The same with the outcome as a text: "OK", "Error '<code>'" or what was thrown.
-    int DoLighttpdRestart(const QVariantMap& args, QString& response);
-
     /// Records the gadget settings as files and reloads the gadget modules with them, with the applications
     /// stopped meanwhile. Logs its steps at info level and failures at error level.
     /// \return 0, or 1 when a setting is invalid, a file cannot be changed or the modules do not load
     int DoConfigureUSBGadget(const QVariantMap& args);
 
-    /// Writes or removes the hub identifier and the flag files.
-    /// \return whether a hub identifier was given
-    /// \throws std::invalid_argument, std::runtime_error with the text for the log
-    bool ApplyUsbSettings(const QVariantMap& args);
-
     /// \return 0, or the status of the command that failed
     int reloadGadgetUsbModules(bool serial);
 
-    /// \return 0, or the statuses of the failed commands, combined by bitwise or
+    /// \return the statuses of all commands, combined by bitwise or
     int stopUsbModules(bool serial);
     int startModule(const char* name, const char* params);
 
@@ -130,15 +98,9 @@ private:
     /// \return 0, or -1 after a failure, which is logged at error level
     int DoSetL2KernelsVersion(const QVariantMap& args);
 
-    /// \param target  "address:port", or empty for no remote log
-    void SetSyslogTarget(const QString& target);
-
     /// Writes the hub identifier, unless the system is not in its apply mode.
     /// \throws std::runtime_error with the text for the log
     void ReplaceHubID(const QString& hubID);
-
-    /// \param value  "1" or "0"; the key is deleted for any other
-    void ApplyWakeOnMagic(const QString& value);
 
     /// \return index of the wireless PHY, -1 when there is none
     int GetWiphyIndex();
@@ -150,8 +112,9 @@ private:
     /// \return enabled triggers in the order of the listing; empty on any error
     std::list<std::string> GetWowlanFeaturesList();
 
-    /// \return 1 when wake-on-WLAN is enabled; on the Murata module only with magic packet among the
-    ///         triggers, else it is switched off. 0 otherwise.
+    /// \return 1 when wake-on-WLAN is enabled, else 0. On the Murata module one without magic packet among
+    /// its
+    ///         triggers is switched off and counts as 0.
     int CheckWifiWowlanStatus();
 
     /// On a terminal with Wi-Fi, subscribes the wake-on-magic key and applies it (default: enabled).

@@ -1,6 +1,5 @@
 #include "misc/Log.h"
 #include "misc/Utils.h"
-#include "server/system/Report.h"
 #include "server/system/Server.h"
 
 #include <QTimer>
@@ -10,7 +9,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <exception>
 #include <stdexcept>
 #include <string>
 
@@ -24,114 +22,77 @@ constexpr auto kSource = "/pkgs/kx-core/src/server/system/Server";
 /// Lets the reply of the call reach its caller, who may be served by the web server.
 constexpr std::chrono::milliseconds kRestartDelay{500};
 
-[[noreturn]] void Fail(const std::string& message)
-{
-    LogError("DoLighttpdRestart", message);
-    throw std::runtime_error(message);
-}
-
-/// Replaces a link as far as it leads to a readable file; a dangling one is in the way and counts as failure.
-void ReplaceResolvingLink(const char* target, const char* link)
+/// Makes \a link lead to \a target. A link that leads to no readable file is not removed and counts as
+/// failure. \throws std::runtime_error "Unlink failed: <reason>" or "Symlink failed: <reason>", logged at
+/// error level
+void ReplaceLink(const char* target, const char* link)
 {
     if (access(link, R_OK) == 0 && unlink(link) == -1) {
-        Fail(std::string("Unlink failed: ") + std::strerror(errno));
+        const std::string message = std::string("Unlink failed: ") + std::strerror(errno);
+        qError() << KX_PREFIX_AS(kSource, "DoLighttpdRestart") << message.c_str();
+        throw std::runtime_error(message);
     }
     if (symlink(target, link) == -1) {
-        Fail(std::string("Symlink failed: ") + std::strerror(errno));
+        const std::string message = std::string("Symlink failed: ") + std::strerror(errno);
+        qError() << KX_PREFIX_AS(kSource, "DoLighttpdRestart") << message.c_str();
+        throw std::runtime_error(message);
     }
-}
-
-/// \return 0 or the status, which is logged
-int RunAndLog(const char* command)
-{
-    const int status = Misc::ExecShell(command);
-    if (status != 0) {
-        qError() << KX_PREFIX_AS(kSource, "OnRestartLighttpdTimer")
-                 << QByteArray(command).append(" returned ").constData() << status;
-    }
-    return status;
 }
 
 } // namespace
 
-/// A link in the web server's configuration and the two files that a caller can choose between.
-struct Server::LinkChoice {
-    struct Value {
-        const char* name;
-        const char* target;
-    };
-    const char* key;
-    const char* failure;
-    const char* link;
-    Value first;
-    Value second;
-    bool Server::*secondChosen; ///< remembers the choice; may be null
-};
-
-const std::array<Server::LinkChoice, 3> Server::kLinkChoices{{
-    {"newconf",
-     "Invalid protocol: ",
-     "/etc/lighttpd/lighttpd.conf",
-     {"HTTP", "/etc/lighttpd/lighttpd.conf.HTTP"},
-     {"HTTPS", "/etc/lighttpd/lighttpd.conf.HTTPS"},
-     nullptr},
-    {"caching",
-     "Invalid caching status: ",
-     "/etc/lighttpd/caching.conf",
-     {"on", "/etc/lighttpd/enable_cache.conf"},
-     {"off", "/etc/lighttpd/disable_cache.conf"},
-     &Server::m_cachingDisabled},
-    {"buffer-resp",
-     "Invalid buffer-resp value: ",
-     "/etc/lighttpd/buffer-resp.conf",
-     {"on", "/etc/lighttpd/buffer-resp-on.conf"},
-     {"off", "/etc/lighttpd/buffer-resp-off.conf"},
-     &Server::m_bufferRespDisabled},
-}};
-
 int Server::DoLighttpdRestart(const QVariantMap& args)
 {
-    for (const LinkChoice& choice : kLinkChoices) {
-        const auto argument = args.constFind(QString::fromLatin1(choice.key));
-        if (argument == args.constEnd()) {
-            continue;
+    if (args.contains("newconf")) {
+        const std::string protocol = args.value("newconf").toString().toStdString();
+        if (protocol != "HTTP" && protocol != "HTTPS") {
+            const std::string message = "Invalid protocol: " + protocol;
+            qError() << KX_PREFIX(kSource) << message.c_str();
+            throw std::runtime_error(message);
         }
-        const QString value = argument->toString();
-        const bool second = value == QLatin1String(choice.second.name);
-        if (!second && value != QLatin1String(choice.first.name)) {
-            Fail(choice.failure + ExcerptOf(value));
+        ReplaceLink(("/etc/lighttpd/lighttpd.conf." + protocol).c_str(), "/etc/lighttpd/lighttpd.conf");
+    }
+    if (args.contains("caching")) {
+        const std::string caching = args.value("caching").toString().toStdString();
+        if (caching != "on" && caching != "off") {
+            const std::string message = "Invalid caching status: " + caching;
+            qError() << KX_PREFIX(kSource) << message.c_str();
+            throw std::runtime_error(message);
         }
-        if (choice.secondChosen != nullptr) {
-            this->*choice.secondChosen = second;
+        m_cachingDisabled = caching == "off";
+        ReplaceLink(m_cachingDisabled ? "/etc/lighttpd/disable_cache.conf"
+                                      : "/etc/lighttpd/enable_cache.conf",
+                    "/etc/lighttpd/caching.conf");
+    }
+    if (args.contains("buffer-resp")) {
+        const std::string buffering = args.value("buffer-resp").toString().toStdString();
+        if (buffering != "on" && buffering != "off") {
+            const std::string message = "Invalid buffer-resp value: " + buffering;
+            qError() << KX_PREFIX(kSource) << message.c_str();
+            throw std::runtime_error(message);
         }
-        ReplaceResolvingLink(second ? choice.second.target : choice.first.target, choice.link);
+        m_bufferRespDisabled = buffering == "off";
+        ReplaceLink(m_bufferRespDisabled ? "/etc/lighttpd/buffer-resp-off.conf"
+                                         : "/etc/lighttpd/buffer-resp-on.conf",
+                    "/etc/lighttpd/buffer-resp.conf");
     }
     QTimer::singleShot(kRestartDelay, this, &Server::OnRestartLighttpdTimer);
     return 0;
 }
 
-int Server::DoLighttpdRestart(const QVariantMap& args, QString& response)
-{
-    try {
-        const int status = DoLighttpdRestart(args);
-        response = status == 0 ? QStringLiteral("OK") : QStringLiteral("Error '%1'").arg(status);
-        return status;
-    } catch (const std::exception& error) {
-        response = QString::fromUtf8(error.what());
-    } catch (...) {
-        response = QStringLiteral("Unknown error");
-    }
-    return -1;
-}
-
 void Server::OnRestartLighttpdTimer()
 {
-    if (RunAndLog("/etc/rc.d/init.d/lighthttpd restart") != 0) {
+    int status = Misc::ExecShell("/etc/rc.d/init.d/lighthttpd restart");
+    if (status != 0) {
+        qError() << KX_PREFIX(kSource) << "/etc/rc.d/init.d/lighthttpd restart returned " << status;
         return;
     }
     if (m_cachingDisabled) {
         m_cachingDisabled = false;
-        RunAndLog("/etc/platform/35-browser restart");
+        status = Misc::ExecShell("/etc/platform/35-browser restart");
+        if (status != 0) {
+            qError() << KX_PREFIX(kSource) << "/etc/platform/35-browser restart returned " << status;
+        }
     }
 }
 

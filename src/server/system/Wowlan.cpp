@@ -2,7 +2,6 @@
 #include "misc/Utils.h"
 #include "server/system/CommandOutput.h"
 #include "server/system/RegistryKeys.h"
-#include "server/system/Report.h"
 #include "server/system/Server.h"
 
 #include <Registry.h>
@@ -10,7 +9,8 @@
 #include <QVariant>
 
 #include <algorithm>
-#include <cstring>
+#include <array>
+#include <exception>
 #include <stdexcept>
 
 using com::veltrasys::common::qt::qError;
@@ -19,10 +19,9 @@ namespace core::system {
 namespace {
 
 constexpr auto kSource = "/pkgs/kx-core/src/server/system/Server";
-constexpr auto kMagicPacket = "magic-packet";
 
 struct Trigger {
-    const char* listed; ///< as the tool lists it
+    const char* text; ///< in a line of iw's listing
     const char* name;
 };
 
@@ -31,17 +30,12 @@ constexpr std::array<Trigger, 5> kTriggers{{
     {"GTK rekeying failure", "gtk-rekey-failure"},
     {"EAP identity request", "eap-identity-request"},
     {"4-way handshake", "4way-handshake"},
-    {"magic packet", kMagicPacket},
+    {"magic packet", "magic-packet"},
 }};
 
-std::string PhyCommand(int index, const char* arguments)
+bool Contains(const std::string& line, const char* text)
 {
-    return "iw phy" + std::to_string(index) + " wowlan " + arguments;
-}
-
-bool Contains(const char* line, const char* text)
-{
-    return std::strstr(line, text) != nullptr;
+    return line.find(text) != std::string::npos;
 }
 
 } // namespace
@@ -60,35 +54,39 @@ bool Server::IsMurataWifiChip()
 
 void Server::SetWifiWowlanParam(bool enable)
 {
-    Attempt(__func__, [&] {
+    try {
         const int index = GetWiphyIndex();
         if (index == -1) {
             throw std::runtime_error("wifi is missing");
         }
-        const std::string command = PhyCommand(index, enable ? "enable magic-packet" : "disable");
+        const std::string command =
+            "iw phy" + std::to_string(index) + " wowlan " + (enable ? "enable magic-packet" : "disable");
         if (Misc::ExecShell(command.c_str()) != 0) {
             throw std::runtime_error("Wowlan feature couldn't be set");
         }
-    });
+    } catch (const std::exception& error) {
+        qError() << KX_PREFIX(kSource) << error.what();
+    } catch (...) {
+        qError() << KX_PREFIX(kSource) << "unknown exception";
+    }
 }
 
 std::list<std::string> Server::GetWowlanFeaturesList()
 {
+    const int index = GetWiphyIndex();
+    if (index == -1) {
+        qError() << KX_PREFIX(kSource) << "wifi is missing";
+        return {};
+    }
     std::list<std::string> names;
-    Attempt(__func__, [&] {
-        const int index = GetWiphyIndex();
-        if (index == -1) {
-            throw std::runtime_error("wifi is missing");
-        }
-        ForEachLine(PhyCommand(index, "show  | grep wake").c_str(), [&](const char* line) {
-            for (const Trigger& trigger : kTriggers) {
-                if (Contains(line, trigger.listed)) {
-                    names.emplace_back(trigger.name);
-                }
+    const std::string command = "iw phy" + std::to_string(index) + " wowlan show  | grep wake";
+    for (const std::string& line : OutputLines(command.c_str())) {
+        for (const Trigger& trigger : kTriggers) {
+            if (Contains(line, trigger.text)) {
+                names.emplace_back(trigger.name);
             }
-            return true;
-        });
-    });
+        }
+    }
     return names;
 }
 
@@ -99,24 +97,26 @@ int Server::CheckWifiWowlanStatus()
         qError() << KX_PREFIX(kSource) << "wifi is missing";
         return 0;
     }
-    bool enabled = false;
-    ForEachLine(PhyCommand(index, "show  | grep WoWLAN").c_str(), [&](const char* line) {
-        enabled = enabled || Contains(line, "enabled");
-        return true;
-    });
-    if (enabled && m_isMurataWifiChip) {
-        const std::list<std::string> names = GetWowlanFeaturesList();
-        if (!names.empty() && std::find(names.begin(), names.end(), kMagicPacket) == names.end()) {
-            SetWifiWowlanParam(false);
-            enabled = false;
+    const std::string command = "iw phy" + std::to_string(index) + " wowlan show  | grep WoWLAN";
+    int status = 0;
+    for (const std::string& line : OutputLines(command.c_str())) {
+        if (Contains(line, "enabled")) {
+            status = 1;
         }
     }
-    return enabled ? 1 : 0;
+    if (status == 1 && m_isMurataWifiChip) {
+        const std::list<std::string> names = GetWowlanFeaturesList();
+        if (!names.empty() && std::find(names.begin(), names.end(), "magic-packet") == names.end()) {
+            SetWifiWowlanParam(false);
+            status = 0;
+        }
+    }
+    return status;
 }
 
 void Server::CheckAndAlignWowlanFeatureStatus()
 {
-    if (m_registry->getValue(kWifiPresenceKey).toString() != QLatin1String("1")) {
+    if (m_registry->getValue(kWifiPresenceKey).toString() != "1") {
         return;
     }
     m_registry->subscribe(kWakeOnMagicKey);
