@@ -39,16 +39,16 @@ QVariantMap Server::StartApplicationBinary(const QString& application, const QSt
     const QFileInfo file(binDir + "/" + binary);
     const QString canonical = file.canonicalFilePath();
     if (canonical.isEmpty()) {
-        return fail(KX_PREFIX(kSource), QStringLiteral("Binary file %1 for app %2 doesn't exist")
-                                            .arg(file.filePath(), application));
+        return fail(
+            KX_PREFIX(kSource),
+            QStringLiteral("Binary file %1 for app %2 doesn't exist").arg(file.filePath(), application));
     }
     if (!canonical.startsWith(binDir)) {
         return fail(KX_PREFIX(kSource),
                     QStringLiteral("Binary file %1 isn't located in bin dir").arg(file.path()));
     }
     if (!file.permission(QFile::ExeOwner)) {
-        return fail(KX_PREFIX(kSource),
-                    QStringLiteral("Binary file %1 is not executable").arg(file.path()));
+        return fail(KX_PREFIX(kSource), QStringLiteral("Binary file %1 is not executable").arg(file.path()));
     }
     const QString commandLine = canonical + " " + params;
     ApplicationConfig config(*installed);

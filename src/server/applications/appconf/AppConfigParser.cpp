@@ -93,8 +93,8 @@ void Parser::ParseXMLRootNode(QDomNode& root, ApplicationConfig& config)
                           &config.m_webResources, &config.m_homeButton}) {
         *path = NormalizeFilePath(*path, config);
     }
-    for (QString* path : {&config.m_cardRanges, &config.m_BINRanges, &config.m_whiteList,
-                          &config.m_whiteListSignaturePath}) {
+    for (QString* path :
+         {&config.m_cardRanges, &config.m_BINRanges, &config.m_whiteList, &config.m_whiteListSignaturePath}) {
         *path = NormalizeFilePath(*path, config);
         IsInsideHomeDir(*path, config); // only logs; the path is kept
     }
@@ -156,9 +156,9 @@ std::optional<BaseItem> Parser::ReadItem(const QDomElement& element, const Appli
         bool isNumber = false;
         item.m_iconPosition = position.toInt(&isNumber, 10);
         if (!isNumber) {
-            qError() << KX_PREFIX_AS(kSource, kFunction)
-                     << QStringLiteral("'icon_position' should be an integer (actual value: '%3') ")
-                            .arg(position);
+            qError()
+                << KX_PREFIX_AS(kSource, kFunction)
+                << QStringLiteral("'icon_position' should be an integer (actual value: '%3') ").arg(position);
             return std::nullopt;
         }
     }

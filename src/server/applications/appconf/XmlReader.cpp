@@ -20,7 +20,7 @@ namespace {
 
 constexpr int kMaxDepth = 100;
 constexpr int kMaxEntities = 256;
-constexpr qint64 kMaxExpansion = 4 * 1024 * 1024;
+constexpr qint64 kMaxExpansion = 4LL * 1024 * 1024;
 
 /// Qt's own bound on the expansion of nested entities, in characters.
 constexpr qint64 kNestedExpansion = 4096;

@@ -32,7 +32,7 @@ struct FailedCall {
     _exit(-1);
 }
 
-void Log(const FailedCall& failed)
+void LogFailed(const FailedCall& failed)
 {
     qError() << failed.prefix << " function " << failed.call << " errno " << failed.error << " "
              << std::strerror(failed.error);
@@ -103,7 +103,7 @@ ChildProcess::ChildProcess(const QString& program, const QString& params,
     m_environment.push_back(nullptr);
 }
 
-void ChildProcess::Run(int readEnd, int writeEnd) const
+void ChildProcess::Run(int readEnd, int writeEnd) const noexcept
 {
     close(readEnd);
     if (chdir(m_homeLatin1.constData()) != 0) {
@@ -111,7 +111,8 @@ void ChildProcess::Run(int readEnd, int writeEnd) const
     }
     if (setgroups(m_groups.size(), m_groups.data()) != 0) {
         const QString reason = std::strerror(errno);
-        qError() << KX_PREFIX_AS(kSource, kFunction) << QStringLiteral("Start: initgroups() call failed (%1)").arg(reason);
+        qError() << KX_PREFIX_AS(kSource, kFunction)
+                 << QStringLiteral("Start: initgroups() call failed (%1)").arg(reason);
     }
     if (prctl(PR_SET_KEEPCAPS, 0L, 0L, 0L, 0L) != 0) {
         ExitAfter({"prctl( PR_SET_KEEPCAPS, 0L, 0L, 0L, 0L )", errno, KX_PREFIX_AS(kSource, kFunction)});
@@ -132,7 +133,7 @@ void ChildProcess::Run(int readEnd, int writeEnd) const
         ExitAfter({"setpgid ( 0, 0 )", errno, KX_PREFIX_AS(kSource, kFunction)});
     }
     if (chdir(m_homeUtf8.constData()) != 0) {
-        Log({"chdir ( config.m_homeDir.toUtf8().data() )", errno, KX_PREFIX_AS(kSource, kFunction)});
+        LogFailed({"chdir ( config.m_homeDir.toUtf8().data() )", errno, KX_PREFIX_AS(kSource, kFunction)});
     }
     int error = ENOMEM;
     if (!m_arguments) {
@@ -145,10 +146,10 @@ void ChildProcess::Run(int readEnd, int writeEnd) const
                         .arg(std::strerror(error), QString::number(error));
     }
     if (write(writeEnd, &error, sizeof(error)) < static_cast<ssize_t>(sizeof(error))) {
-        Log({"write( fd[ 1 ], &err, sizeof( err ) )", errno, KX_PREFIX_AS(kSource, kFunction)});
+        LogFailed({"write( fd[ 1 ], &err, sizeof( err ) )", errno, KX_PREFIX_AS(kSource, kFunction)});
     }
     if (close(writeEnd) != 0) {
-        Log({"close( fd[ 1 ] )", errno, KX_PREFIX_AS(kSource, kFunction)});
+        LogFailed({"close( fd[ 1 ] )", errno, KX_PREFIX_AS(kSource, kFunction)});
     }
     _exit(1);
 }

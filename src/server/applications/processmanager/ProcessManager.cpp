@@ -48,8 +48,9 @@ ssize_t ReadInTime(int fd, int& value)
 bool ProcessManager::StartProcess(const QString& command,
                                   const core::configuration::ApplicationConfig& config)
 {
-    const QString program = command.section(' ', 0, 0);
-    const QString params = command.section(' ', 1).trimmed();
+    const int blank = command.indexOf(' ');
+    const QString program = command.left(blank); // all of it without a blank
+    const QString params = blank < 0 ? QString() : command.mid(blank + 1).trimmed();
     if (m_preparedAppName != config.m_name) {
         if (!PrepareEnviornment(config)) {
             return false;
@@ -89,7 +90,7 @@ bool ProcessManager::StartProcess(const QString& command,
     if (count < 0) {
         const int error = errno;
         if (error == ETIMEDOUT) {
-            kill(pid, SIGKILL); // stopped by the application, whose identity it has
+            kill(pid, SIGKILL); // the application, whose identity it has, may have stopped it
         }
         qError() << KX_PREFIX(kSource)
                  << QStringLiteral("Start: Error reading from pipe (%1)").arg(std::strerror(error));

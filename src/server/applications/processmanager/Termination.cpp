@@ -49,9 +49,8 @@ int ProcessManager::TerminateProcess(int pid, int sig)
 
 void ProcessManager::SignalApplicationProcesses()
 {
-    const QStringList processes = QDir("/proc/")
-                                      .entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name)
-                                      .filter(QRegExp("^[0-9]*$"));
+    const QStringList processes =
+        QDir("/proc/").entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name).filter(QRegExp("^[0-9]*$"));
     bool signalled = false;
     for (const int sig : {SIGTERM, SIGKILL}) {
         for (const QString& process : processes) {
