@@ -2,10 +2,9 @@
 
 #include "ElementCheck.h"
 #include "XmlDiagnosis.h"
-#include "server/applications/ApplicationIds.h"
 #include "server/applications/appconf/AppConfigParser.h"
-#include "server/applications/appconf/XmlLimits.h"
 #include "server/applications/appconf/XmlReader.h"
+#include "server/applications/processmanager/ProcessManager.h"
 
 #include <QDir>
 #include <QDomDocument>
@@ -20,7 +19,7 @@
 namespace kxctl::check {
 namespace {
 
-using core::applications::IsApplicationId;
+using core::applications::IsValidAppID;
 using core::applications::kFirstApplicationId;
 using core::applications::kLastApplicationId;
 using core::configuration::kMaxXmlSize;
@@ -54,7 +53,7 @@ void CheckOwner(const QString& directory, const QString& name, Problems& problem
     unsigned uid = 0;
     unsigned gid = 0;
     Parser::GetResourceUIDandGID(&directory, uid, gid);
-    if (!IsApplicationId(uid) || !IsApplicationId(gid)) {
+    if (!IsValidAppID(uid, gid)) {
         problems.append(OfDirectory(
             Severity::Warning, QStringLiteral("owned by %1:%2, which is no application account (%3 to %4)")
                                    .arg(uid)

@@ -1,6 +1,6 @@
 #include "XmlDiagnosis.h"
 
-#include "server/applications/appconf/XmlLimits.h"
+#include "server/applications/appconf/XmlReader.h"
 
 #include <QDomDocument>
 
@@ -22,15 +22,10 @@ Problem At(int line, int column, const QString& text)
 
 Problem DiagnoseXml(const QByteArray& xml)
 {
-    if (const auto flaw = core::configuration::FindXmlFlaw(QString::fromUtf8(xml))) {
-        return At(flaw->line, flaw->column, flaw->reason);
-    }
     QDomDocument document;
-    QString text;
-    int line = 0;
-    int column = 0;
-    document.setContent(xml, false, &text, &line, &column);
-    return At(line, column, "not well-formed: " + text);
+    core::configuration::XmlError error;
+    core::configuration::ParseXml(xml, document, &error);
+    return At(error.line, error.column, "not well-formed: " + error.text);
 }
 
 } // namespace kxctl::check
