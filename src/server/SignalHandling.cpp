@@ -141,6 +141,6 @@ void SignalBlock::Lift() const
 void RestoreDefaultSignals()
 {
     for (const int signo : {SIGTERM, SIGINT, SIGCHLD, SIGALRM, SIGHUP}) {
-        std::signal(signo, SIG_DFL);
+        static_cast<void>(std::signal(signo, SIG_DFL));
     }
 }

@@ -39,8 +39,8 @@ void PrintUsage()
               "\n");
 }
 
-/// Touches the bus for the first time. It brings a thread, which daemonizing would lose, and which inherits
-/// the signal mask: the handler must run on the main thread only.
+/// The first use of the bus starts a thread of QtDBus, which a later fork would lose. The thread inherits the
+/// signal mask: with all signals blocked, the handler runs on the main thread only.
 QDBusConnection ConnectToBus()
 {
     sigset_t all = {};

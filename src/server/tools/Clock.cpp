@@ -62,8 +62,8 @@ QString Server::GetUTCTime()
     std::tm utc{};
     gmtime_r(&now, &utc);
     std::array<char, 32> text{};
-    std::strftime(text.data(), text.size(), kDateTimeFormat, &utc);
-    return text.data();
+    const std::size_t size = std::strftime(text.data(), text.size(), kDateTimeFormat, &utc);
+    return QString::fromLatin1(text.data(), static_cast<int>(size));
 }
 
 int Server::SetSystemTime(const QString& str)
