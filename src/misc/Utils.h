@@ -11,8 +11,8 @@
 namespace FileSystem {
 
 /// Makes \a linkPath a symbolic link to \a target, replacing what is there. A link that already points to
-/// \a target is left alone, time stamps included. The target need not exist.
-/// Nothing is made in a folder that is a link which an unprivileged account may have planted.
+/// \a target is left alone, time stamps included. The target need not exist. Where others may write to the
+/// parent of the link's folder, a folder that is itself a link is refused.
 /// \return whether the link exists with that target afterwards
 bool CreateSymlink(const QString& target, const QString& linkPath);
 
@@ -37,18 +37,19 @@ bool StatCanonicalPath(const QString& path, struct stat& info);
 /// \return whether something of that name exists (a plain file counts)
 bool DirExists(const QString& path);
 
-/// Removes a file, a link (never what it points to) or a whole directory tree, as far as it can.
+/// Removes a file, a link (never what it points to) or a whole directory tree, of which what lies deeper than
+/// 500 levels may stay.
 /// \return always true: removal is best effort
 bool RemoveFile(const QString& path);
 
 /// Creates the directory with all its parents when it is missing, then sets owner and mode, also of one that
-/// existed. One that has both already is left alone, time stamps included.
+/// existed.
 ///
 /// \param uid, gid  owner to set
 /// \param mode      permission bits to set, whatever the umask
 /// \return false when the directory cannot be created (nothing is logged), or when owner or mode cannot be
-///         set ("Failed to create dir = " or "Failed to chmod = " and the errno, error level). A final link
-///         that an unprivileged account may have planted counts as an owner that cannot be set.
+///         set ("Failed to create dir = " or "Failed to chmod = " and the errno, error level). Where others
+///         may write to the parent, a directory that is a link counts as one whose owner cannot be set.
 bool CreateDirIfNeeded(const QString& path, unsigned uid, unsigned gid, unsigned mode);
 
 } // namespace FileSystem
