@@ -108,33 +108,6 @@ QString NormalizeFilePath(const QString& path, const QString& homeDir)
     return QDir::cleanPath(homeDir + "/" + path);
 }
 
-QString CanonicalPath(const QString& path)
-{
-    struct Free {
-        void operator()(char* memory) const { std::free(memory); } // NOLINT(cppcoreguidelines-no-malloc)
-    };
-    if (path.contains(QChar::Null)) {
-        return {};
-    }
-    const std::unique_ptr<char, Free> canonical(realpath(QFile::encodeName(path).constData(), nullptr));
-    return QFile::decodeName(canonical.get());
-}
-
-bool StatCanonicalPath(const QString& path, struct stat& info)
-{
-    const QByteArray name = QFile::encodeName(path);
-    const UniqueFd file(open(name.constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    if (!file || fstat(file.Get(), &info) != 0) {
-        return false;
-    }
-    // The kernel tells where the file really lies.
-    if (QFileInfo("/proc/self/fd/" + QString::number(file.Get())).symLinkTarget() != path) {
-        errno = ENOENT;
-        return false;
-    }
-    return true;
-}
-
 bool DirExists(const QString& path)
 {
     return QDir().exists(path);
@@ -182,12 +155,6 @@ int ExecShell(const char* command)
     while (waitpid(-1, &status, WNOHANG) > 0) {
     }
     return static_cast<int>((static_cast<unsigned>(rc) >> 8U) & 0xFFU);
-}
-
-QString Excerpt(const QString& text)
-{
-    constexpr int kLength = 65'536;
-    return text.left(kLength);
 }
 
 void Pause(std::chrono::milliseconds duration)

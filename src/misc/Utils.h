@@ -2,8 +2,6 @@
 
 #include <QString>
 
-#include <sys/stat.h>
-
 #include <chrono>
 #include <csignal>
 
@@ -20,19 +18,6 @@ bool CreateSymlink(const QString& target, const QString& linkPath);
 /// doubled separators. Touches no file.
 /// \return the absolute path; empty for an empty \a path
 QString NormalizeFilePath(const QString& path, const QString& homeDir);
-
-/// \return the path with all links resolved; empty when it does not exist, has links that go in circles, is
-///         too long (QFileInfo would hand out an unresolved path) or holds a NUL, at which file names would
-///         end
-QString CanonicalPath(const QString& path);
-
-/// Looks at the file that \a path leads to without any link, so that what is found out about it holds for
-/// that path: an account may exchange files and folders of its home between two looks at them.
-///
-/// \param path  as CanonicalPath returned it
-/// \param info  out: owner, mode and the rest
-/// \return whether there is such a file; otherwise errno tells why, ENOENT when a link has come into the way
-bool StatCanonicalPath(const QString& path, struct stat& info);
 
 /// \return whether something of that name exists (a plain file counts)
 bool DirExists(const QString& path);
@@ -63,11 +48,6 @@ extern volatile std::sig_atomic_t g_ignore_sigChld;
 /// Runs a command line with /bin/sh and blocks until it ends; then reaps every other child that has ended.
 /// \return the exit status, 0 to 255 (255 also when no shell could be started)
 int ExecShell(const char* command);
-
-/// Cuts a caller's text to what a log record or a reply takes. Text grows when it is escaped or encoded, and
-/// the bus drops a daemon that sends too large a message.
-/// \return the first 65,536 characters
-QString Excerpt(const QString& text);
 
 /// Blocks for the whole \a duration, also when signals arrive meanwhile.
 void Pause(std::chrono::milliseconds duration);

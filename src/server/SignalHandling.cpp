@@ -120,27 +120,3 @@ void sigHandler(int signo)
     }
     errno = savedErrno;
 }
-
-SignalBlock::SignalBlock()
-{
-    sigset_t all = {};
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &m_previous);
-}
-
-SignalBlock::~SignalBlock()
-{
-    Lift();
-}
-
-void SignalBlock::Lift() const
-{
-    pthread_sigmask(SIG_SETMASK, &m_previous, nullptr);
-}
-
-void RestoreDefaultSignals()
-{
-    for (const int signo : {SIGTERM, SIGINT, SIGCHLD, SIGALRM, SIGHUP}) {
-        static_cast<void>(std::signal(signo, SIG_DFL));
-    }
-}

@@ -4,7 +4,6 @@
 
 #include <QObject>
 
-#include <csignal>
 #include <initializer_list>
 
 /// Brings signals into the event loop: SIGTERM quits it, also when it arrives before the loop runs, and ended
@@ -38,21 +37,3 @@ void SignalHandlerSet(std::initializer_list<int> handled, std::initializer_list<
 /// The daemon's handler: SIGTERM asks the event loop to quit, SIGCHLD reaps one child unless a shell command
 /// is being waited for, every other signal is ignored. Keeps errno.
 void sigHandler(int signo);
-
-/// Holds all signals of the calling thread back while it lives.
-class SignalBlock {
-public:
-    SignalBlock();
-    ~SignalBlock();
-    SignalBlock(const SignalBlock&) = delete;
-    SignalBlock& operator=(const SignalBlock&) = delete;
-
-    /// Brings back the signals that were not blocked before. Async-signal-safe.
-    void Lift() const;
-
-private:
-    sigset_t m_previous = {};
-};
-
-/// Sets the handled signals back to their default action. Async-signal-safe.
-void RestoreDefaultSignals();
