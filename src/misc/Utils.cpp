@@ -129,11 +129,13 @@ bool CreateDirIfNeeded(const QString& path, unsigned uid, unsigned gid, unsigned
     }
     const UniqueFd dir = OpenDirectory(path);
     if (!dir || fchown(dir.Get(), uid, gid) != 0) {
-        qError() << KX_PREFIX(kSource) << "Failed to create dir = " << errno;
+        const int error = errno;
+        qError() << KX_PREFIX(kSource) << "Failed to create dir = " << error;
         return false;
     }
     if (fchmod(dir.Get(), mode) != 0) {
-        qError() << KX_PREFIX(kSource) << "Failed to chmod = " << errno;
+        const int error = errno;
+        qError() << KX_PREFIX(kSource) << "Failed to chmod = " << error;
         return false;
     }
     return true;
@@ -173,12 +175,14 @@ bool LockFile(const char* path)
     const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     umask(previous);
     if (fd < 0) {
-        qError() << KX_PREFIX(kSource) << "Failed to open file " << path << errno;
+        const int error = errno;
+        qError() << KX_PREFIX(kSource) << "Failed to open file " << path << error;
         return false;
     }
     // It stays open. Closing any descriptor of the file would release the process's lock on it.
     if (!SetLock(fd, F_WRLCK)) {
-        qError() << KX_PREFIX(kSource) << "Failed to lock file " << path << errno;
+        const int error = errno;
+        qError() << KX_PREFIX(kSource) << "Failed to lock file " << path << error;
         return false;
     }
     return true;
@@ -188,11 +192,13 @@ bool UnLockFile(const char* path)
 {
     const int fd = open(path, O_RDWR | O_CLOEXEC);
     if (fd < 0) {
-        qError() << KX_PREFIX(kSource) << "Failed to open file " << path << errno;
+        const int error = errno;
+        qError() << KX_PREFIX(kSource) << "Failed to open file " << path << error;
         return false;
     }
     if (!SetLock(fd, F_UNLCK)) {
-        qError() << KX_PREFIX(kSource) << "Failed to unlock file " << path << errno;
+        const int error = errno;
+        qError() << KX_PREFIX(kSource) << "Failed to unlock file " << path << error;
         return false;
     }
     return true;

@@ -39,7 +39,8 @@ QString Server::GetTimeZone()
 {
     std::array<char, 256> target{};
     if (readlink(kLocalTime, target.data(), target.size() - 1) < 0) {
-        qError() << KX_PREFIX(kSource) << "readlink() failed: " << std::strerror(errno);
+        const char* const reason = std::strerror(errno);
+        qError() << KX_PREFIX(kSource) << "readlink() failed: " << reason;
         return {};
     }
     constexpr auto kZoneFolder = "/zoneinfo/";

@@ -64,7 +64,8 @@ int Server::SaveVariableValue(const QString& variable_name, const QString& varia
 void Server::EnableAudiopayd(bool enable)
 {
     if (chmod(kAudiopayd, enable ? 0755 : 0644) != 0) {
-        qError() << KX_PREFIX(kSource) << std::strerror(errno);
+        const char* const reason = std::strerror(errno);
+        qError() << KX_PREFIX(kSource) << reason;
     }
 }
 
