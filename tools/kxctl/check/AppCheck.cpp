@@ -1,15 +1,15 @@
 #include "AppCheck.h"
 
 #include "ElementCheck.h"
-#include "XmlDiagnosis.h"
+#include "Messages.h"
 #include "server/applications/ApplicationIds.h"
 #include "server/applications/appconf/AppConfigParser.h"
-#include "server/applications/appconf/XmlLimits.h"
 #include "server/applications/appconf/XmlReader.h"
 
 #include <QDir>
 #include <QDomDocument>
 #include <QFileInfo>
+#include <QXmlStreamReader>
 
 #include <sys/stat.h>
 
@@ -23,8 +23,11 @@ namespace {
 using core::applications::IsApplicationId;
 using core::applications::kFirstApplicationId;
 using core::applications::kLastApplicationId;
-using core::configuration::kMaxXmlSize;
 using core::configuration::Parser;
+
+constexpr int kMaxNameLength = 40; ///< of an application whose pages have addresses
+constexpr int kMaxConfSize = 1024 * 1024;
+constexpr int kMaxConfDepth = 100;
 
 Problem OfDirectory(Severity severity, const QString& text)
 {
@@ -45,10 +48,15 @@ void CheckName(const QString& name, Problems& problems)
     }
 }
 
-/// Only a home has to belong to the application; a developer's copy belongs to the developer.
+/// A developer's copy belongs to the developer, and a home need not hold an application.
+bool IsHome(const QString& directory, const QString& name)
+{
+    return directory == QFileInfo("/home/" + name).canonicalFilePath();
+}
+
 void CheckOwner(const QString& directory, const QString& name, Problems& problems)
 {
-    if (directory != QFileInfo("/home/" + name).canonicalFilePath()) {
+    if (!IsHome(directory, name)) {
         return;
     }
     unsigned uid = 0;
@@ -64,6 +72,27 @@ void CheckOwner(const QString& directory, const QString& name, Problems& problem
     }
 }
 
+/// Tells why the daemon does not take a text that its parser has refused.
+Problem DiagnoseXml(const QByteArray& xml)
+{
+    QXmlStreamReader reader(xml);
+    reader.setNamespaceProcessing(false);
+    int depth = 0;
+    while (!reader.atEnd() && depth <= kMaxConfDepth) {
+        const auto token = reader.readNext();
+        depth += (token == QXmlStreamReader::StartElement ? 1 : 0) -
+                 (token == QXmlStreamReader::EndElement ? 1 : 0);
+    }
+    const QString reason = depth > kMaxConfDepth ? "elements are nested deeper than 100 levels"
+                           : reader.hasError()   ? "not well-formed: " + reader.errorString()
+                                                 : "too many entities, or too much text in them";
+    return {Severity::Error,
+            "app.conf",
+            static_cast<int>(reader.lineNumber()),
+            {},
+            (reason.endsWith('.') ? reason.chopped(1) : reason) + "; nothing of the file is read"};
+}
+
 /// Why the daemon does not read a file.
 QString ReadFailure(const QString& path)
 {
@@ -74,23 +103,32 @@ QString ReadFailure(const QString& path)
     if (!S_ISREG(info.st_mode)) {
         return "not a regular file";
     }
-    return info.st_size > kMaxXmlSize ? QStringLiteral("larger than %1 bytes").arg(kMaxXmlSize)
-                                      : QStringLiteral("cannot be read");
+    return info.st_size > kMaxConfSize ? "larger than 1 MiB" : "cannot be read";
 }
 
-void CheckAppConf(const QString& directory, const QString& name, Problems& problems)
+void CheckAppConf(Report& report)
 {
-    const QString path = directory + "/app.conf";
+    const QString path = report.directory + "/app.conf";
+    Problems& problems = report.problems;
+    core::configuration::ApplicationConfig settings(report.name);
     QByteArray xml;
     QDomDocument document;
     if (!core::configuration::ReadConfigFile(path, xml)) {
-        problems.append(
-            {Severity::Error, "app.conf", 0, {}, ReadFailure(path) + "; the application has no settings"});
+        const bool isPlainHome =
+            IsHome(report.directory, report.name) && !QFileInfo(path).isSymLink() && !QFileInfo::exists(path);
+        problems.append({isPlainHome ? Severity::Warning : Severity::Error,
+                         "app.conf",
+                         0,
+                         {},
+                         ReadFailure(path) + "; the application has no settings"});
     } else if (!core::configuration::ParseXml(xml, document)) {
         problems.append(DiagnoseXml(xml));
     } else {
-        ElementCheck(directory, name, problems).CheckRoot(document.documentElement());
+        CheckElements(report.directory, report.name, document.documentElement(), problems);
+        // Each element's messages have been taken in there.
+        MessagesOf([&] { Parser::ParseApplicationConfig(document, settings); });
     }
+    report.settings = settings;
 }
 
 /// Files of a directory that holds programs.
@@ -108,15 +146,15 @@ void CheckPrograms(const QString& directory, const QString& folder, const QStrin
 
 } // namespace
 
-Problems CheckApplication(const QString& directory, const QString& name)
+Report CheckApplication(const QString& directory, const QString& name)
 {
-    Problems problems;
-    CheckName(name, problems);
-    CheckOwner(directory, name, problems);
-    CheckAppConf(directory, name, problems);
-    CheckPrograms(directory, "bin", "so it cannot be started", problems);
-    CheckPrograms(directory, "cgi-bin", "so the web server may serve it as text", problems);
-    return problems;
+    Report report{name, directory, {}, {}};
+    CheckName(name, report.problems);
+    CheckOwner(directory, name, report.problems);
+    CheckAppConf(report);
+    CheckPrograms(directory, "bin", "so it cannot be started", report.problems);
+    CheckPrograms(directory, "cgi-bin", "so the web server may serve it as text", report.problems);
+    return report;
 }
 
 } // namespace kxctl::check

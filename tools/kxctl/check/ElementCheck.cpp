@@ -1,11 +1,14 @@
 #include "ElementCheck.h"
 
-#include "MessageCapture.h"
+#include "Messages.h"
 #include "misc/Utils.h"
 #include "server/applications/appconf/AppConfigParser.h"
+#include "server/applications/appconf/ApplicationConfig.h"
 
+#include <QDomElement>
 #include <QFileInfo>
 #include <QRegularExpression>
+#include <QSet>
 
 #include <algorithm>
 #include <utility>
@@ -45,7 +48,52 @@ bool HasTextBetweenElements(const QDomElement& root)
     return false;
 }
 
-} // namespace
+/// Checks what app.conf says, element by element: each is given to the daemon's own parser, and what the
+/// parser passes over in silence is added.
+class ElementCheck {
+public:
+    /// \param directory  where the application lies now
+    /// \param name       what it will be called; its home will be /home/<name>
+    /// \param problems   receives what is found
+    ElementCheck(QString directory, QString name, Problems& problems);
+
+    void CheckRoot(QDomElement root);
+
+private:
+    using Config = core::configuration::ApplicationConfig;
+    struct Rule {
+        const char* tag;
+        QStringList attributes;
+        bool mayRepeat;
+        void (ElementCheck::*check)(const Config& parsed);
+    };
+    static const QVector<Rule>& Rules();
+    static const Rule* FindRule(const QString& tag);
+
+    void CheckElement(const Rule& rule);
+    void CheckOccurrence(const Rule& rule);
+    void CheckAttributes(const QStringList& known);
+    bool CheckContent();
+    bool Parse(Config& parsed);
+
+    void CheckPath(const Config& parsed);
+    void CheckBootPage(const Config& parsed);
+    void CheckProgram(const Config& parsed);
+    void CheckDefaultCgi(const Config& parsed);
+    void CheckWhiteList(const Config& parsed);
+    void CheckItem(const Config& parsed);
+    void CheckTarget(const QString& path);
+
+    QString Text() const;
+    QString Home() const;
+    void Report(Severity severity, const QString& text);
+
+    QString m_directory;
+    QString m_name;
+    Problems& m_problems;
+    QDomElement m_element; ///< the one being checked
+    QSet<QString> m_seen;
+};
 
 const QVector<ElementCheck::Rule>& ElementCheck::Rules()
 {
@@ -83,10 +131,7 @@ void ElementCheck::CheckRoot(QDomElement root)
 {
     m_element = root;
     if (root.tagName() != "application") {
-        const MessageCapture messages;
-        Config unused(m_name);
-        Parser::ParseXMLRootNode(root, unused);
-        Report(Severity::Error, messages.Texts().join(' ') + " The root element must be <application>");
+        Report(Severity::Error, "unsupported format: the root element must be <application>");
         return;
     }
     QStringList known = AttributeNames(root);
@@ -165,12 +210,11 @@ bool ElementCheck::Parse(Config& parsed)
     QDomElement root = document.createElement("application");
     root.appendChild(document.importNode(m_element, true));
 
-    const MessageCapture messages;
-    Parser::ParseXMLRootNode(root, parsed);
-    for (const QString& text : messages.Texts()) {
+    const QStringList messages = MessagesOf([&] { Parser::ParseXMLRootNode(root, parsed); });
+    for (const QString& text : messages) {
         Report(Severity::Error, text);
     }
-    return messages.Texts().isEmpty();
+    return messages.isEmpty();
 }
 
 void ElementCheck::CheckPath(const Config& /*parsed*/)
@@ -263,6 +307,13 @@ QString ElementCheck::Home() const
 void ElementCheck::Report(Severity severity, const QString& text)
 {
     m_problems.append({severity, "app.conf", m_element.lineNumber(), m_element.tagName(), text});
+}
+
+} // namespace
+
+void CheckElements(const QString& directory, const QString& name, const QDomElement& root, Problems& problems)
+{
+    ElementCheck(directory, name, problems).CheckRoot(root);
 }
 
 } // namespace kxctl::check
