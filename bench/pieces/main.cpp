@@ -3,7 +3,6 @@
 
 #include "misc/Utils.h"
 #include "server/applications/appconf/AppConfigParser.h"
-#include "server/applications/appconf/XmlLimits.h"
 #include "server/applications/appconf/XmlReader.h"
 
 #include <benchmark/benchmark.h>
@@ -23,14 +22,6 @@ void PugixmlReads(benchmark::State& state)
     while (state.KeepRunning()) {
         pugi::xml_document document;
         benchmark::DoNotOptimize(document.load_buffer(kConfiguration.constData(), kConfiguration.size()));
-    }
-}
-
-void CheckOfLimits(benchmark::State& state)
-{
-    const QString text = QString::fromUtf8(kConfiguration);
-    while (state.KeepRunning()) {
-        benchmark::DoNotOptimize(core::configuration::FindXmlFlaw(text));
     }
 }
 
@@ -71,7 +62,6 @@ void PathNormalizing(benchmark::State& state)
 }
 
 BENCHMARK(PugixmlReads);
-BENCHMARK(CheckOfLimits);
 BENCHMARK(CheckedReading);
 BENCHMARK(WholeParser);
 BENCHMARK(RecordToMap);

@@ -264,20 +264,15 @@ std::vector<Verb> ApplicationVerbs()
         {"apps",
          "list the installed applications and what runs of them",
          Apps,
-         "Running programs are those of the application's account. An application is served by FastCGI when "
-         "its\nhome has no cgi-bin directory. With --json, everything that the daemon knows of each.",
+         "Running are the programs under the account of the application.",
          {{"names", nullptr, "print nothing but the names"}}},
-        {"app NAME", "show everything of one application", App, "What is not set is left out."},
+        {"app NAME", "show everything of one application", App},
         {"start [APP] [BINARY] [PARAM]...",
          "restart all applications, or start one program",
          Start,
-         "Without arguments: stops what runs, starts the boot programs of all applications and shows the "
-         "first\n"
-         "page. The daemon answers before it does so; --wait returns when it is done.\n\n"
-         "With arguments: starts the program BINARY of the directory bin of APP under the application's own\n"
-         "account; APP alone names the programs. Parameters are split at blanks; there is no quoting. "
-         "Options\n"
-         "of kxctl stand before APP.",
+         "Without arguments, stops all, starts all boot programs and shows the first page. APP alone names "
+         "its\n"
+         "programs. Parameters are split at blanks, without quoting. Options of kxctl stand before APP.",
          {{"wait", nullptr, "return when all applications are started"}},
          true},
         {"home", "show the default form", Home,

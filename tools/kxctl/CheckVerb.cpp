@@ -89,9 +89,9 @@ void AddConflicts(QVector<Report>& reports)
     QVector<QVariantMap> settings;
     std::transform(reports.begin(), reports.end(), std::back_inserter(settings),
                    [](const Report& report) { return report.settings; });
-    const QMap<QString, QStringList> conflicts = FindConflicts(settings);
+    const QVariantMap conflicts = FindConflicts(settings);
     for (Report& report : reports) {
-        for (const QString& text : conflicts.value(report.name)) {
+        for (const QString& text : conflicts.value(report.name).toStringList()) {
             report.problems.append({Severity::Error, "app.conf", 0, {}, text});
         }
     }
@@ -137,12 +137,9 @@ Verb CheckVerb()
         "check [DIR]...",
         "check application directories, without the daemon",
         Check,
-        "Reads DIR/app.conf as the daemon would if DIR were /home/NAME, and prints what the daemon would "
-        "log\n"
-        "and what it would pass over in silence: FILE:LINE: error: <ELEMENT>: TEXT. Of several directories\n"
-        "also what is wrong with them beside each other; without DIR, of all in /home. Exit status 1 if "
-        "there\n"
-        "is an error; a warning marks what works, but perhaps not as meant.",
+        "Prints what the daemon would log of DIR/app.conf, and what it would pass over in silence, as\n"
+        "FILE:LINE: error: <ELEMENT>: TEXT; of several directories also what is wrong beside each other.\n"
+        "Without DIR, checks all of /home. A warning marks what works, but perhaps not as meant.",
         {{"name", "NAME", "name of the application (default: the last part of DIR)"}}};
 }
 

@@ -1,6 +1,7 @@
 #include "Conflicts.h"
 
 #include <QFileInfo>
+#include <QStringList>
 
 #include <array>
 
@@ -19,9 +20,9 @@ constexpr std::array<Rule, 2> kOnlyOnce{{
 
 } // namespace
 
-QMap<QString, QStringList> FindConflicts(const QVector<QVariantMap>& applications)
+QVariantMap FindConflicts(const QVector<QVariantMap>& applications)
 {
-    QMap<QString, QStringList> conflicts;
+    QVariantMap conflicts;
     for (const Rule& rule : kOnlyOnce) {
         QStringList names;
         for (const QVariantMap& application : applications) {
@@ -33,7 +34,7 @@ QMap<QString, QStringList> FindConflicts(const QVector<QVariantMap>& application
         for (const QString& name : names.size() > 1 ? names : QStringList()) {
             QStringList others = names;
             others.removeOne(name);
-            conflicts[name].append(QString(rule.text).arg(others.join(", ")));
+            conflicts[name] = conflicts[name].toStringList() << QString(rule.text).arg(others.join(", "));
         }
     }
     return conflicts;

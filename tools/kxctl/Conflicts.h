@@ -1,7 +1,6 @@
 #pragma once
 
-#include <QMap>
-#include <QStringList>
+#include <QString>
 #include <QVariantMap>
 #include <QVector>
 
@@ -10,8 +9,8 @@ namespace kxctl {
 /// Finds what is wrong with applications only beside each other.
 ///
 /// \param applications  "name", "showOnBoot" and "cgiBinDefault" of each, as Enumerate has them
-/// \return for the names of those concerned, what is wrong
-QMap<QString, QStringList> FindConflicts(const QVector<QVariantMap>& applications);
+/// \return for the name of each concerned, the texts of what is wrong
+QVariantMap FindConflicts(const QVector<QVariantMap>& applications);
 
 /// \return the application whose form is the terminal's default, as the daemon chooses it; empty for none
 QString DefaultApplication();

@@ -73,8 +73,7 @@ ExitStatus Monitor(const Request& request)
 Verb MonitorVerb()
 {
     return {"monitor", "show the daemon's signals until Ctrl-C", Monitor,
-            "One line each: time, object, signal, arguments; with --json, one object a line. Also shows when "
-            "the\ndaemon ends and comes back."};
+            "One line each, or with --json one object. Also shows when the daemon ends and comes back."};
 }
 
 } // namespace kxctl

@@ -17,20 +17,13 @@ using cli::Printable;
 
 constexpr auto kTimeFormat = "yyyy-MM-dd HH:mm:ss";
 
-/// \return how long ago, in the two largest units
+/// \return how long ago, as hours, minutes and seconds, with the days in front
 QString Age(const QDateTime& since)
 {
-    constexpr qint64 kMinute = 60;
-    constexpr qint64 kHour = 60 * kMinute;
-    constexpr qint64 kDay = 24 * kHour;
-    const qint64 seconds = since.secsTo(QDateTime::currentDateTime());
-    const auto text = [](qint64 large, const char* first, qint64 small, const char* second) {
-        return QStringLiteral("%1 %2 %3 %4")
-            .arg(QString::number(large), first, QString::number(small), second);
-    };
-    return seconds >= kDay    ? text(seconds / kDay, "d", seconds % kDay / kHour, "h")
-           : seconds >= kHour ? text(seconds / kHour, "h", seconds % kHour / kMinute, "min")
-                              : text(seconds / kMinute, "min", seconds % kMinute, "s");
+    const QDateTime now = QDateTime::currentDateTime();
+    const qint64 days = since.secsTo(now) / (24 * 60 * 60);
+    const QString time = QTime(0, 0).addSecs(static_cast<int>(since.addDays(days).secsTo(now))).toString();
+    return days > 0 ? QStringLiteral("%1 d %2").arg(QString::number(days), time) : time;
 }
 
 QString Size(qint64 bytes)
@@ -72,7 +65,6 @@ QVariantList RunningPrograms(const QVariantMap& application)
     for (const Process& process : ProcessesOf(application.value("uid").toUInt())) {
         programs.append(QVariantMap{{"pid", process.pid},
                                     {"program", process.program},
-                                    {"since", process.since.toString(kTimeFormat)},
                                     {"age", Age(process.since)},
                                     {"memory", process.memory}});
     }
@@ -120,18 +112,13 @@ ExitStatus Status(const Request& request)
 {
     QVariantMap status{{"daemon", DaemonStatus()}, {"default", DefaultApplication()}};
     const ApplicationList records = Wait(Daemon(request).applications.Enumerate()).value();
-    QVariantMap conflicts;
-    const QMap<QString, QStringList> found = FindConflicts(records.toVector());
-    for (auto conflict = found.begin(); conflict != found.end(); ++conflict) {
-        conflicts.insert(conflict.key(), *conflict);
-    }
     QVariantList applications;
     for (const QVariantMap& record : records) {
         applications.append(
             QVariantMap{{"name", record.value("name")}, {"processes", RunningPrograms(record)}});
     }
     status.insert("applications", applications);
-    status.insert("conflicts", conflicts);
+    status.insert("conflicts", FindConflicts(records.toVector()));
     status.insert("page", ShownPage(TimeoutOf(request)));
     if (request.IsSet("json")) {
         PrintJson(status);
@@ -146,8 +133,7 @@ ExitStatus Status(const Request& request)
 Verb StatusVerb()
 {
     return {"status", "show the daemon and what runs of each application", Status,
-            "Programs are those of the application's account. The page is what the browser says that it "
-            "shows.\nThe version is that of the installed tools; kxctl check tells of more than conflicts."};
+            "Programs are those under the account of the application; the version is that of the tools."};
 }
 
 } // namespace kxctl

@@ -75,16 +75,6 @@ ExitStatus HardwareTest(const Request& request)
     return Perform(request, HardwareTestCall, arguments);
 }
 
-ExitStatus Console(const Request& request)
-{
-    return Perform(request, ConsoleCall, {{"command", request.arguments.first()}});
-}
-
-ExitStatus LogText(const Request& request)
-{
-    return Perform(request, LogCall, {{"text", request.arguments.first()}});
-}
-
 ExitStatus Web(const Request& request)
 {
     QVariantMap arguments;
@@ -126,11 +116,6 @@ ExitStatus Kernel(const Request& request)
     return cli::Success;
 }
 
-ExitStatus SetKernel(const Request& request)
-{
-    return Perform(request, SetKernelVersionCall, {{"number", request.arguments.first()}});
-}
-
 ExitStatus Battery(const Request& request)
 {
     const double voltage = Call(request, CoinBatteryCall).value("voltage").toDouble();
@@ -138,11 +123,6 @@ ExitStatus Battery(const Request& request)
         cli::Print(QStringLiteral("%1 V").arg(voltage, 0, 'f', 3));
     }
     return cli::Success;
-}
-
-ExitStatus Keypad(const Request& request)
-{
-    return Perform(request, KeypadResetCall);
 }
 
 /// \return the value that JSON text holds; whole numbers as integers, which is what the daemon knows
@@ -210,30 +190,36 @@ std::vector<Verb> SystemVerbs()
          HardwareTest,
          "It runs in the background.",
          {{"url", "URL", "page to open when the test ends"}}},
-        {"system console {enable|disable}", "switch the console", Console,
+        {"system console {enable|disable}", "switch the console",
+         [](const Request& r) {
+             return Perform(r, ConsoleCall, {{"command", r.arguments.first()}});
+         },
          "All applications are stopped, and started again afterwards."},
-        {"system log TEXT", "write a text to the daemon's log", LogText},
+        {"system log TEXT", "write a text to the daemon's log",
+         [](const Request& r) {
+             return Perform(r, LogCall, {{"text", r.arguments.first()}});
+         }},
         {"system kernel", "show which secure kernels run: 1, 2 or 3", Kernel},
-        {"system kernel set {1|2|3}", "choose the secure kernels", SetKernel,
+        {"system kernel set {1|2|3}", "choose the secure kernels",
+         [](const Request& r) {
+             return Perform(r, SetKernelVersionCall, {{"number", r.arguments.first()}});
+         },
          "The secure daemon is restarted if another one runs."},
         {"system battery", "measure the coin cell", Battery},
-        {"system keypad", "reset the keypad", Keypad},
+        {"system keypad", "reset the keypad", [](const Request& r) { return Perform(r, KeypadResetCall); }},
         {"system web",
          "configure and restart the web server",
          Web,
-         "What is not given stays as it is. The restart follows half a second later; after --caching off "
-         "the\n"
-         "browser is restarted too.",
+         "What is not given stays as it is. The restart follows half a second later.",
          {{"protocol", "{HTTP|HTTPS}", "protocol of the pages"},
           {"caching", "{on|off}", "whether the browser may keep pages"},
           {"buffering", "{on|off}", "whether responses are buffered"}}},
         {"system usb",
          "configure the USB device port",
          Usb,
-         "Sets the whole configuration, so a switch that is not given is off; only the hub identifier then "
-         "stays\nas it is. Applications are stopped while the drivers are loaded anew, unless "
-         "--lte-connected "
-         "or\n--hub-id is given. May take minutes: --timeout 900 waits for them.",
+         "A switch that is not given is off, a hub identifier that is not given stays. Applications are "
+         "stopped\n"
+         "meanwhile but with --lte-connected or --hub-id. May take minutes: --timeout 900 waits.",
          {{"mode", "{ethernet|serial}", "what the port is; required"},
           {"full-speed", nullptr, "allow no more than 12 Mbit/s"},
           {"default-ids", nullptr, "use the platform's vendor and product ids, not the legacy ones"},
@@ -241,9 +227,7 @@ std::vector<Verb> SystemVerbs()
           {"hub-id", "TEXT", "new hub identifier; empty deletes it"},
           {"lte-connected", nullptr, "leave the applications running"}}},
         {"system call ID [KEY=TEXT|KEY:=JSON]...", "perform any system call by its number", AnyCall,
-         "KEY=TEXT sends a text. KEY:=JSON sends another value: true and false, whole numbers, other "
-         "numbers,\n"
-         "lists and maps. Succeeds when \"return\" is 0, for call 103 when it is not negative."},
+         "KEY=TEXT sends a text, KEY:=JSON a number, true, false, a list or a map."},
     };
 }
 

@@ -191,26 +191,25 @@ std::vector<Verb> TimeVerbs()
 {
     return {
         {"time", "show time, zone and who set them", ShowTime,
-         "Reads the system clock, the link /etc/localtime and the registry itself; the daemon is not asked.\n"
-         "The source is not known to accounts that may not read the registry."},
+         "The daemon is not asked. Only root may see the source."},
         {"time set TEXT", "set the system clock", SetTime,
-         "TEXT is local time: YYYY-MM-DD HH:MM:SS, or the date alone, or the time alone. The source becomes\n"
-         "MANUAL."},
-        {"zone", "show the time zone", ShowZone, "Reads the link /etc/localtime."},
+         "TEXT is local time: YYYY-MM-DD HH:MM:SS, or one half of it. The source becomes MANUAL."},
+        {"zone", "show the time zone", ShowZone},
         {"zone list", "list the time zones", ListZones},
         {"zone set NAME", "set the time zone", SetZone,
          "NAME is one of 'kxctl zone list'; an empty NAME is UTC. The source becomes MANUAL."},
         {"timeinfo UTC ZONE {HOST|MANUAL|HUB|UNKNOWN}", "set time and zone in the name of a source",
          SetTimeInfo,
-         "UTC is YYYY-MM-DD HH:MM:SS, or empty to leave the clock alone. ZONE is as for 'zone set'. A "
-         "source\n"
-         "does not overwrite what one before it in the list has set."},
+         "UTC is YYYY-MM-DD HH:MM:SS, or empty to leave the clock alone. A source does not overwrite what "
+         "one\n"
+         "before it in the list has set."},
         {"timeinfo reset", "forget who set the time", ResetTimeInfo},
         {"var set NAME VALUE",
          "store a variable for the boot scripts",
          SetVariable,
          "Replaces the first line of /etc/rc.d/rc.platform.conf that contains NAME, or appends one. VALUE "
-         "may\nhold letters, digits and blanks.",
+         "may\n"
+         "hold letters, digits and blanks.",
          {{"force", nullptr, "take a NAME that is no name of a shell variable"}}},
         {"audiopayd [on|off]", "show or switch the start of the audio-payment daemon", Audiopayd,
          "Takes effect at the next boot."},

@@ -29,6 +29,11 @@ struct Report {
     /// The directory's own problems, then those of app.conf in file order, then those of its programs.
     Problems problems;
     QVariantMap settings; ///< as the daemon would have them
+
+    void Add(Severity severity, const QString& file, const QString& text)
+    {
+        problems.append({severity, file, 0, {}, text});
+    }
 };
 
 /// Checks an application directory as the daemon would take it if it were /home/<name>. Nothing is changed
