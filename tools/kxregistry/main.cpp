@@ -136,5 +136,5 @@ int main(int argc, char** argv)
                      "One line each: KEY=VALUE, or KEY deleted.",
                      {},
                      true}}}},
-                 "What follows a verb is key or value, even if it starts with a dash; see kxregistry(1)."});
+                 "A VALUE may start with a dash, a KEY behind -- only; see kxregistry(1)."});
 }
