@@ -152,7 +152,7 @@ Registry::~Registry() = default;
 QVariant Registry::subscribe(const QString& key)
 {
     d->Watch();
-    const QVariant value = getValue(key);
+    QVariant value = getValue(key);
     if (!d->m_known.contains(key)) {
         d->m_known.insert(key, value);
     }

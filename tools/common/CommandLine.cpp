@@ -211,7 +211,7 @@ ExitStatus RunWords(const Program& program, const QStringList& words, const QCom
     if (const Verb* verb = FindVerb(program, words)) {
         return RunVerb(program, *verb, words, common);
     }
-    const QString first = words.first();
+    const QString& first = words.first();
     const std::vector<Verb> operations = VerbsBelow(program, first);
     if (operations.empty()) {
         throw Failure(Misuse, QStringLiteral("unknown verb '%1'; see %2 --help").arg(first, program.name));

@@ -16,21 +16,6 @@ namespace {
 constexpr int kGap = 2;
 constexpr int kNarrowest = 6; ///< columns are not shortened below this
 
-const char* Sequence(Style style)
-{
-    switch (style) {
-    case Style::Bold:
-        return "\033[1m";
-    case Style::Red:
-        return "\033[31m";
-    case Style::Yellow:
-        return "\033[33m";
-    case Style::Plain:
-        break;
-    }
-    return "";
-}
-
 /// A failure stays on record with the stream; Main looks at it in the end.
 void Write(const QString& text, FILE* stream)
 {
@@ -74,7 +59,7 @@ QString Styled(const QString& text, Style style, FILE* stream)
 {
     const bool isWanted =
         isatty(fileno(stream)) != 0 && qgetenv("NO_COLOR").isEmpty() && qgetenv("TERM") != "dumb";
-    return style == Style::Plain || !isWanted ? text : Sequence(style) + text + "\033[0m";
+    return isWanted ? "\033[" + QString::number(static_cast<int>(style)) + 'm' + text + "\033[0m" : text;
 }
 
 QString Printable(const QString& text)
@@ -125,11 +110,9 @@ QVector<int> Table::Widths(int indent) const
     }
     const int room = TerminalWidth() - indent - kGap * (widths.size() - 1);
     int excess = std::accumulate(widths.begin(), widths.end(), -room);
-    for (auto widest = widths.begin(); excess > 0; --excess, --*widest) {
-        widest = std::max_element(widths.begin(), widths.end());
-        if (*widest <= kNarrowest) {
-            break;
-        }
+    while (excess-- > 0) {
+        int& widest = *std::max_element(widths.begin(), widths.end());
+        widest = std::max(widest - 1, kNarrowest);
     }
     return widths;
 }

@@ -8,7 +8,8 @@
 
 namespace cli {
 
-enum class Style { Plain, Bold, Red, Yellow };
+/// By the terminal's numbers.
+enum class Style { Bold = 1, Red = 31, Yellow = 33 };
 
 /// \return \a text in that style if \a stream is a terminal and the user wants colours (NO_COLOR, TERM)
 QString Styled(const QString& text, Style style, FILE* stream = stdout);

@@ -19,7 +19,7 @@ using com::veltrasys::Registry;
 /// \return the value of \a key; throws Failure with Refused when the registry cannot be read
 QVariant Read(const QString& key)
 {
-    const QVariant value = Registry().getValue(key);
+    QVariant value = Registry().getValue(key);
     if (value.toString().startsWith("Error: ")) {
         throw Failure(Refused, value.toString().section("Error: ", 1));
     }
