@@ -1,0 +1,232 @@
+"""The daemon, the bus and the terminal around it, for the tests. Works in the private root only (scripts/sandbox)."""
+import contextlib
+import os
+import pathlib
+import re
+import shutil
+import signal
+import subprocess
+import syslog
+import time
+
+import pytest
+from gi.repository import Gio, GLib
+
+if not os.path.exists("/run/kx-private-root"):
+    raise SystemExit("this kills processes and changes the system: run it with scripts/sandbox")
+
+SERVICE, PROGRAM = "com.veltrasys.kx.core", "/usr/sbin/kxcore"
+ANSWERS, LOG, REPORTS = "/run/standins/", "/var/log/messages", "/run/reports/"
+PATIENCE = 10 * float(os.environ.get("KX_TIME_FACTOR", 1))
+UNDER = os.environ.get("KX_UNDER", "")  # what the daemon runs under: valgrind, sanitizer, emulator
+# For cases that inject failures with strace, count descriptors or memory, or look into /proc.
+natively = pytest.mark.skipif(UNDER != "", reason=f"tells nothing about a daemon under {UNDER}")
+bus = Gio.bus_get_sync(Gio.BusType.SYSTEM)
+bus.set_exit_on_close(False)
+
+
+def wait(condition, seconds=PATIENCE):
+    """Runs the event loop until the condition holds; returns what it gave last."""
+    end = time.monotonic() + seconds
+    while not (value := condition()) and time.monotonic() < end:
+        GLib.MainContext.default().iteration(False) or time.sleep(0.005)
+    return value
+
+
+# --- files: a path and bytes or text; None for nothing there, "-> target" for a link, "/" for a directory ---------
+
+def remove(*paths):
+    for path in paths:
+        shutil.rmtree(path) if os.path.isdir(path) and not os.path.islink(path) else pathlib.Path(path).unlink(True)
+
+
+def put(path, content="", owner=0, group=None, mode=None):
+    remove(path)
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    if content is None:
+        return
+    if isinstance(content, str) and content.startswith("-> "):
+        os.symlink(content[3:], path)
+    elif content == "/":
+        os.mkdir(path)
+    else:
+        pathlib.Path(path).write_bytes(content if isinstance(content, bytes) else content.encode())
+    os.lchown(path, owner, owner if group is None else group)
+    if mode is not None and not os.path.islink(path):
+        os.chmod(path, mode)
+
+
+def content(path):
+    if os.path.islink(path):
+        return "-> " + os.readlink(path)
+    return pathlib.Path(path).read_text(errors="surrogateescape") if os.path.isfile(path) else None
+
+
+def owner_and_mode(path):
+    info = os.lstat(path)
+    return f"{info.st_uid}:{info.st_gid} {info.st_mode & 0o7777:o}"
+
+
+def install(name, owner, conf=None, group=None, **files):
+    """An application: the elements of its app.conf, and files such as bin_idle=... (programs) or html_index=..."""
+    home = f"/home/{name}"
+    remove(home)
+    os.makedirs(home)
+    if conf is not None:
+        put(home + "/app.conf", f"<application>{conf}</application>")
+    for path, text in files.items():
+        put(f"{home}/{path.replace('_', '/', 1)}", text, mode=0o755)
+    subprocess.run(["chown", "-hR", f"{owner}:{owner if group is None else group}", home], check=True)
+    return home
+
+
+SLEEP = pathlib.Path("/usr/bin/sleep").read_bytes()
+
+
+# --- the platform's programs --------------------------------------------------------------------------------------
+
+called = []  # in this test, so far
+
+
+def calls():
+    """What they were called with since the last time."""
+    text = content(ANSWERS + "calls") or ""
+    os.truncate(ANSWERS + "calls", 0)
+    called.extend(text.splitlines())
+    return text.splitlines()
+
+
+def answer(**answers):
+    """answer(lsmod="u_ether 1", modprobe=4, pidof={"sredd2": 0}): outputs and statuses, for certain arguments."""
+    for name in os.listdir(ANSWERS):
+        if name != "calls":
+            remove(ANSWERS + name)
+    for name, given in answers.items():
+        name = name.replace("_", "-") if name[0].isdigit() else name
+        for key, value in (given if isinstance(given, dict) else {None: given}).items():
+            path = f"{ANSWERS}{name}" if key is None else f"{ANSWERS}{name}.d/{key.replace(' ', '_')}"
+            put(f"{path}.status" if isinstance(value, int) else path + ("" if key else ".out"), str(value))
+
+
+def processes(program=None, parent=None):
+    found = []
+    for entry in filter(str.isdigit, os.listdir("/proc")):
+        with contextlib.suppress(OSError):
+            command = pathlib.Path(f"/proc/{entry}/cmdline").read_bytes().split(b"\0")[0].decode()
+            if program in (None, command) and parent in (None, int(status(entry)["PPid"])):
+                found.append(int(entry))
+    return found
+
+
+def status(pid):
+    return dict(re.findall(r"^(\w+):\s*(.*)$", pathlib.Path(f"/proc/{pid}/status").read_text(), re.M))
+
+
+def run(*command, account=None, input=None, env=None):
+    """Runs a program to its end: (status, output, errors)."""
+    if account:
+        command = ("setpriv", "--reuid", account, "--regid", account, "--init-groups") + command
+    done = subprocess.run(command, capture_output=True, text=True, timeout=2 * PATIENCE, input=input,
+                          stdin=None if input else subprocess.DEVNULL, env=env and {**os.environ, **env})
+    return done.returncode, done.stdout, done.stderr
+
+
+# --- the daemon ---------------------------------------------------------------------------------------------------
+
+def variant(value):
+    if isinstance(value, GLib.Variant):
+        return value
+    if isinstance(value, bytes):
+        return GLib.Variant.new_from_bytes(GLib.VariantType("ay"), GLib.Bytes.new(value), True)
+    if isinstance(value, dict):
+        return GLib.Variant("a{sv}", {key: variant(item) for key, item in value.items()})
+    kind = {bool: "b", int: "i", float: "d", str: "s", list: "as"}[type(value)]
+    return GLib.Variant(kind, value)
+
+
+class Refused(Exception):
+    """A call was answered with an error; the text is the error's name."""
+
+
+def call(target, signature="", *arguments, **options):
+    """call("System.SystemCall", "ia{sv}", 1, {}): what is answered, plain; maps become maps of variants."""
+    return call_raw(target, signature, *arguments, **options)[0]
+
+
+def call_raw(target, signature="", *arguments, seconds=PATIENCE, service=SERVICE, path=None, interface=None):
+    """The same with the signature of what is answered."""
+    thing, member = target.rsplit(".", 1)
+    values = tuple({key: variant(v) for key, v in a.items()} if isinstance(a, dict) else a for a in arguments)
+    try:
+        reply = bus.call_sync(service, path or "/" + thing, interface or f"{SERVICE}.{thing}", member,
+                              GLib.Variant(f"({signature})", values), None, 0, int(seconds * 1000), None)
+    except GLib.Error as error:
+        raise Refused(Gio.DBusError.get_remote_error(error) or error.message) from None
+    return (reply.unpack() or (None,))[0], reply.get_type_string()[1:-1]
+
+
+def system(number, arguments=None):
+    return call("System.SystemCall", "ia{sv}", number, arguments or {})
+
+
+def records(text):
+    """Those of the daemon in the text of a log, each "priority function text"."""
+    form = r"^\S+ +\S+ \S+ \S+ \w+\.(\w+) kxcore\S*: (?:platform/kx-core(?: [^ :]*:([^:]*):\d+)?: *)?(.*)$"
+    return [" ".join(filter(None, found)).strip() for found in re.findall(form, text, re.M)]
+
+
+class Daemon:
+    def __init__(self, *arguments, env=None):
+        self.mark = os.path.getsize(LOG)
+        self.process = subprocess.Popen([PROGRAM, *(arguments or ["--no-daemon"])], cwd="/", text=True,
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                        env=env and {**os.environ, **env})
+        self.pid, self.signals = self.process.pid, []
+        self.subscription = bus.signal_subscribe(
+            SERVICE, None, None, None, None, 0,
+            lambda *signal: self.signals.append((signal[4], signal[5].unpack())))
+
+    def serving(self):
+        def answers():
+            with contextlib.suppress(Refused):
+                return call("Tools.Introspect", interface="org.freedesktop.DBus.Introspectable")
+        wait(lambda: self.process.poll() is not None or answers())
+        self.events(0)
+        return self.process.poll() is None
+
+    def end(self, signo=signal.SIGTERM):
+        """Its exit status."""
+        if self.process.poll() is None:
+            self.process.send_signal(signo)
+        bus.signal_unsubscribe(self.subscription)
+        return self.process.wait(2 * PATIENCE)
+
+    def log(self):
+        """The records since the last time. A mark of our own tells that all are there."""
+        syslog.syslog(mark := f"mark {time.monotonic_ns()}")
+        with open(LOG, "rb") as file:
+            file.seek(self.mark)
+            text = bytearray()
+            wait(lambda: text.extend(file.read()) or mark.encode() in text)
+            self.mark = file.tell()
+        return records(text.decode(errors="replace"))
+
+    def events(self, count):
+        """The names of the signals since the last time, at least so many unless they do not come."""
+        while GLib.MainContext.default().iteration(False):
+            pass
+        wait(lambda: len(self.signals) >= count)
+        names, self.signals[:] = [name for name, _ in self.signals], []
+        return names
+
+    @contextlib.contextmanager
+    def failing(self, call, how, calls="/tmp/strace"):
+        """Meanwhile a system call of the daemon and its children does no work: "error=EPERM", "retval=0"."""
+        tracer = subprocess.Popen(["strace", "-qq", "-f", "-o", calls, "-e", f"trace={call}",
+                                   "-e", f"inject={call}:{how}", "-p", str(self.pid)])
+        try:
+            assert wait(lambda: status(self.pid)["TracerPid"] != "0")
+            yield
+        finally:
+            tracer.send_signal(signal.SIGINT)
+            tracer.wait()
