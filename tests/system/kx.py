@@ -176,9 +176,9 @@ def records(text):
 
 
 class Daemon:
-    def __init__(self, *arguments, env=None):
+    def __init__(self, *arguments, under=(), env=None):
         self.mark = os.path.getsize(LOG)
-        self.process = subprocess.Popen([PROGRAM, *(arguments or ["--no-daemon"])], cwd="/", text=True,
+        self.process = subprocess.Popen([*under, PROGRAM, *(arguments or ["--no-daemon"])], cwd="/", text=True,
                                         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                         env=env and {**os.environ, **env})
         self.pid, self.signals = self.process.pid, []
@@ -186,11 +186,14 @@ class Daemon:
             SERVICE, None, None, None, None, 0,
             lambda *signal: self.signals.append((signal[4], signal[5].unpack())))
 
+    @staticmethod
+    def answers():
+        """Whether a daemon has started: its last object is there."""
+        with contextlib.suppress(Refused):
+            return call("Tools.Introspect", interface="org.freedesktop.DBus.Introspectable")
+
     def serving(self):
-        def answers():
-            with contextlib.suppress(Refused):
-                return call("Tools.Introspect", interface="org.freedesktop.DBus.Introspectable")
-        wait(lambda: self.process.poll() is not None or answers())
+        wait(lambda: self.process.poll() is not None or self.answers())
         self.events(0)
         return self.process.poll() is None
 
