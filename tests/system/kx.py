@@ -1,4 +1,4 @@
-# The daemon, the bus and the terminal around it, for the tests. Works in the private root only (scripts/sandbox).
+# The daemon, the bus and the terminal around it, for the tests; in the private root only (scripts/sandbox).
 import contextlib
 import os
 import pathlib
@@ -98,7 +98,8 @@ def calls():
     return text.splitlines()
 
 
-# Their outputs and statuses, for certain arguments: answer(lsmod="u_ether 1", modprobe=4, pidof={"sredd2": 0})
+# Their outputs and statuses, for certain arguments:
+# answer(lsmod="u_ether 1", modprobe=4, pidof={"sredd2": 0})
 def answer(**answers):
     remove(*(ANSWERS + name for name in os.listdir(ANSWERS) if name != "calls"))
     for name, given in answers.items():
@@ -213,13 +214,14 @@ class Daemon:
             self.mark = file.tell()
         return records(text.decode(errors="replace"))
 
-    # The names of the signals since the last time, at least so many unless they do not come.
+    # The signals since the last time, (name, arguments) each; so many at least unless they do not come.
+    def heard(self, count):
+        wait(lambda: not GLib.MainContext.default().pending() and len(self.signals) >= count)
+        found, self.signals[:] = self.signals[:], []
+        return found
+
     def events(self, count):
-        while GLib.MainContext.default().iteration(False):
-            pass
-        wait(lambda: len(self.signals) >= count)
-        names, self.signals[:] = [name for name, _ in self.signals], []
-        return names
+        return [name for name, _ in self.heard(count)]
 
     # Meanwhile a system call of the daemon and its children does no work: "error=EPERM", "retval=0".
     @contextlib.contextmanager

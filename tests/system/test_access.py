@@ -1,42 +1,43 @@
 """The installed bus policy, account by account, and the interface that the daemon shows."""
-import contextlib
 import os
 import pwd
 import re
 
 import pytest
 
-from kx import SERVICE, Gio, GLib, PATIENCE, bus, call, calls, content, put, run, variant, wait
+from kx import PATIENCE, SERVICE, Gio, GLib, bus, call, calls, content, put, run, variant, wait
 
-ACCOUNTS = ["pay", "clerk", "admin", "root"]  # from the least trusted on; each may do what those before it may
+ACCOUNTS = ["pay", "clerk", "admin", "root"]  # from the least trusted on; each may what those before it may
 DENIED = "org.freedesktop.DBus.Error.AccessDenied"
 UNKNOWN = "org.freedesktop.DBus.Error.UnknownObject"
+BUS = "org.freedesktop.DBus"
 INTROSPECTABLE, PEER = "org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Peer"
+BROWSER = "com.veltrasys.browser.Server"
 PROPERTIES = "org.freedesktop.DBus.Properties"
-# Every method there is, with arguments that change nothing where that is possible:
-# the first who may, object, method, arguments and their types, types of what is answered, other interface
+# Every method there is, with arguments that change nothing where that is possible: the first who may, types of
+# what is answered, object, method, types of the arguments, arguments, interface unless it is the object's
 METHODS = [
-    ("clerk", "Applications", "Enumerate", "", (), "aa{sv}"),
-    ("clerk", "Applications", "Start", "a{sv}", ({"application": variant("none")},), "a{sv}"),
-    ("clerk", "Applications", "Terminate", "", (), ""),
-    ("clerk", "Applications", "Restart", "s", ("",), ""),
-    ("admin", "System", "SystemCall", "ia{sv}", (42, {}), "a{sv}"),
-    ("admin", "System", "SystemCall", "ia{sv}", (1, {}), "a{sv}"),
-    ("admin", "System", "SystemCall", "ia{sv}", (101, {}), "a{sv}"),
-    ("admin", "Tools", "SetSystemTime", "s", ("",), "i"),
-    ("admin", "Tools", "SetTimeZone", "s", ("none",), "i"),
-    ("admin", "Tools", "SetTimeInfo", "sss", ("", "", "none"), "i"),
-    ("admin", "Tools", "ResetTimeInfoSource", "", (), "i"),
-    ("admin", "Tools", "SaveVariableValue", "ss", ("NAME", "value"), "i"),
-    ("admin", "Tools", "EnableAudiopayd", "b", (True,), ""),
-    ("clerk", "Tools", "IsAudiopaydEnabled", "", (), "b"),
-    ("admin", "Tools", "IsAudiopaydEnabled", "", (), "b", None),
-    ("admin", "Applications", "Enumerate", "", (), "aa{sv}", None),
-    ("pay", "", "Introspect", "", (), "s", INTROSPECTABLE),
-    ("pay", "System", "Introspect", "", (), "s", INTROSPECTABLE),
-    ("admin", "nowhere", "Introspect", "", (), UNKNOWN, INTROSPECTABLE),
-    ("pay", "System", "Ping", "", (), "", PEER),
-    ("clerk", "System", "GetAll", "s", (SERVICE + ".System",), "a{sv}", PROPERTIES)]
+    ("clerk", "aa{sv}", "Applications", "Enumerate", "", ()),
+    ("clerk", "a{sv}", "Applications", "Start", "a{sv}", ({"application": variant("none")},)),
+    ("clerk", "", "Applications", "Terminate", "", ()),
+    ("clerk", "", "Applications", "Restart", "s", ("",)),
+    ("admin", "a{sv}", "System", "SystemCall", "ia{sv}", (42, {})),
+    ("admin", "a{sv}", "System", "SystemCall", "ia{sv}", (1, {})),
+    ("admin", "a{sv}", "System", "SystemCall", "ia{sv}", (101, {})),
+    ("admin", "i", "Tools", "SetSystemTime", "s", ("",)),
+    ("admin", "i", "Tools", "SetTimeZone", "s", ("none",)),
+    ("admin", "i", "Tools", "SetTimeInfo", "sss", ("", "", "none")),
+    ("admin", "i", "Tools", "ResetTimeInfoSource", "", ()),
+    ("admin", "i", "Tools", "SaveVariableValue", "ss", ("NAME", "value")),
+    ("admin", "", "Tools", "EnableAudiopayd", "b", (True,)),
+    ("clerk", "b", "Tools", "IsAudiopaydEnabled", "", ()),
+    ("admin", "b", "Tools", "IsAudiopaydEnabled", "", (), None),
+    ("admin", "aa{sv}", "Applications", "Enumerate", "", (), None),
+    ("pay", "s", "", "Introspect", "", (), INTROSPECTABLE),
+    ("pay", "s", "System", "Introspect", "", (), INTROSPECTABLE),
+    ("admin", UNKNOWN, "nowhere", "Introspect", "", (), INTROSPECTABLE),
+    ("pay", "", "System", "Ping", "", (), PEER),
+    ("clerk", "a{sv}", "System", "GetAll", "s", (SERVICE + ".System",), PROPERTIES)]
 
 
 def connect(account):
@@ -60,21 +61,19 @@ def outcome(connection, thing, member, signature, arguments, *interface, service
     return reply.get_error_name() or reply.get_signature()
 
 
-def ask_the_bus(method, arguments=None):
-    return bus.call_sync("org.freedesktop.DBus", "/", "org.freedesktop.DBus", method, arguments, None, 0, -1, None)
+def ask_the_bus(method, *arguments):
+    return call("." + method, "s" * len(arguments), *arguments, service=BUS, interface=BUS)
 
 
 def test_daemon_hears_the_browser():
-    # In the daemon's place, since it does not tell what it hears; so this comes before the first daemon.
-    name = Gio.bus_own_name_on_connection(bus, SERVICE, 0, None, None)
-    heard = []
-    bus.signal_subscribe(None, "com.veltrasys.browser.Server", "loadCompleted", "/", None, 0,
-                         lambda *signal: heard.append(signal))
+    # In the daemon's place, since it does not tell what it hears; this comes before the first daemon.
+    name, heard = Gio.bus_own_name_on_connection(bus, SERVICE, 0, None, None), []
+    bus.signal_subscribe(None, BROWSER, "loadCompleted", "/", None, 0, lambda *signal: heard.append(signal))
     browser = connect("guest")
+    assert ask_the_bus("GetNameOwner", SERVICE)  # it knows the name and the rule
     # Only to the daemon, which is refused, then to everybody: were both let through, both would be here.
     for destination in SERVICE, None:
-        browser.emit_signal(destination, "/", "com.veltrasys.browser.Server", "loadCompleted",
-                            GLib.Variant("(b)", (True,)))
+        browser.emit_signal(destination, "/", BROWSER, "loadCompleted", GLib.Variant("(b)", (True,)))
     assert wait(lambda: heard) and len(heard) == 1
     Gio.bus_unown_name(name)
 
@@ -83,10 +82,9 @@ def test_daemon_hears_the_browser():
 @pytest.mark.parametrize("account", ACCOUNTS)
 def test_each_method(shared, account):
     connection = connect(account)
-    for first, thing, member, signature, arguments, answered, *interface in METHODS:
+    for first, answered, *method in METHODS:
         expected = answered if ACCOUNTS.index(account) >= ACCOUNTS.index(first) else DENIED
-        seen = outcome(connection, thing, member, signature, arguments, *interface)
-        assert (thing, member, arguments, seen) == (thing, member, arguments, expected)
+        assert (method, outcome(connection, *method)) == (method, expected)
     # By those who may: the system call, and the restart, which a member may ask for too.
     wanted = {"pay": [], "clerk": ["reboot"]}.get(account, ["poweroff", "reboot", "reboot"])
     done = []
@@ -95,11 +93,10 @@ def test_each_method(shared, account):
 
 
 def test_no_way_around(shared):
-    address, = ask_the_bus("GetNameOwner", GLib.Variant("(s)", (SERVICE,)))
+    address = ask_the_bus("GetNameOwner", SERVICE)
     connection = connect("pay")
-    for first, thing, member, signature, arguments, _, *interface in METHODS:
-        if first != "pay":
-            assert outcome(connection, thing, member, signature, arguments, *interface, service=address) == DENIED
+    for first, _, *method in METHODS:
+        assert first == "pay" or outcome(connection, *method, service=address) == DENIED
     disguised = "Applications", "SystemCall", "ia{sv}", (1, {})
     assert "UnknownMethod" in outcome(bus, *disguised)
     assert outcome(connect("clerk"), *disguised, SERVICE + ".System") == DENIED and calls() == []
@@ -116,15 +113,13 @@ def test_loss_of_the_bus_cannot_be_forged(shared):
 
 @pytest.mark.parametrize("account", ACCOUNTS[:3])
 def test_only_root_owns_the_name(shared, account):
-    message = Gio.DBusMessage.new_method_call("org.freedesktop.DBus", "/", "org.freedesktop.DBus", "RequestName")
-    message.set_body(GLib.Variant("(su)", (SERVICE, 0)))
-    assert connect(account).send_message_with_reply_sync(message, 0, -1, None)[0].get_error_name() == DENIED
+    own = "", "RequestName", "su", (SERVICE, 0), BUS
+    assert outcome(connect(account), *own, service=BUS) == DENIED
 
 
 def test_everybody_hears_signals(shared):
-    heard = []
-    listener = connect("guest")
-    listener.signal_subscribe(SERVICE, None, "OnTerminate", None, None, 0, lambda *signal: heard.append(signal))
+    heard, listener = [], connect("guest")
+    listener.signal_subscribe(SERVICE, None, "OnTerminate", None, None, 0, lambda *all: heard.append(all))
     outcome(listener, "", "Ping", "", (), PEER)  # the bus knows the rule before it answers
     call("Applications.Terminate")
     assert wait(lambda: heard)
@@ -132,20 +127,17 @@ def test_everybody_hears_signals(shared):
 
 def test_missing_groups_let_nobody_in(shared):
     groups = content("/etc/group")
-    with contextlib.ExitStack() as after:
-        after.callback(ask_the_bus, "ReloadConfig")
-        after.callback(put, "/etc/group", groups, mode=0o644)
-        put("/etc/group", groups.replace("\nkx", "\nold-kx"), mode=0o644)
-        ask_the_bus("ReloadConfig")
-        seen = [outcome(connect(account), *METHODS[0][1:5]) for account in ACCOUNTS]
-        assert seen == [DENIED, DENIED, DENIED, "aa{sv}"]
+    put("/etc/group", groups.replace("\nkx", "\nold-kx"), mode=0o644), ask_the_bus("ReloadConfig")
+    seen = [outcome(connect(account), *METHODS[0][2:]) for account in ACCOUNTS]
+    put("/etc/group", groups, mode=0o644), ask_the_bus("ReloadConfig")
+    assert seen == [DENIED, DENIED, DENIED, "aa{sv}"]
 
 
 @pytest.mark.parametrize("thing, described", [("Applications", True), ("System", True), ("Tools", False)])
 def test_interface_is_the_installed_one(shared, thing, described):
     form = rf'<interface name="{SERVICE}.{thing}">.*?</interface>'
-    installed = re.search(form, content(f"/usr/share/dbus-1/interfaces/{SERVICE}.{thing}.xml"), re.S)[0]
-    assert re.search(form, call(thing + ".Introspect", interface=INTROSPECTABLE), re.S)[0] == installed
+    installed, = re.findall(form, content(f"/usr/share/dbus-1/interfaces/{SERVICE}.{thing}.xml"), re.S)
+    assert re.findall(form, call(thing + ".Introspect", interface=INTROSPECTABLE), re.S) == [installed]
     assert ("<!--" in installed) == described
     if thing == "Applications":  # both spellings
         for name in "com.trolltech.QtDBus.QtTypeName", "org.qtproject.QtDBus.QtTypeName":
