@@ -61,7 +61,7 @@ def pytest_sessionstart():
     os.chmod(kx.REPORTS, 0o1777)
 
 
-# A failing test tells what the daemon has logged meanwhile, which programs were called, and what was reported.
+# A failing test tells what the daemon has logged meanwhile, which programs were called, what was reported.
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item):
     report = (yield).get_result()
