@@ -9,8 +9,8 @@ def pytest_make_parametrize_id(val):
     return repr(val)[:20]
 
 
+# What a sanitizer or valgrind has to say.
 def reports():
-    """What a sanitizer or valgrind has to say."""
     return [text for name in os.listdir(kx.REPORTS) if (text := kx.content(kx.REPORTS + name))]
 
 
@@ -18,18 +18,18 @@ def finish(daemon):
     assert (daemon.end(), reports()) == (0, [])
 
 
+# One daemon for a file of tests, which ends as asked to after the last.
 @pytest.fixture(scope="module")
 def shared():
-    """One daemon for a file of tests, which ends as asked to after the last."""
     daemon = kx.Daemon()
     assert daemon.serving()
     yield daemon
     finish(daemon)
 
 
+# Starts a daemon of the test's own, with what the test has prepared.
 @pytest.fixture
 def own():
-    """Starts a daemon of the test's own, with what the test has prepared."""
     daemons = []
 
     def start(*arguments, **options):
@@ -41,27 +41,29 @@ def own():
             finish(daemon)
 
 
+# Every test finds a terminal without applications, and programs that succeed and say nothing.
 @pytest.fixture(autouse=True)
 def terminal(request):
-    """Every test finds a terminal without applications, and programs that succeed and say nothing."""
     kx.remove("/home", "/var/lib/kxregistry", "/tmp/kxcore_poweroff", *(f"/etc/{name}" for name in (
-        "platform/usb_gadget", "platform/usbphy0", "platform/sys", "platform/settings", "lighttpd", "sysconfig",
-        "localtime", "time_offset")), *(f"/sys/{name}" for name in os.listdir("/sys")))
-    for path in ("/home", "/etc/platform/sys", "/etc/platform/settings", "/etc/lighttpd"):
+        "platform/usb_gadget", "platform/usbphy0", "platform/sys", "platform/settings", "lighttpd",
+        "sysconfig", "localtime", "time_offset")), *(f"/sys/{name}" for name in os.listdir("/sys")))
+    for path in "/home", "/etc/platform/sys", "/etc/platform/settings", "/etc/lighttpd":
         os.makedirs(path)
-    os.makedirs(kx.REPORTS, exist_ok=True)
-    os.chmod(kx.REPORTS, 0o1777)
-    kx.answer()
-    kx.calls()
-    kx.called.clear()
+    kx.answer(), kx.calls(), kx.called.clear()
     request.node.log_begins = os.path.getsize(kx.LOG)
     yield
     assert reports() == []
 
 
+# For launched programs too, whatever account they have.
+def pytest_sessionstart():
+    os.makedirs(kx.REPORTS, exist_ok=True)
+    os.chmod(kx.REPORTS, 0o1777)
+
+
+# A failing test tells what the daemon has logged meanwhile, and which programs were called.
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item):
-    """A failing test tells what the daemon has logged meanwhile, and which programs were called."""
     report = (yield).get_result()
     if report.failed and hasattr(item, "log_begins"):
         kx.calls()

@@ -1,4 +1,4 @@
-"""The daemon, the bus and the terminal around it, for the tests. Works in the private root only (scripts/sandbox)."""
+# The daemon, the bus and the terminal around it, for the tests; in the private root only (scripts/sandbox).
 import contextlib
 import os
 import pathlib
@@ -18,26 +18,31 @@ if not os.path.exists("/run/kx-private-root"):
 SERVICE, PROGRAM = "com.veltrasys.kx.core", "/usr/sbin/kxcore"
 ANSWERS, LOG, REPORTS = "/run/standins/", "/var/log/messages", "/run/reports/"
 PATIENCE = 10 * float(os.environ.get("KX_TIME_FACTOR", 1))
+SLEEP = pathlib.Path("/usr/bin/sleep").read_bytes()
 UNDER = os.environ.get("KX_UNDER", "")  # what the daemon runs under: valgrind, sanitizer, emulator
-# For cases that inject failures with strace, count descriptors or memory, or look into /proc.
+# For cases that make system calls fail with strace, or look at the daemon's process.
 natively = pytest.mark.skipif(UNDER != "", reason=f"tells nothing about a daemon under {UNDER}")
+for sanitizer in "ASAN", "UBSAN", "TSAN":
+    options = os.environ.get(f"{sanitizer}_OPTIONS", "")
+    os.environ[f"{sanitizer}_OPTIONS"] = f"{options}:log_path={REPORTS}{sanitizer}"
 bus = Gio.bus_get_sync(Gio.BusType.SYSTEM)
 bus.set_exit_on_close(False)
 
 
+# Runs the event loop until the condition holds; returns what it gave last.
 def wait(condition, seconds=PATIENCE):
-    """Runs the event loop until the condition holds; returns what it gave last."""
     end = time.monotonic() + seconds
     while not (value := condition()) and time.monotonic() < end:
         GLib.MainContext.default().iteration(False) or time.sleep(0.005)
     return value
 
 
-# --- files: a path and bytes or text; None for nothing there, "-> target" for a link, "/" for a directory ---------
+# --- files: a path and bytes or text; None for nothing there, "-> target" for a link, "/" for a directory
 
 def remove(*paths):
     for path in paths:
-        shutil.rmtree(path) if os.path.isdir(path) and not os.path.islink(path) else pathlib.Path(path).unlink(True)
+        is_tree = os.path.isdir(path) and not os.path.islink(path)
+        shutil.rmtree(path) if is_tree else pathlib.Path(path).unlink(True)
 
 
 def put(path, content="", owner=0, group=None, mode=None):
@@ -67,8 +72,8 @@ def owner_and_mode(path):
     return f"{info.st_uid}:{info.st_gid} {info.st_mode & 0o7777:o}"
 
 
+# An application: the elements of its app.conf, and files: bin_idle=... (a program), html_index=...
 def install(name, owner, conf=None, group=None, **files):
-    """An application: the elements of its app.conf, and files such as bin_idle=... (programs) or html_index=..."""
     home = f"/home/{name}"
     remove(home)
     os.makedirs(home)
@@ -80,27 +85,23 @@ def install(name, owner, conf=None, group=None, **files):
     return home
 
 
-SLEEP = pathlib.Path("/usr/bin/sleep").read_bytes()
+# --- the platform's programs, and others
+
+called = []  # of the platform's programs, by this test
 
 
-# --- the platform's programs --------------------------------------------------------------------------------------
-
-called = []  # in this test, so far
-
-
+# What they were called with since the last time.
 def calls():
-    """What they were called with since the last time."""
     text = content(ANSWERS + "calls") or ""
     os.truncate(ANSWERS + "calls", 0)
     called.extend(text.splitlines())
     return text.splitlines()
 
 
+# Their outputs and statuses, for certain arguments:
+# answer(lsmod="u_ether 1", modprobe=4, pidof={"sredd2": 0})
 def answer(**answers):
-    """answer(lsmod="u_ether 1", modprobe=4, pidof={"sredd2": 0}): outputs and statuses, for certain arguments."""
-    for name in os.listdir(ANSWERS):
-        if name != "calls":
-            remove(ANSWERS + name)
+    remove(*(ANSWERS + name for name in os.listdir(ANSWERS) if name != "calls"))
     for name, given in answers.items():
         name = name.replace("_", "-") if name[0].isdigit() else name
         for key, value in (given if isinstance(given, dict) else {None: given}).items():
@@ -122,8 +123,8 @@ def status(pid):
     return dict(re.findall(r"^(\w+):\s*(.*)$", pathlib.Path(f"/proc/{pid}/status").read_text(), re.M))
 
 
+# Runs a program to its end: (status, output, errors).
 def run(*command, account=None, input=None, env=None):
-    """Runs a program to its end: (status, output, errors)."""
     if account:
         command = ("setpriv", "--reuid", account, "--regid", account, "--init-groups") + command
     done = subprocess.run(command, capture_output=True, text=True, timeout=2 * PATIENCE, input=input,
@@ -131,7 +132,7 @@ def run(*command, account=None, input=None, env=None):
     return done.returncode, done.stdout, done.stderr
 
 
-# --- the daemon ---------------------------------------------------------------------------------------------------
+# --- the daemon
 
 def variant(value):
     if isinstance(value, GLib.Variant):
@@ -140,21 +141,20 @@ def variant(value):
         return GLib.Variant.new_from_bytes(GLib.VariantType("ay"), GLib.Bytes.new(value), True)
     if isinstance(value, dict):
         return GLib.Variant("a{sv}", {key: variant(item) for key, item in value.items()})
-    kind = {bool: "b", int: "i", float: "d", str: "s", list: "as"}[type(value)]
-    return GLib.Variant(kind, value)
+    return GLib.Variant({bool: "b", int: "i", float: "d", str: "s", list: "as"}[type(value)], value)
 
 
-class Refused(Exception):
-    """A call was answered with an error; the text is the error's name."""
+class Refused(Exception):  # with the name of the error
+    pass
 
 
+# What is answered, plain; maps become maps of variants: call("System.SystemCall", "ia{sv}", 1, {})
 def call(target, signature="", *arguments, **options):
-    """call("System.SystemCall", "ia{sv}", 1, {}): what is answered, plain; maps become maps of variants."""
     return call_raw(target, signature, *arguments, **options)[0]
 
 
+# The same with the signature of what is answered.
 def call_raw(target, signature="", *arguments, seconds=PATIENCE, service=SERVICE, path=None, interface=None):
-    """The same with the signature of what is answered."""
     thing, member = target.rsplit(".", 1)
     values = tuple({key: variant(v) for key, v in a.items()} if isinstance(a, dict) else a for a in arguments)
     try:
@@ -169,64 +169,72 @@ def system(number, arguments=None):
     return call("System.SystemCall", "ia{sv}", number, arguments or {})
 
 
+# The daemon's in the text of a log, each "priority function text".
 def records(text):
-    """Those of the daemon in the text of a log, each "priority function text"."""
     form = r"^\S+ +\S+ \S+ \S+ \w+\.(\w+) kxcore\S*: (?:platform/kx-core(?: [^ :]*:([^:]*):\d+)?: *)?(.*)$"
     return [" ".join(filter(None, found)).strip() for found in re.findall(form, text, re.M)]
 
 
 class Daemon:
-    def __init__(self, *arguments, env=None):
-        self.mark = os.path.getsize(LOG)
-        self.process = subprocess.Popen([PROGRAM, *(arguments or ["--no-daemon"])], cwd="/", text=True,
-                                        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                        env=env and {**os.environ, **env})
-        self.pid, self.signals = self.process.pid, []
+    def __init__(self, *arguments, under=(), env=None):
+        self.mark, self.signals = os.path.getsize(LOG), []
+        self.process = subprocess.Popen(
+            [*under, PROGRAM, *(arguments or ["--no-daemon"])], cwd="/", text=True, stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE, env=env and {**os.environ, **env})
+        self.pid = self.process.pid
         self.subscription = bus.signal_subscribe(
             SERVICE, None, None, None, None, 0,
             lambda *signal: self.signals.append((signal[4], signal[5].unpack())))
 
+    # Whether one has started: its last object is there.
+    @staticmethod
+    def answers():
+        with contextlib.suppress(Refused):
+            return call("Tools.Introspect", interface="org.freedesktop.DBus.Introspectable")
+
     def serving(self):
-        def answers():
-            with contextlib.suppress(Refused):
-                return call("Tools.Introspect", interface="org.freedesktop.DBus.Introspectable")
-        wait(lambda: self.process.poll() is not None or answers())
+        wait(lambda: self.process.poll() is not None or self.answers())
         self.events(0)
         return self.process.poll() is None
 
+    # Its exit status.
     def end(self, signo=signal.SIGTERM):
-        """Its exit status."""
         if self.process.poll() is None:
             self.process.send_signal(signo)
         bus.signal_unsubscribe(self.subscription)
         return self.process.wait(2 * PATIENCE)
 
+    # The records since the last time. A mark of our own tells that all are there.
     def log(self):
-        """The records since the last time. A mark of our own tells that all are there."""
         syslog.syslog(mark := f"mark {time.monotonic_ns()}")
+        text = bytearray()
         with open(LOG, "rb") as file:
             file.seek(self.mark)
-            text = bytearray()
             wait(lambda: text.extend(file.read()) or mark.encode() in text)
             self.mark = file.tell()
         return records(text.decode(errors="replace"))
 
-    def events(self, count):
-        """The names of the signals since the last time, at least so many unless they do not come."""
-        while GLib.MainContext.default().iteration(False):
-            pass
-        wait(lambda: len(self.signals) >= count)
-        names, self.signals[:] = [name for name, _ in self.signals], []
-        return names
+    # The signals since the last time, (name, arguments) each; so many at least unless they do not come.
+    def heard(self, count):
+        wait(lambda: not GLib.MainContext.default().pending() and len(self.signals) >= count)
+        found, self.signals[:] = self.signals[:], []
+        return found
 
+    def events(self, count):
+        return [name for name, _ in self.heard(count)]
+
+    # Meanwhile a system call of the daemon and its children does no work: "error=EPERM", "retval=0".
     @contextlib.contextmanager
     def failing(self, call, how, calls="/tmp/strace"):
-        """Meanwhile a system call of the daemon and its children does no work: "error=EPERM", "retval=0"."""
-        tracer = subprocess.Popen(["strace", "-qq", "-f", "-o", calls, "-e", f"trace={call}",
-                                   "-e", f"inject={call}:{how}", "-p", str(self.pid)])
+        tracer = subprocess.Popen([*failing(call, how, calls), "-p", str(self.pid)])
         try:
             assert wait(lambda: status(self.pid)["TracerPid"] != "0")
             yield
         finally:
             tracer.send_signal(signal.SIGINT)
             tracer.wait()
+
+
+# The same for a daemon from its start: Daemon(under=failing("clone", "error=EAGAIN"))
+def failing(call, how, calls="/dev/null"):
+    return "strace", "-qq", "-f", "-o", calls, "-e", f"trace={call}", "-e", f"inject={call}:{how}"
