@@ -40,8 +40,9 @@ bool IsLogged(const QByteArray& record)
 extern "C" ssize_t write(int fd, const void* data, size_t size)
 {
     const bool report = size == sizeof(int);
-    return report && Fails("write", EIO) ? -1
-                                         : syscall(SYS_write, fd, data, report && Fails("half", 0) ? 2 : size);
+    return report && Fails("write", EIO)
+               ? -1
+               : syscall(SYS_write, fd, data, report && Fails("half", 0) ? 2 : size);
 }
 
 extern "C" int close(int fd)
@@ -65,19 +66,24 @@ private slots:
     void Records()
     {
         qAlert() << "text" << QString("\"%s\"");
-        QVERIFY(IsLogged("user.alert tst: platform/kx-core: text \"\\\"%s\\\"\""));
+        QVERIFY(IsLogged("user.alert unit_failures: platform/kx-core: text \"\\\"%s\\\"\""));
         QDebug(qCritical()) << GetPrefix("/a/Utils", "f", 340, false) << "a|b \"c\"";
-        QVERIFY(IsLogged("user.crit tst: platform/kx-core Utils:f:340:  a|b \"c\""));
+        QVERIFY(IsLogged("user.crit unit_failures: platform/kx-core Utils:f:340:  a|b \"c\""));
         LogInitializer::QtMsgHandler(QtFatalMsg, "fatal");
-        QVERIFY(IsLogged("user.debug tst: platform/kx-core: fatal"));
+        QVERIFY(IsLogged("user.debug unit_failures: platform/kx-core: fatal"));
         const QRegularExpression timed(R"(^\[\d\d:\d\d:\d\d\.\d{3}\] Utils - f\(\),3:$)");
         QVERIFY(timed.match(GetPrefix("/a/Utils", "f", 3, true)).hasMatch());
-        for (const auto& [message, parts] : QVector<QPair<QString, QString>>{
-                 {R"(x "F|f|1|" a|b|"c"|)", R"(F/f/1/ a|b|"c"|)"},
-                 {R"("F|f|1| text)", R"(F/f/1/"F|f|1| text)"},
-                 {"", ""}, {"text", ""}, {R"("F|f|0|" text)", ""}, {R"("F|f|x|" text)", ""},
-                 {R"("F||1|" text)", ""}, {R"("|f|1|" text)", ""}, {R"("F|f|1)", ""}, {"F|f|1| text", ""}}) {
-            QString file, function, text;
+        for (const auto& [message, parts] :
+             QVector<QPair<QString, QString>>{{"x \"F|f|1|\" a|b|\"c\"|", "F/f/1/ a|b|\"c\"|"},
+                                              {"\"F|f|1| text", "F/f/1/\"F|f|1| text"},
+                                              {"\"F|f|0|\" text", ""},
+                                              {"\"F|f|x|\" text", ""},
+                                              {"\"F||1|\" text", ""},
+                                              {"\"|f|1|\" text", ""},
+                                              {"F|f|1| text", ""}}) {
+            QString file;
+            QString function;
+            QString text;
             int line = 0;
             const bool split = LogInitializer::SplitMsg(message, file, function, line, text);
             const QStringList found{file, function, QString::number(line), text};
@@ -91,9 +97,11 @@ private slots:
         struct sigaction added = {};
         sigaction(SIGCHLD, nullptr, &added);
         QVERIFY(added.sa_handler == sigHandler && (added.sa_flags & SA_NOCLDSTOP) != 0);
-        QVERIFY(IsLogged("user.err tst: Could not add signal 99 (Invalid argument)"));
-        QVERIFY(IsLogged("user.err tst: Could not change signal action signal 99 (Invalid argument)"));
-        QVERIFY(IsLogged("user.err tst: Could not change signal action signal 9 (Invalid argument)"));
+        QVERIFY(IsLogged("user.err unit_failures: Could not add signal 99 (Invalid argument)"));
+        QVERIFY(
+            IsLogged("user.err unit_failures: Could not change signal action signal 99 (Invalid argument)"));
+        QVERIFY(
+            IsLogged("user.err unit_failures: Could not change signal action signal 9 (Invalid argument)"));
     }
 
     void LaunchesThatFail()
@@ -104,7 +112,8 @@ private slots:
         for (const auto& [failing, result, record] : std::vector<std::tuple<const char*, bool, const char*>>{
                  {"strdup", false, "GetPosixParameters() memory allocation error"},
                  {"strdup", false, "\"Start: Failed to execute child (Cannot allocate memory)\""},
-                 {"write", true, "function  write( fd[ 1 ], &err, sizeof( err ) )  errno  5   Input/output error"},
+                 {"write", true,
+                  "function  write( fd[ 1 ], &err, sizeof( err ) )  errno  5   Input/output error"},
                  {"half", false, "Start: Incorrect number of bytes read from pipe: 2"},
                  {"close", false, "function  close( fd[ 1 ] )  errno  5   Input/output error"}}) {
             g_failing = failing;

@@ -10,15 +10,19 @@ using core::configuration::ApplicationConfig;
 
 namespace {
 
-/// A browser that answers with what it is asked, so that it arrives as from another process.
-class Echo : public QObject {
+/// A browser, which sees values as they arrive from another process.
+class Browser : public QObject {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "com.veltrasys.browser.Server")
+
+public:
+    QDBusMessage m_call; ///< the last one
 
 public slots:
     void ShowPage(const QDBusMessage& call)
     {
-        QDBusConnection("echo").send(call.createReply(call.arguments()));
+        m_call = call;
+        QDBusConnection("browser").send(call.createReply(0));
     }
 };
 
@@ -57,17 +61,19 @@ private slots:
         QVERIFY(policy.open(QIODevice::WriteOnly));
         policy.write("<busconfig><policy user='root'><allow send_destination='*'/></policy></busconfig>");
         policy.close();
-        auto bus = QDBusConnection::connectToBus(QDBusConnection::SystemBus, "echo");
-        bus.call(QDBusMessage::createMethodCall("org.freedesktop.DBus", "/", "org.freedesktop.DBus", "ReloadConfig"));
-        QVERIFY(bus.registerObject("/", &m_echo, QDBusConnection::ExportAllSlots));
+        auto bus = QDBusConnection::connectToBus(QDBusConnection::SystemBus, "browser");
+        bus.call(QDBusMessage::createMethodCall("org.freedesktop.DBus", "/", "org.freedesktop.DBus",
+                                                "ReloadConfig"));
+        QVERIFY(bus.registerObject("/", &m_browser, QDBusConnection::ExportAllSlots));
     }
 
     void RecordsAreReadFromMaps()
     {
-        const auto received = qdbus_cast<QVariantMap>(Echoed(Filled()).arguments().value(0));
+        const auto received = Received(Filled());
         QCOMPARE(received.size(), 23);
         QCOMPARE(QVariantMap(ApplicationConfig(received)), WithoutCertificate(Filled()));
-        const ApplicationConfig wrong(QVariantMap{{"uid", "abc"}, {"name", 5}, {"desktopItems", QVariantList{1}}});
+        const ApplicationConfig wrong(
+            QVariantMap{{"uid", "abc"}, {"name", 5}, {"desktopItems", QVariantList{1}}});
         QCOMPARE(wrong.m_uid + wrong.m_gid + wrong.m_desktopItems.size(), 0U);
         QCOMPARE(wrong.m_name, "5");
         QCOMPARE(ApplicationConfig("pay").m_uid, 4294967295U);
@@ -75,7 +81,7 @@ private slots:
 
     void CopiesDropTheCertificateAndMovesKeepIt()
     {
-        ApplicationConfig record(qdbus_cast<QVariantMap>(Echoed(Filled()).arguments().value(0)));
+        ApplicationConfig record(Received(Filled()));
         record.m_cacertPath = "ca";
         const QVariantMap original = record;
         ApplicationConfig assigned("other");
@@ -93,23 +99,27 @@ private slots:
     {
         RegisterVectorOfPairSS();
         QVERIFY(QMetaType::type("QVectorOfPairSS") != QMetaType::UnknownType);
-        WebBrowserProxy proxy(QDBusConnection("echo").baseService(), "/", QDBusConnection::systemBus(), nullptr);
+        WebBrowserProxy proxy(QDBusConnection("browser").baseService(), "/", QDBusConnection::systemBus(),
+                              nullptr);
         for (const QVectorOfPairSS& pairs : {QVectorOfPairSS(), {{"z", ""}, {"a", "\u00e4"}, {"z", "%1"}}}) {
             QDBusPendingReply<int> reply = proxy.ShowPage("page", pairs);
             QTRY_VERIFY(reply.isFinished());
-            QVERIFY2(reply.reply().signature() == "sa{ss}", qPrintable(reply.reply().errorMessage()));
-            QCOMPARE(qdbus_cast<QVectorOfPairSS>(reply.reply().arguments().value(1)), pairs);
+            QVERIFY2(reply.isValid(), qPrintable(reply.error().message()));
+            QCOMPARE(m_browser.m_call.signature(), "sa{ss}");
+            QCOMPARE(qdbus_cast<QVectorOfPairSS>(m_browser.m_call.arguments().value(1)), pairs);
         }
     }
 
 private:
-    static QDBusMessage Echoed(const QVariant& value)
+    QVariantMap Received(const QVariantMap& map) const
     {
-        auto call = QDBusMessage::createMethodCall(QDBusConnection("echo").baseService(), "/", "", "ShowPage");
-        return QDBusConnection::systemBus().call(call << value, QDBus::BlockWithGui);
+        auto call =
+            QDBusMessage::createMethodCall(QDBusConnection("browser").baseService(), "/", "", "ShowPage");
+        QDBusConnection::systemBus().call(call << map, QDBus::BlockWithGui);
+        return qdbus_cast<QVariantMap>(m_browser.m_call.arguments().value(0));
     }
 
-    Echo m_echo;
+    Browser m_browser;
 };
 
 QTEST_GUILESS_MAIN(ValuesTest)
