@@ -1,4 +1,4 @@
-"""A numbered operation of the system server and all that it does: answer, programs called, records, files."""
+"""A numbered operation of the system server and all that it does: answer, calls, records, files."""
 import dataclasses
 from fnmatch import fnmatchcase
 from itertools import zip_longest
@@ -7,7 +7,7 @@ from gi.repository import GLib
 
 from kx import answer, calls, content, put, system, wait
 
-RESTARTED = ["OnTerminate", "OnTerminate", "OnStarted"]  # what is heard when applications stop and start again
+RESTARTED = ["OnTerminate", "OnTerminate", "OnStarted"]  # applications stop and start again
 
 
 @dataclasses.dataclass
@@ -27,8 +27,8 @@ class Case:
     @property
     def expected(self):
         result = self.result if isinstance(self.result, dict) else {"return": self.result}
-        return {"result": result, "calls": list(self.calls), "events": list(self.events), "log": list(self.log),
-                "files": self.after}
+        return {"result": result, "calls": list(self.calls), "events": list(self.events),
+                "log": list(self.log), "files": self.after}
 
     def seen(self, daemon):
         """Does it; \return what is to be compared with what was expected."""
@@ -51,8 +51,9 @@ class Case:
 
 # Values that no argument should have.
 HOSTILE = {
-    "long": "'" * 1000000, "shell": "'\"`reboot`$(reboot);reboot\n|reboot&%1%s%n\x80", "NUL": b"serial\0reboot",
-    "bytes": b"\xff" * 1000000, "list": ["serial", "HTTP"], "map": {"mode": {"mode": "serial"}},
-    "variants": GLib.Variant("v", GLib.Variant("v", GLib.Variant("i", 2))), "path": GLib.Variant("o", "/System"),
-    "pair": GLib.Variant("(ii)", (1, 2)), "NaN": float("nan"), "least": GLib.Variant("x", -2**63),
-    "most": GLib.Variant("t", 2**64 - 1), "byte": GLib.Variant("y", 50), "true": True, "empty": ""}
+    "long": "'" * 1000000, "shell": "'\"`reboot`$(reboot);reboot\n|reboot&%1%s%n\x80", "empty": "",
+    "NUL": b"serial\0reboot", "bytes": b"\xff" * 1000000, "list": ["serial", "HTTP"],
+    "map": {"mode": {"mode": "x"}}, "variants": GLib.Variant("v", GLib.Variant("v", GLib.Variant("i", 2))),
+    "NaN": float("nan"), "true": True,
+    "path": GLib.Variant("o", "/System"), "pair": GLib.Variant("(ii)", (1, 2)), "byte": GLib.Variant("y", 50),
+    "least": GLib.Variant("x", -2**63), "most": GLib.Variant("t", 2**64 - 1)}

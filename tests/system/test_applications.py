@@ -1,23 +1,25 @@
-"""The installed applications: what is published of them, what a start of the terminal does, which page is shown."""
+"""Installed applications: what is published, what a start of the terminal does, which page is shown."""
 import os
 
 import pytest
 from gi.repository import Gio, GLib
 
-from kx import (SLEEP, bus, call, content, install, owner_and_mode, processes, put, remove, wait)
+from kx import SLEEP, bus, call, content, install, owner_and_mode, processes, put, remove, wait
 
 BROWSER, INTERFACE = "com.veltrasys.browser", "com.veltrasys.browser.Server"
 POLICY = f"""<busconfig><policy user="root"><allow own="{BROWSER}"/><allow send_destination="{BROWSER}"/>
 </policy></busconfig>"""
 SHOW = "http://localhost/cgi-bin/page/show?path="
-NO_APPS, DESKTOP, ONCE = SHOW + "platform/misc/noapps.html", SHOW + "desktop/index.html", SHOW + "platform/show_once.html"
-ONCE_FILE, DEFAULT_CGI, IDLE = "/home/platform/html/show_once.html", "/run/www/cgi-bin-default", "/home/pay/bin/idle"
+DESKTOP, PAY = SHOW + "desktop/index.html", SHOW + "pay/index.html"
+NO_APPS, ONCE, ONCE_FILE = (SHOW + "platform/misc/noapps.html", SHOW + "platform/show_once.html",
+                            "/home/platform/html/show_once.html")
+DEFAULT_CGI, IDLE = "/run/www/cgi-bin-default", "/home/pay/bin/idle"
 FOLDERS = ["cgi-bin", "html", "files"]
 
 
-def bus_call(method, signature=None, *arguments):
-    variant = signature and GLib.Variant(signature, arguments)
-    bus.call_sync("org.freedesktop.DBus", "/", "org.freedesktop.DBus", method, variant, None, 0, -1, None)
+def bus_call(method, signature="", *arguments):
+    bus_itself = "org.freedesktop.DBus"
+    call("." + method, signature, *arguments, service=bus_itself, path="/", interface=bus_itself)
 
 
 class Browser:
@@ -35,13 +37,10 @@ class Browser:
         invocation.return_value(GLib.Variant("(i)", (0,)))
 
     def come(self):
-        bus_call("RequestName", "(su)", BROWSER, 0)
+        bus_call("RequestName", "su", BROWSER, 0)
 
     def go(self):
-        bus_call("ReleaseName", "(s)", BROWSER)
-
-    def loaded(self, success):
-        bus.emit_signal(None, "/", INTERFACE, "loadCompleted", GLib.Variant("(b)", (success,)))
+        bus_call("ReleaseName", "s", BROWSER)
 
     def pages(self):
         """Those since the last time; with the answer to a call, what was sent before has arrived."""
@@ -52,13 +51,15 @@ class Browser:
         return shown
 
 
-@pytest.fixture(scope="module")
-def browser():
-    return Browser()
+browser = Browser()
+
+
+def loaded(success):
+    bus.emit_signal(None, "/", INTERFACE, "loadCompleted", GLib.Variant("(b)", (success,)))
 
 
 @pytest.fixture
-def shown(browser, shared):
+def shown(shared):
     """The browser, when it has shown what there was to show."""
     remove("/run/www", "/run/sockets")
     browser.come()
@@ -73,9 +74,8 @@ def restart(daemon):
     assert daemon.events(2) == ["OnTerminate", "OnStarted"]
 
 
-def form(*names):
-    for name in names:
-        put(f"/home/{name}/html/index.html")
+def form(name):
+    put(f"/home/{name}/html/index.html")
 
 
 def test_publishing(own):
@@ -84,10 +84,11 @@ def test_publishing(own):
     put("/run/www/cgi-bin/pay", "-> /elsewhere")
     daemon = own()
     assert daemon.serving()
-    assert {folder: owner_and_mode(f"/run/{folder}") for folder in ("www", "sockets", *(f"www/{f}" for f in FOLDERS))} \
-        == dict.fromkeys(("www", "sockets", *(f"www/{f}" for f in FOLDERS)), "0:0 777")
-    assert {(f, name): content(f"/run/www/{f}/{name}") for f in FOLDERS for name in os.listdir(f"/run/www/{f}")} == {
-        (f, name): f"-> /home/{name}/{f}" for f in FOLDERS for name in ("pay", "shop")}
+    for path in ("sockets", "www", *(f"www/{folder}" for folder in FOLDERS)):
+        assert owner_and_mode(f"/run/{path}") == "0:0 777"
+    for folder in FOLDERS:
+        links = {name: content(f"/run/www/{folder}/{name}") for name in os.listdir(f"/run/www/{folder}")}
+        assert links == {name: f"-> /home/{name}/{folder}" for name in ("pay", "shop")}
     assert os.listdir("/run/sockets") == [] and os.path.exists("/run/www/kept") and daemon.log() == []
     before = os.lstat("/run/www/html/pay").st_ino
     remove("/home"), os.mkdir("/home")
@@ -98,12 +99,15 @@ def failures(*what):
     return [f"warn CreateSymlinksForLighttpd Failed to create {text}" for text in what]
 
 
+EACH = [text for folder in FOLDERS
+        for text in (f'directory  "/var/run/www/{folder}"', f'symlink  "{folder}"  to  "pay"')]
+
+
 @pytest.mark.parametrize("obstacles, log", [
-    ({"/run/www": "file", "/run/sockets": "file"}, failures("www directory", *(text for folder in FOLDERS for text in (
-        f'directory  "/var/run/www/{folder}"', f'symlink  "{folder}"  to  "pay"')), "sockets directory")),
-    ({"/run/www/html": "-> /etc"}, ["err CreateDirIfNeeded Failed to create dir =  20"] + failures(
-        'directory  "/var/run/www/html"', 'symlink  "html"  to  "pay"')),
-    ({"/run/www/html/pay": "/"}, failures('symlink  "html"  to  "pay"')),
+    ({"/run/www": "", "/run/sockets": ""}, failures("www directory", *EACH, "sockets directory")),
+    ({"/run/www/html": "-> /etc"},
+     ["err CreateDirIfNeeded Failed to create dir =  20", *failures(*EACH[2:4])]),
+    ({"/run/www/html/pay": "/"}, failures(EACH[3])),
     ({"/run/www/html/pay": "text"}, []),
 ])
 def test_publishing_that_fails(shown, shared, obstacles, log):
@@ -151,13 +155,13 @@ BROKEN = "<run_on_boot>bin/none</run_on_boot>" + BOOT + CGI
 
 
 @pytest.mark.parametrize("applications, page, cgi, log", [
-    ({}, NO_APPS, None, []),
-    ({"pay": ""}, NO_APPS, None, []),
+    ({}, NO_APPS, None, []), ({"pay": ""}, NO_APPS, None, []),
     ({"desktop": "", "pay": ""}, DESKTOP, None, []),
-    ({"desktop": "", "pay": BOOT}, SHOW + "pay/index.html", None, []),
+    ({"desktop": "", "pay": BOOT}, PAY, None, []),
     ({"desktop": "", "pay": BOOT, "shop": BOOT}, DESKTOP, None, []),
     ({"pay": BOOT, "shop": BOOT}, NO_APPS, None, []),
-    ({"pay": MISSING}, "", None, ["""err PathToURI Requested form doesn't exist ( "/home/pay/html/none" ) errno: 2"""]),
+    ({"pay": MISSING}, "", None,
+     ['err PathToURI Requested form doesn\'t exist ( "/home/pay/html/none" ) errno: 2']),
     ({"pay": CGI, "shop": ""}, NO_APPS, "-> /home/pay/cgi-bin", []),
     ({"pay": CGI, "shop": CGI}, NO_APPS, None, [
         "err StartApplication Multiple applications have <cgi_bin_default>true</cgi_bin_default> configured. "
@@ -203,31 +207,29 @@ def test_page_that_is_shown_once(shared, shown, success):
     assert shared.events(0) == [] and not processes(IDLE) and os.path.exists(ONCE_FILE)
     for _ in range(2):  # each load tries, until another page is asked for
         put(ONCE_FILE)
-        shown.loaded(success)
+        loaded(success)
         assert wait(lambda: not os.path.exists(ONCE_FILE))
     call("Applications.Start", "a{sv}", {"default": True})
     put(ONCE_FILE)
-    shown.loaded(success)
+    loaded(success)
     shown.pages()
     assert os.path.exists(ONCE_FILE)
 
 
 def test_browser_that_goes_and_returns(shared, shown):
-    def ask():
-        form("desktop")
+    def default():
         call("Applications.Start", "a{sv}", {"default": True})
-    ask()
-    assert shown.pages() == [DESKTOP]
-    shown.go()
-    shown.come()
-    assert shown.pages() == []
-    shown.go()
-    call("Applications.Start", "a{sv}", {"default": True})
-    remove("/home/desktop")
-    call("Applications.Start", "a{sv}", {"default": True})
-    assert shown.pages() == []
-    shown.come()
-    assert shown.pages() == [NO_APPS]
-    shown.go()
-    shown.come()
-    assert shown.pages() == []
+
+    def restart_browser(between=lambda: None):
+        shown.go()
+        between()
+        shown.come()
+        return shown.pages()
+
+    def ask_twice():
+        form("desktop"), default()
+        remove("/home/desktop"), default()
+    default()
+    assert shown.pages() == [NO_APPS] and restart_browser() == []
+    form("desktop"), default()
+    assert shown.pages() == [DESKTOP] and restart_browser(ask_twice) == [NO_APPS] and restart_browser() == []

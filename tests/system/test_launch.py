@@ -8,7 +8,8 @@ import time
 
 import pytest
 
-from kx import (PATIENCE, SLEEP, call, content, install, owner_and_mode, processes, put, remove, status, wait)
+from kx import (PATIENCE, SLEEP, call, content, install, natively, owner_and_mode, processes, put, remove,
+                status, wait)
 
 IDLE, STARTED = "/home/pay/bin/idle", {"errorCode": 0}
 SHOW = "#!/bin/sh\nprintf '%s|' \"$0\" \"$@\" >$APP_TMP_DIR/shown\n"
@@ -66,6 +67,7 @@ def test_refusals(shared, application, binary, text):
     assert shared.log()[-1] == f'err StartApplicationBinary "{text}"'
 
 
+@natively
 @pytest.mark.parametrize("owner, group, binary, uid, gid", [
     (4002, 4002, "idle", 4002, 4002), (0, 0, "idle", 4002, 4002), (4003, 100, "idle", 4002, 4002),
     (4003, 4999, "idle", 4003, 4999), (4003, 4003, "sub/alias", 4003, 4003),
@@ -82,6 +84,7 @@ def test_identity(owner, group, binary, uid, gid):
     assert owner_and_mode("/tmp/pay") == f"{uid}:{gid} 770" and owner_and_mode("/shared") == "0:0 777"
 
 
+@natively
 def test_surroundings(shared):
     assert start(params="  100   200 ") == STARTED
     pid, = started(IDLE)
@@ -91,7 +94,8 @@ def test_surroundings(shared):
     assert seen == own | {"APP_NAME": "pay", "APP_HOME_DIR": "/home/pay", "APP_TMP_DIR": "/tmp/pay",
                           "APP_SHARED_DIR": "/shared", "HOME": "/home/pay", "OLDPWD": "/home/pay",
                           "USER": "pay", "LOGNAME": "pay"}
-    assert content(proc + "cmdline") == f"{IDLE}\x00100\x00200\x00" and os.readlink(proc + "cwd") == "/home/pay"
+    assert content(proc + "cmdline") == f"{IDLE}\0" "100\0" "200\0"
+    assert os.readlink(proc + "cwd") == "/home/pay"
     assert sorted(os.listdir(proc + "fd")) == ["0", "1", "2"] and os.getpgid(pid) == pid
     assert {status(pid)[name] for name in ("SigBlk", "SigCgt")} == {"0" * 16}
     ignored = int(status(pid)["SigIgn"], 16)
@@ -99,7 +103,8 @@ def test_surroundings(shared):
         signal.SIGTERM, signal.SIGINT, signal.SIGCHLD, signal.SIGALRM, signal.SIGHUP))
 
 
-@pytest.mark.parametrize("params, seen", [("", ""), (" -a  'b\tc ", "-a|'b\tc|"), ("\xe4 \u20ac%1", "\udce4|?%1|")])
+@pytest.mark.parametrize("params, seen", [
+    ("", ""), (" -a  'b\tc ", "-a|'b\tc|"), ("\xe4 \u20ac%1", "\udce4|?%1|")])
 def test_parameters(params, seen):
     assert start("show", params) == STARTED
     assert wait(lambda: content("/tmp/pay/shown")) == f"/home/pay/bin/show|{seen}"
@@ -112,22 +117,25 @@ def test_directories_are_prepared_once_in_a_row():
         return os.path.exists("/tmp/pay")
     install("shop", 4003, bin_idle=SLEEP)
     call("Applications.Enumerate")
-    assert [prepares(name) for name in ("pay", "pay", "shop", "pay", "pay")] == [True, False, False, True, False]
+    names = "pay", "pay", "shop", "pay", "pay"
+    assert [prepares(name) for name in names] == [True, False, False, True, False]
     call("Applications.Terminate")
     assert prepares("pay")
 
 
+@natively
 def test_order_of_steps(shared):
-    with shared.failing("chdir,setgroups,prctl,setgid,setresgid,setuid,setresuid,setpgid,execve", "delay_exit=1"):
+    steps = "chdir,setgroups,prctl,setgid,setresgid,setuid,setresuid,setpgid,chdir,execve"
+    with shared.failing(steps, "delay_exit=1"):
         assert start() == STARTED
-    assert re.findall(r"^\d+ +(\w+)\(", content("/tmp/strace"), re.M) == [
-        "chdir", "setgroups", "prctl", "setgid", "setresgid", "setuid", "setresuid", "setpgid", "chdir", "execve"]
+    assert re.findall(r"^\d+ +(\w+)\(", content("/tmp/strace"), re.M) == steps.split(",")
 
 
 FATAL = "function  {}  errno  1   Operation not permitted  failed. Fatal error - exit"
 PROCESS, CHILD = '"Start: Failed to execute process ({}) {}"', '"Start: Failed to execute child ({})"'
 
 
+@natively
 @pytest.mark.parametrize("syscall, how, result, runs, log", [
     ("pipe,pipe2", "error=EMFILE", -1, False, ['"Start: Error creating pipe (Too many open files)"']),
     ("fork,vfork,clone,clone3", "error=EAGAIN", -1, False,
@@ -138,9 +146,8 @@ PROCESS, CHILD = '"Start: Failed to execute process ({}) {}"', '"Start: Failed t
     ("poll", "retval=0", -1, False, ['"Start: Error reading from pipe (Connection timed out)"']),
     ("execve", "error=EACCES", -1, False,
      [CHILD.format("Permission denied"), PROCESS.format("Permission denied", 13)]),
-    ("execve", "error=E2BIG", -1, False,
-     [CHILD.format("Argument list too long"), PROCESS.format("Argument list too long", 7)]),
-    ("setgroups", "error=EPERM", 0, True, ['"Start: initgroups() call failed (Operation not permitted)"']),
+    ("setgroups", "error=EPERM", 0, True,
+     ['"Start: initgroups() call failed (Operation not permitted)"']),
     ("chdir", "error=ENOENT:when=2", 0, True,
      ["function  chdir ( config.m_homeDir.toUtf8().data() )  errno  2   No such file or directory"]),
     ("chdir", "error=EPERM:when=1", 0, False, [FATAL.format("chdir( config.m_homeDir.toLatin1().data() )")]),
@@ -185,7 +192,8 @@ def stray(uid, gid, stubborn=False):
 
 @pytest.mark.parametrize("uid, gid, stubborn, ended", [
     (4000, 4000, False, -15), (4999, 4999, False, -15), (4001, 4002, True, -9),
-    (4001, 3999, False, None), (3999, 4000, False, None), (5000, 4000, False, None), (4000, 5000, False, None)])
+    (4001, 3999, False, None), (3999, 4000, False, None), (5000, 4000, False, None),
+    (4000, 5000, False, None)])
 def test_terminate_ends_applications_only(shared, uid, gid, stubborn, ended):
     """The end of the child that obeys does not shorten the pause that the others have."""
     assert start() == STARTED and started(IDLE)
@@ -197,12 +205,7 @@ def test_terminate_ends_applications_only(shared, uid, gid, stubborn, ended):
     assert not processes(parent=shared.pid) and shared.log() == []
 
 
-def test_terminate_without_applications_does_not_pause(shared):
-    with shared.failing("kill,clock_nanosleep", "error=EINVAL"):
-        call("Applications.Terminate")
-    assert content("/tmp/strace") == ""
-
-
+@natively
 def test_process_that_is_gone(shared):
     assert start() == STARTED
     pid, = started(IDLE)
@@ -221,7 +224,8 @@ def test_child_that_is_no_application_is_waited_for(shared):
 
 
 @pytest.mark.parametrize("script, count", [
-    ("trap '' TERM INT HUP; sleep 900 & exec sleep 900", 2), ("for i in 1 2 3 4; do sleep 900 & done; wait", 4),
+    ("trap '' TERM INT HUP; sleep 900 & exec sleep 900", 2),
+    ("for i in 1 2 3 4; do sleep 900 & done; wait", 4),
     ("setsid sh -c 'sleep 900 & sleep 900 &'; exec sleep 900", 3), ("sleep 900 & kill -STOP $$", 1)])
 def test_unruly_programs_end(shared, script, count):
     put("/home/pay/bin/unruly", f"#!/bin/sh\n{script}\n", 4002, mode=0o755)

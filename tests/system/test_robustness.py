@@ -1,4 +1,4 @@
-"""Hostile and vanishing callers, and surroundings that fail: the daemon answers, and is well again afterwards."""
+"""Hostile and vanishing callers, and surroundings that fail: the daemon is well again afterwards."""
 import contextlib
 
 import multiprocessing
@@ -16,24 +16,20 @@ from kx import (SERVICE, SLEEP, call, content, install, natively, processes, put
 from operation import HOSTILE
 
 IDLE, VARIABLES, HUB_ID = "/home/pay/bin/idle", "/etc/rc.d/rc.platform.conf", "/etc/platform/sys/hubID"
-STORE = "/var/lib/kxregistry/"
 USB = {"mode": "serial", "usbForceFullspeed": "0", "dflt": "0", "usbuid": "0", "hubid": "hub"}
 FAILED = {"errorCode": -1, "errorText": f"Failed to start {IDLE} 100 binary"}
 SECONDS, SEED = float(os.environ.get("KX_SECONDS", 2)), int(os.environ.get("KX_SEED", time.time_ns()))
 
 
 def start(params="100"):
-    request = {"application": "pay", "binary": "idle", "params": params}
-    return call("Applications.Start", "a{sv}", request)
+    return call("Applications.Start", "a{sv}", {"application": "pay", "binary": "idle", "params": params})
 
 
 def well(daemon):
-    """What must be the same afterwards; the last record opened the log again if it was closed."""
+    """What must be the same afterwards: descriptors (with the log's), threads, children, answers."""
     assert system(77) == {"return": -1}
-    return {"owner": call("x.GetNameOwner", "s", SERVICE, service="org.freedesktop.DBus", path="/",
-                          interface="org.freedesktop.DBus"),
-            "files": len(os.listdir(f"/proc/{daemon.pid}/fd")), "threads": status(daemon.pid)["Threads"],
-            "children": processes(parent=daemon.pid), "applications": call("Applications.Enumerate")}
+    return (len(os.listdir(f"/proc/{daemon.pid}/fd")), status(daemon.pid)["Threads"],
+            processes(parent=daemon.pid), call("Applications.Enumerate"))
 
 
 def resident(daemon):
@@ -49,31 +45,26 @@ def surroundings(shared):
     before = well(shared)
     yield
     call("Applications.Terminate")
-    assert wait(lambda: well(shared) == before) or well(shared) == before
+    wait(lambda: well(shared) == before)
+    assert well(shared) == before
 
 
 @contextlib.contextmanager
 def full_disk():
-    with open("/filler", "wb", buffering=0) as file:
-        with contextlib.suppress(OSError):
-            while file.tell() < 200_000_000:
-                file.write(b"x" * 4096)
-        assert file.tell() < 200_000_000, "this needs a small disk: scripts/sandbox --size 64m"
-        yield
+    with open("/filler", "wb", buffering=0) as file, contextlib.suppress(OSError):
+        while file.tell() < 200_000_000:
+            file.write(b"x" * 4096)
+    assert os.path.getsize("/filler") < 200_000_000, "this needs a small disk: scripts/sandbox --size 64m"
+    yield
     remove("/filler")
 
 
 def test_full_disk():
     put(VARIABLES, "#" * 4096)  # one more line needs another page
-    call("Tools.ResetTimeInfoSource")
-    store = {path: content(STORE + path) for path in os.listdir(STORE)}
     with full_disk():
         assert call("Tools.SaveVariableValue", "ss", "NEW", "value") == -1
         assert system(96, USB) == {"return": 1} and system(102, {"number": "2"}) == {"return": -1}
-        call("Tools.SetTimeInfo", "sss", "", "", "GPS")
-        assert start() == {"errorCode": 0}
-        assert content(VARIABLES) == "#" * 4096
-        assert {path: content(STORE + path) for path in os.listdir(STORE)} == store
+        assert start() == {"errorCode": 0} and content(VARIABLES) == "#" * 4096
     assert call("Tools.SaveVariableValue", "ss", "NEW", "value") == 0
     assert system(96, USB) == {"return": 0} and content(HUB_ID) == "hub"
 
@@ -102,7 +93,8 @@ def test_no_processes(shared):
     with limit(shared, resource.RLIMIT_NPROC, 5):
         answers = [start() for _ in range(10)]
     assert answers[0] == {"errorCode": 0} and answers[-1] == FAILED
-    assert 'err StartProcess "Start: Failed to execute child (Resource temporarily unavailable)"' in shared.log()
+    record = 'err StartProcess "Start: Failed to execute child (Resource temporarily unavailable)"'
+    assert record in shared.log()
     assert wait(lambda: len(processes(IDLE)) == answers.count({"errorCode": 0}))
 
 
@@ -131,25 +123,23 @@ def test_memory_does_not_grow(shared):
     before = resident(shared)
     many()
     assert resident(shared) - before <= 512
-    for megabytes in (8, 16, 24, 8):
-        assert call("Applications.Start", "a{sv}", {"application": "x" * (megabytes << 20)})["errorCode"] == -1
+    for megabytes in (2, 4, 6, 2):
+        call("Applications.Start", "a{sv}", {"application": "x" * (megabytes << 20)})
     call("Applications.Enumerate")  # until then the bus library holds the last message
-    assert resident(shared) - before <= 8 << 10
+    assert resident(shared) - before <= 4 << 10
 
 
 METHODS = [("Applications", "Enumerate", ""), ("Applications", "Start", "m"), ("System", "SystemCall", "im"),
-           ("Tools", "SetTimeZone", "s"), ("Tools", "SetTimeInfo", "sss"), ("Tools", "SaveVariableValue", "ss"),
-           ("Tools", "EnableAudiopayd", "b")]
-KEYS = ["application", "binary", "params", "default", "mode", "usbForceFullspeed", "dflt", "usbuid", "hubid",
-        "newconf", "caching", "url", "text", "command", "number"]
-TEXTS = ["pay", "idle", "desktop", "../../../bin/sh", "\uffff", "Europe/../../../etc", "[[[*?\\", "enable", "2"]
+           ("Tools", "SetTimeInfo", "sss"), ("Tools", "SaveVariableValue", "ss")]
+KEYS = ["application", "binary", "params", "default", "mode", "dflt", "newconf", "url", "text", "number"]
+TEXTS = ["pay", "idle", "../../../bin/sh", "\uffff", "Europe/../../../etc", "[[[*?\\", "enable", "2"]
 VALUES = [*HOSTILE.values(), *TEXTS]
 
 
 def message(chance):
     """A call with arguments of the right types, or of any."""
     thing, member, kinds = chance.choice(METHODS)
-    right = {"i": chance.randrange(95, 108), "s": chance.choice(TEXTS), "b": True,
+    right = {"i": chance.randrange(95, 108), "s": chance.choice(TEXTS),
              "m": {chance.choice(KEYS): chance.choice(VALUES) for _ in range(5)}}
     body = [right[kind] for kind in kinds] if chance.random() < 0.7 else chance.choices(VALUES, k=3)
     call_ = Gio.DBusMessage.new_method_call(SERVICE, f"/{thing}", f"{SERVICE}.{thing}", member)
@@ -167,8 +157,8 @@ def attack(seed, end):
         way = chance.random()
         if way < 0.7:
             connection.send_message_with_reply_sync(message(chance), 0, 25000)
-        else:
-            connection.send_message(message(chance), 0)
+            continue
+        connection.send_message(message(chance), 0)
         if way > 0.9:
             connection.flush_sync()
             connection.close_sync()
@@ -177,9 +167,9 @@ def attack(seed, end):
 
 def test_hostile_callers(shared):
     print(f"KX_SEED={SEED}")
-    context, end, before = multiprocessing.get_context("spawn"), time.monotonic() + SECONDS, resident(shared)
-    right = call("Applications.Enumerate")
-    attackers = [context.Process(target=attack, args=(SEED + number, end)) for number in range(4)]
+    process, end = multiprocessing.get_context("spawn").Process, time.monotonic() + SECONDS
+    right, before = call("Applications.Enumerate"), resident(shared)
+    attackers = [process(target=attack, args=(SEED + number, end)) for number in range(4)]
     for attacker in attackers:
         attacker.start()
     while any(attacker.is_alive() for attacker in attackers):
