@@ -61,7 +61,7 @@ def pytest_sessionstart():
     os.chmod(kx.REPORTS, 0o1777)
 
 
-# A failing test tells what the daemon has logged meanwhile, and which programs were called.
+# A failing test tells what the daemon has logged meanwhile, which programs were called, and what was reported.
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item):
     report = (yield).get_result()
@@ -70,7 +70,7 @@ def pytest_runtest_makereport(item):
         with open(kx.LOG, errors="replace") as log:
             log.seek(item.log_begins)
             report.sections.append(("records of the daemon", "\n".join(kx.records(log.read()))))
-        report.sections.append(("commands called", "\n".join(kx.called)))
+        report.sections += [("commands called", "\n".join(kx.called)), ("reports", "\n".join(reports()))]
 
 
 def pytest_sessionfinish(session, exitstatus):

@@ -202,7 +202,12 @@ class Daemon:
         if self.process.poll() is None:
             self.process.send_signal(signo)
         bus.signal_unsubscribe(self.subscription)
-        return self.process.wait(2 * PATIENCE)
+        try:
+            return self.process.wait(2 * PATIENCE)
+        except subprocess.TimeoutExpired:
+            for pid in processes(PROGRAM):
+                os.kill(pid, signal.SIGKILL)
+            raise
 
     # The records since the last time. A mark of our own tells that all are there.
     def log(self):

@@ -14,8 +14,8 @@ BUS = "org.freedesktop.DBus"
 INTROSPECTABLE, PEER = "org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Peer"
 BROWSER = "com.veltrasys.browser.Server"
 PROPERTIES = "org.freedesktop.DBus.Properties"
-# Every method there is, with arguments that change nothing where that is possible: the first who may, types of
-# what is answered, object, method, types of the arguments, arguments, interface unless it is the object's
+# Every method there is, with arguments that change nothing where that is possible: the first who may, types
+# of what is answered, object, method, types of the arguments, arguments, interface unless it is the object's
 METHODS = [
     ("clerk", "aa{sv}", "Applications", "Enumerate", "", ()),
     ("clerk", "a{sv}", "Applications", "Start", "a{sv}", ({"application": variant("none")},)),
