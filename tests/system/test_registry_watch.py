@@ -1,0 +1,115 @@
+"""What follows the registry: options of syslog, hub identifier, wake-on-WLAN."""
+import pytest
+
+from kx import answer, calls, content, put, run, wait
+
+HUB_ID, SYSLOG, SECURE = "/etc/platform/sys/hubID", "/etc/sysconfig/syslog", "/sys/kernel/secure/"
+TARGET, WAKE = "%platform.syslog.remoteIP:port", "%network.wifi.phy.wakeup_on_magic"
+HUB, MODE, PRESENCE = "systemconfig.hubID", "systemconfig.mode", "network.wifi.presence"
+PHY = {"iw": {"dev": "phy#1\n\tInterface wlan0\nphy#0\n"}}
+LOOK = ["iw dev", "iw phy0 wowlan show"]
+ENABLE, DISABLE = ["iw dev", "iw phy0 wowlan enable magic-packet"], ["iw dev", "iw phy0 wowlan disable"]
+RESTART, CHANGED, MISSING = ["syslog restart"], "err valueChanged ", "err SetWifiWowlanParam wifi is missing"
+REFUSED = '!!!Attempt to set incorrect ip-address or port for logging to remote host:  "'
+WRONG = (f"Incorrect value for {WAKE} key: true. The key will be deleted. "
+         "WoWlan feature status will be changed to default.")
+
+
+def registry(**keys):
+    for key, value in keys.items():
+        assert run("kxregistry", *(("delete", key) if value is None else ("set", key, value)))[0] == 0
+
+
+def state(name):
+    """What a file or a key of the registry holds, or None."""
+    if name[0] == "/":
+        return content(name)
+    missing, value, _ = run("kxregistry", "get", name)
+    return None if missing else value[:-1]
+
+
+def options(target):
+    return f'SYSLOGD_OPTIONS="{target and " -L -R " + target}"\n'
+
+
+def failed(text):
+    return [CHANGED + text]
+
+
+@pytest.mark.parametrize("key, value, before, answers, called, log, after", [
+    *((TARGET, value, {}, {}, RESTART, [], {SYSLOG: options(value)})
+      for value in ("192.168.1.10:514", "0.0.0.0:0", "255.249.199.99:99999", "10.0.0.5:0514")),
+    # The reset of the key is a change of its own.
+    *((TARGET, value, {}, {}, RESTART * 2, failed(REFUSED), {SYSLOG: options(""), TARGET: ""})
+      for value in ("192.168.001.10:514", "256.1.1.1:514", "10.0.0.1", "10.0.0.1:", "10.0.0:514",
+                    "10.0.0.0.1:514", "localhost:514", "10.0.0.1:514 ", "10.0.0.1:514\n",
+                    '10.0.0.1:514"; reboot', "10a0b0c1:514", " ")),
+    (TARGET, "", {SYSLOG: "a longer text than the new one is"}, {}, RESTART, [], {SYSLOG: options("")}),
+    (TARGET, "Error: no store", {}, {}, [], [], {SYSLOG: None}),
+    (TARGET, "", {"/etc/sysconfig": "-> /none"}, {}, [],
+     failed("could not create directory /etc/sysconfig :  File exists"), {}),
+    (TARGET, "", {SYSLOG: "/"}, {}, [], failed(f"could not open file '{SYSLOG}', Is a directory"), {}),
+    (TARGET, "", {SYSLOG: "-> /dev/full"}, {}, [],
+     failed(f"could not write to file '{SYSLOG}', No space left on device"), {}),
+    (TARGET, "", {}, {"syslog": 1}, RESTART, failed("syslogd restarting returns error: "),
+     {SYSLOG: options("")}),
+    (TARGET, None, {SYSLOG: options("10.0.0.5:514")}, {}, RESTART, [], {SYSLOG: options("")}),
+    (TARGET, None, {SYSLOG: ""}, {"syslog": 1}, RESTART,
+     ["err keyDeleted syslogd restarting returns error: "], {}),
+    (TARGET, None, {}, {}, [], [], {SYSLOG: None}),
+    (HUB, "Hub-7", {HUB_ID: "longer"}, {}, [], [], {HUB_ID: "Hub-7"}),
+    (HUB, "", {HUB_ID: "old"}, {}, [], [], {HUB_ID: ""}),
+    (HUB, "7", {HUB_ID: "old", MODE: "Apply"}, {}, [], [], {HUB_ID: "old"}),
+    (HUB, "Error: x", {HUB_ID: "old"}, {}, [], [], {HUB_ID: "old"}),
+    (HUB, None, {HUB_ID: "old"}, {}, [], [], {HUB_ID: "old"}),
+    (HUB, "7", {HUB_ID: "/"}, {}, [], failed(f"could not open file '{HUB_ID}', Is a directory"), {}),
+    (HUB, "7", {HUB_ID: "-> /dev/full"}, {}, [],
+     failed(f"could not write to file '{HUB_ID}', No space left on device"), {}),
+    (WAKE, "1", {}, PHY, ENABLE, [], {}), (WAKE, "0", {}, PHY, DISABLE, [], {}),
+    (WAKE, None, {}, PHY, ENABLE, [], {}), (WAKE, "1", {}, {}, ["iw dev"], [MISSING], {}),
+    (WAKE, "true", {}, PHY, ENABLE, failed(WRONG), {WAKE: None}),
+])
+def test_follows_the_registry(own, key, value, before, answers, called, log, after):
+    answer(**PHY)
+    old = "old" if key != WAKE else "10"[value == "1"]
+    registry(**{key: old, PRESENCE: "1", MODE: before.get(MODE, "APPLY mode")})
+    daemon = own()
+    assert daemon.serving()
+    calls(), daemon.log()
+    for path in before.keys() - {MODE}:
+        put(path, before[path])
+    answer(**answers)
+    registry(**{key: value})
+    # Another key, whose effect tells that the first was seen.
+    other, marker, more = (TARGET, SYSLOG, RESTART) if key == HUB else (HUB, HUB_ID, [])
+    registry(**{other: ""})
+    seen, wanted = [], [*called, *more]
+    assert wait(lambda: content(marker) is not None)
+    wait(lambda: seen.extend(calls()) or len(seen) >= len(wanted))
+    assert seen == wanted
+    assert [record[:len(text)] for record, text in zip(daemon.log(), log, strict=True)] == log
+    assert {name: state(name) for name in after} == after
+
+
+ON, OFF = "WoWLAN is enabled:\n * wake up on magic packet\n", "WoWLAN is disabled.\n"
+OTHER, BOTH, UNNAMED = (f"WoWLAN is enabled:\n * wake up on {what}\n"
+                        for what in ("disconnect", "disconnect or magic packet", "a pattern"))
+
+
+@pytest.mark.parametrize("presence, wake, shown, subtype, called, log", [
+    (None, "1", OFF, 3, [], []), ("0", "1", OFF, 3, [], []), ("1", None, ON, 3, ENABLE, []),
+    ("1", "1", ON, 3, LOOK, []), ("1", "0", OFF, 3, LOOK, []), ("1", "1", OTHER, 3, LOOK, []),
+    ("1", "1", OFF, 3, LOOK + ENABLE, []), ("1", "0", ON, 3, LOOK + DISABLE, []),
+    ("1", "1", ON, 4, LOOK * 2, []), ("1", "1", BOTH, 4, LOOK * 2, []), ("1", "1", UNNAMED, 4, LOOK * 2, []),
+    ("1", "0", OFF, 4, LOOK, []), ("1", "1", OTHER, 4, LOOK * 2 + DISABLE + ENABLE, []),
+    ("1", "1", None, 3, ["iw dev"] * 2, ["err CheckWifiWowlanStatus wifi is missing", MISSING]),
+    ("1", None, 234, 3, ENABLE, ["err SetWifiWowlanParam Wowlan feature couldn't be set"]),
+])
+def test_aligns_wake_on_wlan_when_it_starts(own, presence, wake, shown, subtype, called, log):
+    registry(**{key: value for key, value in ((PRESENCE, presence), (WAKE, wake)) if value})
+    if shown:
+        answer(iw=PHY["iw"] | {ENABLE[1][3:] if shown == 234 else LOOK[1][3:]: shown})
+    put(SECURE + "type", "1\n"), put(SECURE + "subtype", f"{subtype}\n")
+    daemon = own()
+    assert daemon.serving()
+    assert calls() == called and daemon.log() == log

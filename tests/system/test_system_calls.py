@@ -1,0 +1,102 @@
+"""The other numbered system calls, and hostile arguments to all of them."""
+import os
+
+import pytest
+
+from kx import ANSWERS, calls, content, processes, system, wait
+from operation import HOSTILE, RESTARTED, Case
+
+KERNELS, POWEROFF = "/etc/platform/settings/L2KernelsVersion", "/tmp/kxcore_poweroff"
+PIDOF, RESTART = ["pidof sredd", "pidof sredd2", "pidof sredd3"], ["34-sredd restart"]
+KEYPAD = "/sys/kernel/keypad/kbdreset"
+IIO = "/sys/bus/iio/devices/iio:device"
+BOARD = {"0/name": "accelerometer\n", "2/name": "4003b000.adc\n", "2/in_voltage8_raw": "2048\n",
+         "2/in_voltage_scale": "0.805664\n", "4/name": "400cc000.dac\n", "4/out_voltage_raw": "7\n"}
+INVALID = "err DoSetL2KernelsVersion Invalid L2KernelsVersion:*"
+MEASURED = {"return": 0, "voltage": 1.6499998779296876}
+
+
+def battery(name, changes, result, left):
+    before = {IIO + path: text for path, text in (BOARD | changes).items()}
+    return Case("battery: " + name, 104, {}, result, before=before, after={IIO + "4/out_voltage_raw": left})
+
+
+def stored(number, running, called):
+    return Case(f"kernels: {number!r} set, {running} runs", 102, {"number": number}, 0, called,
+                answers={"pidof": {running: 0}}, after={KERNELS: f"{number}\n"})
+
+
+@pytest.mark.parametrize("case", [
+    Case("reboot", 1, {}, 7, ["reboot"], answers={"reboot": 7}),
+    *(Case(f"power off, {before}", 101, {}, 3, ["poweroff"], ["notice DoPoweroff Powering Off...."],
+           answers={"poweroff": 3}, before={POWEROFF: before}, after={POWEROFF: "", "/tmp/elsewhere": None})
+      for before in (None, "-> /tmp/elsewhere")),
+    Case("keypad", 105, before={KEYPAD: ""}, after={KEYPAD: "1\n"}),
+    *(Case(f"unknown {number}", number, {}, -1, [],
+           [f"notice SystemCall Unexpected method Id for system call: {number}"])
+      for number in (-1, 0, 2, 42, 95, 106)),
+    Case("console on", 100, {"command": "enable"}, 0, ["console enable"], events=RESTARTED),
+    Case("console fails", 100, {"command": "disable"}, 3, ["console disable"], answers={"console": 3},
+         log=["err DoConsoleStatusChange Error changing console status:*"], events=RESTARTED),
+    *(Case(f"console {text!r}", 100, {"command": text}, -1)
+      for text in ("on", "Enable", "enable ", "enable;reboot", "")),
+    Case("log", 99, {"text": "%1 %s"}, 0, log=['info DoLogData "%1 %s"'], progress=True),
+    *(Case(f"log {text!r}", 99, {"text": text}, -1, progress=True) for text in ("", ["1", "2"])),
+
+    *(Case(f"kernels: {running} runs", 103, {}, number, PIDOF[:asked], answers={"pidof": {running: 0}})
+      for running, number, asked in (("sredd", 1, 1), ("sredd2", 2, 2), ("sredd3", 3, 3), ("none", 0, 3))),
+    stored("2", "sredd2", PIDOF[:2]), stored("3", "sredd", PIDOF[:1] + RESTART),
+    stored("02", "sredd", PIDOF[:1] + RESTART), stored(1, "none", PIDOF + RESTART),
+    Case("kernels: no restart", 102, {"number": "3"}, -1, PIDOF[:1] + RESTART, after={KERNELS: "3\n"},
+         answers={"pidof": {"sredd": 0}, "34_sredd": 1},
+         log=["err DoSetL2KernelsVersion sredd restarting returns error: *"]),
+    Case("kernels: not written", 102, {"number": "3"}, -1, before={KERNELS: "/"},
+         log=[f"err DoSetL2KernelsVersion Write to {KERNELS} error: *"]),
+    *(Case(f"kernels: {text!r} refused", 102, {"number": text}, -1, [], [INVALID],
+           before={KERNELS: "1\n"}, after={KERNELS: "1\n"})
+      for text in ("", "0", "-1", "2x", "0x2", "2;reboot", "$(reboot)", " 2", "+2", "4294967298", "\u0662",
+                   "\n2", "2\n", "\xa02", ["2", "3"])),
+    Case("kernels: too many", 102, {"number": "4"}, -1, [], [INVALID[:-1] + " 4"]),
+
+    battery("measured", {}, MEASURED, "0\n"),
+    battery("later device", {"1/name": "4003b000.adc", "2/name": "4003b000.adc2\n"}, MEASURED, "0\n"),
+    battery("text behind", {"2/in_voltage8_raw": " 2048 counts\n", "2/in_voltage_scale": "0.805664mV\n"},
+            MEASURED, "0\n"),
+    battery("sixth device", {"2/name": None, "5/name": "4003b000.adc\n"}, -1, "7\n"),
+    *(battery(f"no {path}", {path: None}, -1, "7\n") for path in ("2/name", "4/name")),
+    *(battery(f"{path}: {text}", {path: text}, -1, "3300\n")
+      for path in ("2/in_voltage8_raw", "2/in_voltage_scale") for text in (None, "?\n")),
+    battery("circuit that is not there", {"4/out_voltage_raw": "/"}, -1, None),
+], ids=lambda case: case.name)
+def test_system_call(shared, case):
+    assert case.seen(shared) == case.expected
+
+
+def test_hardware_test_gets_its_page(shared):
+    """In this order: what one call leaves behind must not reach the next."""
+    shell, longest = "http://localhost/a b?c=$(reboot)", "x" * 100000
+    for url, page in ((shell, shell), (None, None), ("", ""), (b"x", None), (longest, longest)):
+        assert system(98, {} if url is None else {"url": url}) == {"return": 0}
+        assert wait(lambda: content(ANSWERS + "calls"))
+        assert calls() == ["hwtest -f" + ("" if page is None else f" OPEN_ON_EXIT_URL={page}")]
+
+
+USB = {"mode": "serial", "usbForceFullspeed": "0", "dflt": "0", "usbuid": "0", "hubid": "unchanged"}
+VALID = {96: USB | {"lteConnected": True}, 97: {"newconf": "HTTPS", "caching": "off", "buffer-resp": "off"},
+         98: {"url": "x"}, 99: {"text": "x"}, 100: {"command": "enable"}, 102: {"number": "2"}}
+
+
+def descriptors(daemon):
+    system(77)  # the log, closed after a record that is too long, is open
+    return len(os.listdir(f"/proc/{daemon.pid}/fd"))
+
+
+@pytest.mark.parametrize("value", HOSTILE.values(), ids=HOSTILE)
+def test_hostile_arguments_are_answered(shared, value):
+    before = descriptors(shared)
+    for number, arguments in VALID.items():
+        for key in arguments:
+            assert isinstance(system(number, arguments | {key: value})["return"], int)
+    system(98)  # forgets the page
+    assert "reboot" not in calls()
+    assert wait(lambda: descriptors(shared) == before and not processes(parent=shared.pid))

@@ -1,0 +1,107 @@
+"""System call 96: the settings of the USB gadget, and which modules are unloaded and loaded."""
+import pytest
+
+from kx import owner_and_mode, remove, system
+from operation import RESTARTED, Case
+
+FOLDER, HUB_ID = "/etc/platform/usb_gadget/", "/etc/platform/sys/hubID"
+SERIAL_FLAG, SPEED_FLAG, IDS_FLAG, UID_FLAG = FLAGS = [
+    FOLDER + name for name in ("serial", "usb_force_fullspeed", "default_vid_pid", "usb_uid")]
+ETHERNET = {"mode": "ethernet", "usbForceFullspeed": "false", "dflt": "0", "usbuid": False}
+SERIAL = {**ETHERNET, "mode": "Serial", "lteConnected": True}
+SERIAL_STOP = "g_serial", "usb_f_obex", "usb_f_serial", "usb_f_acm", "u_serial", "ci_hdrc_imx"
+ETHERNET_STOP = "g_ether", "usb_f_rndis", "usb_f_ecm", "usb_f_ecm_subset", "u_ether", "ci_hdrc_imx"
+CONTROLLER = "modprobe ci_hdrc_imx otg_gadget_forced=y gadget_force_full_speed="
+ETHERNET_START = "modprobe -a usb_f_rndis usb_f_ecm usb_f_ecm_subset u_ether g_ether"
+SERIAL_START = "modprobe -a usb_f_obex usb_f_serial usb_f_acm u_serial"
+BY_NUMBER = "modprobe g_serial idVendor=0xABCD idProduct=0x30 sernum_str=12345678"
+LOAD_ETHERNET = ["lsmod", CONTROLLER + "n", ETHERNET_START]
+LOAD_SERIAL = ["lsmod", CONTROLLER + "n", SERIAL_START]
+RELOAD = "err DoConfigureUSBGadget Couldn't reload usb gadget's modules  "
+
+
+def unload(modules, silent=()):
+    return [line for module in modules
+            for line in ("rmmod " + module, "logger" if module in silent else "logger gone")]
+
+
+def case(name, arguments, calls, result=0, **more):
+    return Case(name, 96, arguments, result, calls, **more)
+
+
+def refused(name, arguments, text, before=None, after=None):
+    old = {HUB_ID: "old"}
+    return case(name, ETHERNET | arguments, [], 1, log=["err DoConfigureUSBGadget " + text],
+                before=old | (before or {}), after=old | (after or {}))
+
+
+@pytest.mark.parametrize("case", [
+    case("nothing is loaded", ETHERNET, LOAD_ETHERNET, answers={"lsmod": "x 1 2\n"}, events=RESTARTED,
+         before=dict.fromkeys(FLAGS, ""), after=dict.fromkeys(FLAGS)),
+    case("from ethernet to serial", SERIAL | {"usbForceFullspeed": "TRUE", "lteConnected": False},
+         ["lsmod", *unload(ETHERNET_STOP), CONTROLLER + "y", SERIAL_START, BY_NUMBER], events=RESTARTED,
+         answers={"lsmod": "u_ether 20480 2 usb_f_ecm,u_serial\n", "rmmod": "gone\n"}),
+    case("from serial to serial, with other ids", SERIAL | {"dflt": True, "usbuid": "1"},
+         ["lsmod", *unload(SERIAL_STOP), *LOAD_SERIAL[1:], "modprobe g_serial gadget_uid=y"],
+         answers={"lsmod": "usb_f_acm 16384 1\nu_serial 20480 1 usb_f_acm\n", "rmmod": "gone\n"}),
+    case("default ids only", SERIAL | {"dflt": "TRUE"},
+         [*LOAD_SERIAL, "modprobe g_serial sernum_str=12345678"]),
+    case("flags that stay", SERIAL | {"usbForceFullspeed": "True", "dflt": 1, "usbuid": True},
+         ["lsmod", CONTROLLER + "y", SERIAL_START, "modprobe g_serial gadget_uid=y"],
+         before={SERIAL_FLAG: "kept"}, after=dict.fromkeys(FLAGS, "") | {SERIAL_FLAG: "kept"}),
+    case("modules that do not unload", SERIAL | {"lteConnected": False},
+         ["lsmod", *unload(ETHERNET_STOP, ["g_ether", "u_ether"]), *unload(SERIAL_STOP), *LOAD_SERIAL[1:],
+          BY_NUMBER], progress=True, events=RESTARTED,
+         answers={"lsmod": "u_ether 2\n", "rmmod": {None: "gone\n", "g_ether": 2, "u_ether": 1}},
+         log=["info DoConfigureUSBGadget USB configuration started",
+              "info DoConfigureUSBGadget creating USB config related files and directories",
+              "info DoConfigureUSBGadget stopping apps server",
+              "info DoConfigureUSBGadget beginning reload process of USB modules",
+              "info reloadGadgetUsbModules checking active USB modules",
+              "info reloadGadgetUsbModules stopping USB modules",
+              "err stopUsbModules Failed to stop module g_ether. Continue.",
+              "err stopUsbModules Failed to stop module u_ether. Continue.",
+              "info reloadGadgetUsbModules stopping USB modules (ret == 3)",
+              "info reloadGadgetUsbModules starting ci_hdrc_imx USB module",
+              "info reloadGadgetUsbModules starting other USB modules",
+              "info reloadGadgetUsbModules starting g_serial USB module",
+              "info DoConfigureUSBGadget USB modules reloaded, continuing",
+              "info DoConfigureUSBGadget starting apps server",
+              "info DoConfigureUSBGadget USB configuration completed successfully"]),
+    case("a module does not load", SERIAL, LOAD_SERIAL, 1, log=[RELOAD + "5"],
+         answers={"modprobe": {"-a": 5}}),
+    case("the controller does not load", ETHERNET | {"hubid": "UNCHANGED"}, LOAD_ETHERNET[:2], 1,
+         log=[RELOAD + "4"], answers={"modprobe": 4}, events=RESTARTED,
+         before={HUB_ID: "old"}, after={HUB_ID: "old"}),
+    *(case(f"hub id {given[:5]!r}", ETHERNET | {"hubid": given}, LOAD_ETHERNET,
+           before={HUB_ID: old}, after={HUB_ID: new})
+      for given, old, new in (("ABC", "longer", "abc"), ("\xc4", None, "\xe4"), ("A" * 999, None, "a" * 999),
+                              ("", "old", None), ("", None, None))),
+    *(Case("no " + key, 96, {k: v for k, v in ETHERNET.items() if k != key}, 1, after={FOLDER[:-1]: None},
+           log=[f"err DoConfigureUSBGadget '{key}' argument is missing"]) for key in ETHERNET),
+    refused("mode", {"mode": "BOTH"}, "invalid mode 'both'", after={FOLDER[:-1]: None}),
+    refused("speed", {"usbForceFullspeed": "Yes"}, "invalid  usbForceFullspeed : 'yes'"),
+    refused("ids", {"dflt": 2}, "invalid legacy vendor and product ids : '2'"),
+    refused("unique id", {"usbuid": []}, "invalid legacy serial number : ''"),
+    *(refused("folder", {}, f"could not create directory '{path}', File exists", {path: "-> /none"})
+      for path in ("/etc/platform/usb_gadget", "/etc/platform/usbphy0")),
+    refused("hub id not opened", {"hubid": "1"}, f"could not open file '{HUB_ID}', No such file or directory",
+            {HUB_ID: "-> /none/x"}, {HUB_ID: "-> /none/x"}),
+    refused("hub id not written", {"hubid": "1"},
+            f"could not write to file '{HUB_ID}', No space left on device",
+            {HUB_ID: "-> /dev/full"}, {HUB_ID: "-> /dev/full"}),
+    refused("hub id not removed", {"hubid": ""}, f"could not delete file '{HUB_ID}', Is a directory",
+            {HUB_ID: "/"}, {HUB_ID: None}),
+    refused("flag not made", {"usbuid": "1"},
+            f"could not create file '{UID_FLAG}', No such file or directory", {UID_FLAG: "-> /none/file"}),
+    refused("flag not removed", {}, f"could not delete file '{UID_FLAG}', Is a directory", {UID_FLAG: "/"}),
+], ids=lambda case: case.name)
+def test_usb(shared, case):
+    assert case.seen(shared) == case.expected
+
+
+def test_modes_of_what_is_made(shared):
+    remove("/etc/platform/usbphy0")
+    system(96, SERIAL | {"usbuid": True, "hubid": "x"})
+    made = FOLDER[:-1], "/etc/platform/usbphy0", UID_FLAG, HUB_ID  # with a umask of 022
+    assert [owner_and_mode(path) for path in made] == ["0:0 755", "0:0 755", "0:0 640", "0:0 644"]
