@@ -1,6 +1,7 @@
 #include "WebView.h"
 
 #include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QWebEnginePage>
 #include <QWebEngineScript>
@@ -12,7 +13,9 @@
 namespace {
 
 constexpr auto kScriptName = "kx";
+// What the screen's script says to the screen itself.
 constexpr auto kPainted = "kx-painted";
+constexpr auto kApplications = "kx-applications";
 
 QString Resource(const char* path)
 {
@@ -90,11 +93,21 @@ QWebEngineView* WebView::createWindow(QWebEnginePage::WebWindowType)
 
 void WebView::OnTold(const QString& name, const QVariantMap& eventData)
 {
-    if (name != QLatin1String(kPainted)) {
+    if (name == kPainted) {
+        FinishGrabs(grab());
+    } else if (name == kApplications) {
+        TellApplications();
+    } else {
         emit PageEvent(name, eventData);
-        return;
     }
-    FinishGrabs(grab());
+}
+
+void WebView::TellApplications()
+{
+    m_applications.Fetch([this](const QVariantList& applications) {
+        const QJsonDocument list(QJsonArray::fromVariantList(applications));
+        Call("applications", QString::fromUtf8(list.toJson(QJsonDocument::Compact)), [](bool) {});
+    });
 }
 
 void WebView::FinishGrabs(const QPixmap& picture)

@@ -1,6 +1,8 @@
 // The engine's view: one page, no windows beside it, with the screen's script in each page.
 #pragma once
 
+#include "Applications.h"
+
 #include <QJsonObject>
 #include <QObject>
 #include <QVariantMap>
@@ -50,9 +52,11 @@ protected:
 
 private:
     void AskWhetherPainted();
+    void TellApplications();
     void FinishGrabs(const QPixmap& picture);
     void OnTold(const QString& name, const QVariantMap& eventData);
 
+    Applications m_applications;
     Bridge m_bridge;
     QWebChannel m_channel;
     QList<std::function<void(const QPixmap&)>> m_grabs;

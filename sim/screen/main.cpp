@@ -4,6 +4,7 @@
 #include "BrowserService.h"
 #include "DeskControl.h"
 #include "DeskWindow.h"
+#include "Pictures.h"
 
 #include <QApplication>
 #include <QCommandLineParser>
@@ -62,10 +63,13 @@ int main(int argc, char* argv[])
     const bool headless = !qEnvironmentVariableIsSet("DISPLAY");
     PrepareEnvironment(headless);
     QApplication application(argc, argv);
+    QApplication::setCursorFlashTime(0); // a blinking cursor would be a change of the screen
     QCommandLineParser parser;
     const QCommandLineOption sizeOption(QStringLiteral("size"), QStringLiteral("pixels of the screen"),
                                         QStringLiteral("WxH"), QStringLiteral("320x480"));
-    parser.addOption(sizeOption);
+    const QCommandLineOption picturesOption("pictures", "folder for a picture of each state of the screen",
+                                            "DIR");
+    parser.addOptions({sizeOption, picturesOption});
     parser.addHelpOption();
     parser.process(application);
     const auto size = ParseSize(parser.value(sizeOption));
@@ -77,7 +81,8 @@ int main(int argc, char* argv[])
     WebView view;
     view.setFixedSize(*size);
     BrowserService service(view);
-    DeskControl control(view);
+    Pictures pictures(view, parser.value(picturesOption));
+    DeskControl control(view, pictures);
     if (!Offer(service, control)) {
         return Fail(QStringLiteral("cannot offer its service: ") +
                     QDBusConnection::systemBus().lastError().message());
