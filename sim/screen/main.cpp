@@ -9,10 +9,7 @@
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QDBusConnection>
-#include <QRegularExpression>
 #include <QTextStream>
-
-#include <optional>
 
 namespace {
 
@@ -29,14 +26,6 @@ void PrepareEnvironment(bool headless)
     set("QTWEBENGINE_DISABLE_SANDBOX", "1");
     set("QT_QUICK_BACKEND", "software");
     set("QTWEBENGINE_CHROMIUM_FLAGS", "--disable-gpu --no-first-run");
-}
-
-std::optional<QSize> ParseSize(const QString& text)
-{
-    static const QRegularExpression size(QStringLiteral("^(\\d{2,4})x(\\d{2,4})$"));
-    const auto match = size.match(text);
-    return match.hasMatch() ? std::make_optional(QSize(match.captured(1).toInt(), match.captured(2).toInt()))
-                            : std::nullopt;
 }
 
 bool Offer(BrowserService& service, DeskControl& control)
@@ -72,14 +61,11 @@ int main(int argc, char* argv[])
     parser.addOptions({sizeOption, picturesOption});
     parser.addHelpOption();
     parser.process(application);
-    const auto size = ParseSize(parser.value(sizeOption));
-    if (!size) {
-        return Fail(QStringLiteral("--size is to be like 320x480"));
-    }
+    const QStringList size = parser.value(sizeOption).split('x');
 
     RegisterVectorOfPairSS();
     WebView view;
-    view.setFixedSize(*size);
+    view.setFixedSize(size.value(0).toInt(), size.value(1).toInt());
     BrowserService service(view);
     Pictures pictures(view, parser.value(picturesOption));
     DeskControl control(view, pictures);
