@@ -35,22 +35,29 @@ bool DeskControl::Touch(const QString& selector)
     setDelayedReply(true);
     const QString json =
         QString::fromUtf8(QJsonDocument(QJsonArray{selector}).toJson(QJsonDocument::Compact));
-    m_view.Call(QStringLiteral("touch"), json.mid(1, json.size() - 2),
-                [connection = connection(), request = message()](bool found) {
-                    connection.send(request.createReply(found));
-                });
+    // What is about to be left is pictured first.
+    m_view.Grab([this, connection = connection(), request = message(), json](const QPixmap& before) {
+        m_pictures.Add(before.toImage());
+        m_view.Call("touch", json.mid(1, json.size() - 2),
+                    [connection, request](bool found) { connection.send(request.createReply(found)); });
+    });
     return false;
 }
 
 bool DeskControl::TouchAt(int x, int y)
 {
-    const QPointF point(x, y);
-    for (const auto type : {QEvent::MouseButtonPress, QEvent::MouseButtonRelease}) {
-        QMouseEvent event(type, point, Qt::LeftButton,
-                          type == QEvent::MouseButtonPress ? Qt::LeftButton : Qt::NoButton, Qt::NoModifier);
-        QCoreApplication::sendEvent(InputOf(m_view), &event);
-    }
-    return m_view.rect().contains(x, y);
+    setDelayedReply(true);
+    m_view.Grab([this, connection = connection(), request = message(), x, y](const QPixmap& before) {
+        m_pictures.Add(before.toImage());
+        for (const auto type : {QEvent::MouseButtonPress, QEvent::MouseButtonRelease}) {
+            QMouseEvent event(type, QPointF(x, y), Qt::LeftButton,
+                              type == QEvent::MouseButtonPress ? Qt::LeftButton : Qt::NoButton,
+                              Qt::NoModifier);
+            QCoreApplication::sendEvent(InputOf(m_view), &event);
+        }
+        connection.send(request.createReply(m_view.rect().contains(x, y)));
+    });
+    return false;
 }
 
 void DeskControl::Type(const QString& text)

@@ -67,7 +67,7 @@ def test_browser_service(method, argument, result, text):
     ("kxctl start pay printer Totals", "cat /tmp/pay/printout.txt", "printed by pay (4002:4002)"),
     ("kxctl system usb --mode serial", "cat /run/standins/calls", "modprobe g_serial"),
     ("kxregistry set %platform.syslog.remoteIP:port 10.0.0.5:514", "cat /etc/sysconfig/syslog", "-R 10.0"),
-    ("kxctl start", "desk url", "desktop/index.html"),
+    ("kxctl start", "desk url && desk touch .tile", "desktop/index.html"),
     ("kxctl start broken stubborn", "pgrep -u broken -f 'sleep infinity'", ""),
     ("kxctl restart --yes", "cat /run/standins/calls", "reboot"),
     ("cat /tmp/pay/stopped /tmp/shop/stopped", "! pgrep -u pay,shop,broken", "")])

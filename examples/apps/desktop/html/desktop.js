@@ -6,10 +6,9 @@ function tile(item) {
   link.className = "tile";
   link.href = item.form.replace("/html/", "/cgi-bin/page/show?path=");
   const icon = document.createElement("img");
+  icon.src = item.iconPath;
   icon.alt = "";
-  if (item.iconPath !== "") {
-    icon.src = item.iconPath;
-  }
+  icon.style.visibility = item.iconPath === "" ? "hidden" : "visible";
   link.append(icon, item.title);
   return link;
 }
