@@ -38,8 +38,9 @@ bool DeskControl::Touch(const QString& selector)
     // What is about to be left is pictured first.
     m_view.Grab([this, connection = connection(), request = message(), json](const QPixmap& before) {
         m_pictures.Add(before.toImage());
-        m_view.Call("touch", json.mid(1, json.size() - 2),
-                    [connection, request](bool found) { connection.send(request.createReply(found)); });
+        m_view.Call("touch", json.mid(1, json.size() - 2), [this, connection, request](bool found) {
+            m_view.WhenSettled([connection, request, found] { connection.send(request.createReply(found)); });
+        });
     });
     return false;
 }
@@ -55,7 +56,8 @@ bool DeskControl::TouchAt(int x, int y)
                               Qt::NoModifier);
             QCoreApplication::sendEvent(InputOf(m_view), &event);
         }
-        connection.send(request.createReply(m_view.rect().contains(x, y)));
+        const bool inside = m_view.rect().contains(x, y);
+        m_view.WhenSettled([connection, request, inside] { connection.send(request.createReply(inside)); });
     });
     return false;
 }

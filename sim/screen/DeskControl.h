@@ -19,10 +19,11 @@ public slots:
     // unless it is there already. False when there is no page or the file cannot be written.
     Q_SCRIPTABLE bool Screenshot(const QString& file);
 
-    // Touches the first element that the CSS selector finds; false when there is none.
+    // Touches the first element that the CSS selector finds; false when there is none. Answers when the page
+    // that this leads to, if any, is loaded.
     Q_SCRIPTABLE bool Touch(const QString& selector);
 
-    // Touches the screen at a point, in pixels.
+    // The same at a point, in pixels; false when it is not on the screen.
     Q_SCRIPTABLE bool TouchAt(int x, int y);
 
     // Types the text on the keypad, into the element that has the focus.

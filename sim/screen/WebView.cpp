@@ -38,6 +38,8 @@ WebView::WebView(QWidget* parent) : QWebEngineView(parent)
     m_channel.registerObject(QStringLiteral("bridge"), &m_bridge);
     page()->setWebChannel(&m_channel);
     connect(&m_bridge, &Bridge::Told, this, &WebView::OnTold);
+    connect(this, &QWebEngineView::loadStarted, this, [this] { m_loading = true; });
+    connect(this, &QWebEngineView::loadFinished, this, [this] { m_loading = false; });
     // A page that was left does not answer any more; the next one is asked.
     connect(this, &QWebEngineView::loadFinished, this, &WebView::AskWhetherPainted);
     settings()->setAttribute(QWebEngineSettings::ShowScrollBars, false);
@@ -71,6 +73,21 @@ void WebView::Grab(const std::function<void(const QPixmap&)>& done)
 {
     m_grabs.append(done);
     AskWhetherPainted();
+}
+
+void WebView::WhenSettled(const std::function<void()>& done)
+{
+    Grab([this, done](const QPixmap&) {
+        if (!m_loading) {
+            done();
+            return;
+        }
+        auto* waiting = new QObject(this);
+        connect(this, &QWebEngineView::loadFinished, waiting, [waiting, done] {
+            waiting->deleteLater();
+            done();
+        });
+    });
 }
 
 void WebView::AskWhetherPainted()

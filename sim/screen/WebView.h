@@ -42,6 +42,10 @@ public:
     // While a page is being loaded it may be that one.
     void Grab(const std::function<void(const QPixmap&)>& done);
 
+    // Calls \a done once the page's present state is painted and the page that it leads to, if any, is
+    // loaded.
+    void WhenSettled(const std::function<void()>& done);
+
 signals:
     // The page's script has something to say.
     void PageEvent(const QString& name, const QVariantMap& eventData);
@@ -56,6 +60,7 @@ private:
     void FinishGrabs(const QPixmap& picture);
     void OnTold(const QString& name, const QVariantMap& eventData);
 
+    bool m_loading = false;
     Applications m_applications;
     Bridge m_bridge;
     QWebChannel m_channel;
