@@ -64,7 +64,7 @@ QLayout* DeskWindow::Keypad()
                 [this, &key] { SendKey(m_view, key.code, QString::fromLatin1(key.text)); });
         keys->addWidget(button, static_cast<int>(index) / kColumns, static_cast<int>(index) % kColumns);
     }
-    auto* home = new QPushButton(QStringLiteral("Home"), this);
+    auto* home = new QPushButton("Home", this);
     home->setFocusPolicy(Qt::NoFocus);
     connect(home, &QPushButton::clicked, this, &DeskWindow::GoHome);
     keys->addWidget(home, static_cast<int>(kKeys.size()) / kColumns, 0, 1, kColumns);

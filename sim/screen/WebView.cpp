@@ -28,14 +28,14 @@ QString PageScript(const QJsonObject& registry)
 {
     const QString values = QString::fromUtf8(QJsonDocument(registry).toJson(QJsonDocument::Compact));
     return Resource(":/qtwebchannel/qwebchannel.js") +
-           Resource(":/screen/page.js").replace(QLatin1String("/*REGISTRY*/{}"), values);
+           Resource(":/screen/page.js").replace("/*REGISTRY*/{}", values);
 }
 
 } // namespace
 
 WebView::WebView(QWidget* parent) : QWebEngineView(parent)
 {
-    m_channel.registerObject(QStringLiteral("bridge"), &m_bridge);
+    m_channel.registerObject("bridge", &m_bridge);
     page()->setWebChannel(&m_channel);
     connect(&m_bridge, &Bridge::Told, this, &WebView::OnTold);
     connect(this, &QWebEngineView::loadStarted, this, [this] { m_loading = true; });
@@ -52,9 +52,9 @@ WebView::WebView(QWidget* parent) : QWebEngineView(parent)
 void WebView::SetRegistry(const QJsonObject& values)
 {
     QWebEngineScriptCollection& scripts = page()->scripts();
-    scripts.remove(scripts.findScript(QString::fromLatin1(kScriptName)));
+    scripts.remove(scripts.findScript(kScriptName));
     QWebEngineScript script;
-    script.setName(QString::fromLatin1(kScriptName));
+    script.setName(kScriptName);
     script.setInjectionPoint(QWebEngineScript::DocumentCreation);
     script.setWorldId(QWebEngineScript::MainWorld);
     script.setSourceCode(PageScript(values));
@@ -95,7 +95,7 @@ void WebView::AskWhetherPainted()
     if (m_grabs.isEmpty()) {
         return;
     }
-    const QString ask = QStringLiteral("window.kxScreen !== undefined && (kxScreen.painted(), true)");
+    const QString ask = "window.kxScreen !== undefined && (kxScreen.painted(), true)";
     page()->runJavaScript(ask, [this](const QVariant& asked) {
         if (!asked.toBool()) {
             FinishGrabs(QPixmap());

@@ -34,9 +34,9 @@ bool Offer(BrowserService& service, DeskControl& control)
     new BrowserAdaptor(&service);
     QDBusConnection bus = QDBusConnection::systemBus();
     // The objects come first: the core daemon asks for a page as soon as it sees the name.
-    return bus.registerObject(QStringLiteral("/"), &service, QDBusConnection::ExportAdaptors) &&
-           bus.registerObject(QStringLiteral("/Desk"), &control, QDBusConnection::ExportScriptableSlots) &&
-           bus.registerService(QStringLiteral("com.veltrasys.browser"));
+    return bus.registerObject("/", &service, QDBusConnection::ExportAdaptors) &&
+           bus.registerObject("/Desk", &control, QDBusConnection::ExportScriptableSlots) &&
+           bus.registerService("com.veltrasys.browser");
 }
 
 int Fail(const QString& text)
@@ -54,8 +54,7 @@ int main(int argc, char* argv[])
     QApplication application(argc, argv);
     QApplication::setCursorFlashTime(0); // a blinking cursor would be a change of the screen
     QCommandLineParser parser;
-    const QCommandLineOption sizeOption(QStringLiteral("size"), QStringLiteral("pixels of the screen"),
-                                        QStringLiteral("WxH"), QStringLiteral("320x480"));
+    const QCommandLineOption sizeOption("size", "pixels of the screen", "WxH", "320x480");
     const QCommandLineOption picturesOption("pictures", "folder for a picture of each state of the screen",
                                             "DIR");
     parser.addOptions({sizeOption, picturesOption});
@@ -70,8 +69,7 @@ int main(int argc, char* argv[])
     Pictures pictures(view, parser.value(picturesOption));
     DeskControl control(view, pictures);
     if (!Offer(service, control)) {
-        return Fail(QStringLiteral("cannot offer its service: ") +
-                    QDBusConnection::systemBus().lastError().message());
+        return Fail("cannot offer its service: " + QDBusConnection::systemBus().lastError().message());
     }
     if (headless) {
         view.show();
