@@ -14,10 +14,9 @@ class RecordService : public QObject {
 public:
     RecordService()
     {
-        core::configuration::AccountNames accounts;
         for (const QString& name :
              QDir(QStringLiteral("/home")).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-            m_records.append(core::configuration::Parser::GatherApplicationData(name, accounts));
+            m_records.append(core::configuration::Parser::GatherApplicationData(name));
         }
     }
 

@@ -1,6 +1,6 @@
 #include "Processes.h"
 
-#include "server/applications/ApplicationIds.h"
+#include "server/applications/processmanager/ProcessManager.h"
 
 #include <QDir>
 #include <QFile>
@@ -30,8 +30,7 @@ QString CommandOf(const QString& directory)
 
 bool Process::IsApplication() const
 {
-    using core::applications::IsApplicationId;
-    return IsApplicationId(uid) && IsApplicationId(gid);
+    return core::applications::IsValidAppID(uid, gid);
 }
 
 QList<Process> ListProcesses()

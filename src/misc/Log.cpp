@@ -5,8 +5,9 @@
 #include <QStringList>
 #include <QTime>
 
+#include <syslog.h>
+
 #include <array>
-#include <cerrno>
 #include <cstring>
 
 namespace com::veltrasys::common::qt {
@@ -14,66 +15,46 @@ namespace {
 
 enum MessageType : int { InfoMsg = 10, NoticeMsg, ErrorMsg, AlertMsg, EmergMsg };
 
-struct Factory {
-    const char* category;
-    MessageType type;
-};
-
 // Qt drops messages of a type it does not know, so the factories log as debug under a category of their own
 // and the handler turns the category back into the type.
-constexpr std::array<Factory, 5> kFactories{{
-    {"kx.info", InfoMsg},
-    {"kx.notice", NoticeMsg},
-    {"kx.error", ErrorMsg},
-    {"kx.alert", AlertMsg},
-    {"kx.emerg", EmergMsg},
-}};
-
-struct Priority {
-    int type;
-    int priority;
-};
-
-constexpr int kDebugPriority = 7;
-constexpr std::array<Priority, 8> kPriorities{{
-    {QtDebugMsg, kDebugPriority},
-    {InfoMsg, 6},
-    {NoticeMsg, 5},
-    {QtWarningMsg, 4},
-    {ErrorMsg, 3},
-    {QtCriticalMsg, 2},
-    {AlertMsg, 1},
-    {EmergMsg, 0},
-}};
+constexpr std::array<const char*, 5> kCategories{"kx.info", "kx.notice", "kx.error", "kx.alert", "kx.emerg"};
 
 QDebug Stream(MessageType type)
 {
-    return QMessageLogger(nullptr, 0, nullptr, kFactories.at(type - InfoMsg).category).debug();
+    return QMessageLogger(nullptr, 0, nullptr, kCategories.at(type - InfoMsg)).debug();
 }
 
-int TypeOf(QtMsgType type, const char* category)
+void HandleMessage(QtMsgType qtType, const QMessageLogContext& context, const QString& msg)
 {
-    for (const Factory& factory : kFactories) {
-        if (category != nullptr && std::strcmp(category, factory.category) == 0) {
-            return factory.type;
+    int type = qtType;
+    for (int i = 0; i < static_cast<int>(kCategories.size()); ++i) {
+        if (context.category != nullptr && std::strcmp(context.category, kCategories.at(i)) == 0) {
+            type = InfoMsg + i;
         }
     }
-    return type;
+    LogInitializer::QtMsgHandler(type, msg.toLocal8Bit().constData());
 }
 
 int PriorityOf(int type)
 {
-    for (const Priority& entry : kPriorities) {
-        if (entry.type == type) {
-            return entry.priority;
-        }
+    switch (type) {
+    case InfoMsg:
+        return LOG_INFO;
+    case NoticeMsg:
+        return LOG_NOTICE;
+    case QtWarningMsg:
+        return LOG_WARNING;
+    case ErrorMsg:
+        return LOG_ERR;
+    case QtCriticalMsg:
+        return LOG_CRIT;
+    case AlertMsg:
+        return LOG_ALERT;
+    case EmergMsg:
+        return LOG_EMERG;
+    default:
+        return LOG_DEBUG;
     }
-    return kDebugPriority;
-}
-
-void HandleMessage(QtMsgType type, const QMessageLogContext& context, const QString& msg)
-{
-    LogInitializer::QtMsgHandler(TypeOf(type, context.category), msg.toLocal8Bit().constData());
 }
 
 const LogInitializer g_logInitializer;
@@ -107,12 +88,12 @@ QDebug qEmerg()
 
 QString GetPrefix(const QString& file, const QString& function, int line, bool withTime)
 {
-    const QString name = file.split(QLatin1Char('/')).last();
+    const QString name = file.split('/').last();
     const QString number = QString::number(line);
     if (!withTime) {
         return QStringLiteral("%1|%2|%3|").arg(name, function, number);
     }
-    const QString now = QTime::currentTime().toString(QStringLiteral("hh:mm:ss.zzz"));
+    const QString now = QTime::currentTime().toString("hh:mm:ss.zzz");
     return QStringLiteral("[%1] %2 - %3(),%4:").arg(now, name, function, number);
 }
 
@@ -123,7 +104,6 @@ LogInitializer::LogInitializer()
 
 void LogInitializer::QtMsgHandler(int type, const char* msg)
 {
-    const int savedErrno = errno;
     const QString message = QString::fromLocal8Bit(msg);
     QString file;
     QString function;
@@ -137,33 +117,28 @@ void LogInitializer::QtMsgHandler(int type, const char* msg)
     }
     VLS_PrintLog(PriorityOf(type), "platform", "kx-core", file.toLocal8Bit().constData(),
                  function.toLocal8Bit().constData(), line, "%s", text.toLocal8Bit().constData());
-    errno = savedErrno;
 }
 
 bool LogInitializer::SplitMsg(const QString& msg, QString& file, QString& function, int& line, QString& text)
 {
-    constexpr int kSeparators = 5;
-    const QLatin1String separators("\"|||\"");
-    std::array<int, kSeparators> at{};
-    int found = 0;
-    for (int from = 0; found < kSeparators; ++found) {
-        at.at(found) = msg.indexOf(separators.at(found), from);
-        if (at.at(found) < 0) {
+    const QString separators = "\"|||\"";
+    QStringList pieces; // what stands before each separator
+    int from = 0;
+    for (const QChar separator : separators) {
+        const int at = msg.indexOf(separator, from);
+        if (at < 0) {
             break;
         }
-        from = at.at(found) + 1;
+        pieces += msg.mid(from, at - from);
+        from = at + 1;
     }
-    const auto piece = [&](int n) {
-        return n + 1 < found ? msg.mid(at.at(n) + 1, at.at(n + 1) - at.at(n) - 1) : QString();
-    };
-
-    file = piece(0);
-    function = piece(1);
-    line = piece(2).toInt();
+    file = pieces.value(1);
+    function = pieces.value(2);
+    line = pieces.value(3).toInt();
     if (file.isEmpty() || function.isEmpty() || line == 0) {
         return false;
     }
-    text = found == kSeparators ? msg.mid(at.back() + 1) : msg;
+    text = pieces.size() == separators.size() ? msg.mid(from) : msg;
     return true;
 }
 

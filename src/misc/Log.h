@@ -6,14 +6,17 @@
 // Qt 5 defines qInfo as a macro; here it is a function of the logging namespace.
 #undef qInfo
 
-/// Prefix of a log statement: \a source is the module's path below /pkgs/kx-core/src/, function and line are
-/// those of the statement.
+/// Prefix of a log statement.
+///
+/// \param source  the module's path, /pkgs/kx-core/src/...
+///
+/// Function and line are those of the statement. In a lambda the function would be "operator()": there, use
+/// KX_PREFIX_AS with the name that the enclosing function's __func__ has.
 #define KX_PREFIX(source) KX_PREFIX_AS(source, __func__)
 
-/// The same for a statement that logs in the name of another function (a helper or a lambda of it).
+/// The same for a statement that logs under the name \a function.
 #define KX_PREFIX_AS(source, function)                                                                       \
-    ::com::veltrasys::common::qt::GetPrefix(QString::fromLatin1(source), QString::fromLatin1(function),      \
-                                            __LINE__, false)
+    ::com::veltrasys::common::qt::GetPrefix(source, function, __LINE__, false)
 
 namespace com::veltrasys::common::qt {
 
@@ -41,7 +44,7 @@ public:
     LogInitializer();
 
     /// Passes one message on to VLS_PrintLog, with file, function and line taken from its prefix (empty,
-    /// empty and 0 for a message without one). Keeps errno.
+    /// empty and 0 for a message without one).
     ///
     /// \param type  a QtMsgType or one of the factories' values 10 to 14; an int, because the latter lie
     ///              outside what a QtMsgType can hold

@@ -13,16 +13,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <ctime>
 #include <memory>
-#include <utility>
+#include <thread>
 #include <vector>
 
 using com::veltrasys::common::qt::qError;
@@ -32,97 +27,45 @@ namespace {
 constexpr auto kSource = "/pkgs/kx-core/src/misc/Utils";
 
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-constexpr auto kUpdateMarker = "/var/lib/installer/.update_started";
 constexpr auto kRpmLock = "/var/lib/rpm/.rpm.lock";
 constexpr auto kInstallerLock = "/var/lib/installer/database/.rpm.lock";
 
-/// Whether the link at \a path was made there by root: nobody else may add to its folder. A sticky one, like
-/// /tmp, is no better than others, since a link of root's can be moved there out of any folder that is open
-/// to all, such as the daemon's own links to what applications own.
-bool IsTrustedLink(const QByteArray& path)
+/// Opens a directory whose owner, mode or links are to be set. Where others may write to its parent, a link
+/// in its place may be planted and would have that done to any other directory: it is not followed there.
+/// \return none, with errno set, when it cannot be opened
+UniqueFd OpenDirectory(const QString& path)
 {
-    struct stat link = {};
-    struct stat folder = {};
-    const QByteArray parent = QFile::encodeName(QFileInfo(QFile::decodeName(path)).path());
-    if (lstat(path.constData(), &link) != 0 || stat(parent.constData(), &folder) != 0) {
-        return false;
+    const QString name = QDir::cleanPath(path); // a slash at the end would follow a final link
+    struct stat parent = {};
+    if (stat(QFile::encodeName(QFileInfo(name).path()).constData(), &parent) != 0) {
+        return UniqueFd();
     }
-    const bool othersMayWrite = (folder.st_mode & (S_IWGRP | S_IWOTH)) != 0;
-    return S_ISLNK(link.st_mode) && link.st_uid == 0 && folder.st_uid == 0 && !othersMayWrite;
+    const bool othersMayWrite = (parent.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+    return UniqueFd(
+        open(QFile::encodeName(name).constData(), kDirectoryFlags | (othersMayWrite ? O_NOFOLLOW : 0)));
 }
 
-/// A path as the system calls take it, without the slash at the end that would follow a final link.
-QByteArray EncodedPath(const QString& path)
-{
-    return QFile::encodeName(QDir::cleanPath(path));
-}
-
-bool IsDirectoryOf(const QByteArray& name, unsigned uid, unsigned gid, unsigned mode)
-{
-    constexpr mode_t kPermissions = 07777;
-    struct stat info = {};
-    return lstat(name.constData(), &info) == 0 && S_ISDIR(info.st_mode) && info.st_uid == uid &&
-           info.st_gid == gid && (info.st_mode & kPermissions) == mode;
-}
-
-bool IsLinkTo(const QByteArray& target, const QByteArray& name)
-{
-    std::array<char, PATH_MAX> text{};
-    const ssize_t size = readlink(name.constData(), text.data(), text.size());
-    return size == target.size() && std::equal(target.begin(), target.end(), text.begin());
-}
-
-/// Opens a directory that is about to change. An account that may write to the parent could have put a link
-/// to a directory of the system there, so a final link is followed only if it is trusted.
-/// \param name  without a slash at its end
-UniqueFd OpenDirectory(const QByteArray& name)
-{
-    UniqueFd fd(open(name.constData(), kDirectoryFlags | O_NOFOLLOW));
-    if (!fd) {
-        const int error = errno;
-        if (IsTrustedLink(name)) {
-            fd.Reset(open(name.constData(), kDirectoryFlags));
-        } else {
-            errno = error;
-        }
-    }
-    return fd;
-}
-
-/// \return what is in a directory at this moment; who adds to it all the time is not waited for
-std::vector<QByteArray> NamesIn(DIR* dir)
-{
-    std::vector<QByteArray> names;
-    while (const dirent* entry = readdir(dir)) {
-        const char* name = entry->d_name;
-        if (std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0) {
-            names.emplace_back(name);
-        }
-    }
-    return names;
-}
-
-/// Empties a directory through its descriptor: applications own some of these trees, and none of them can
-/// lead the walk elsewhere by swapping a folder for a link. What lies too deep stays: a tree can be as deep
-/// as its maker likes, while each level takes a descriptor, memory and a piece of the stack.
-void RemoveEntries(UniqueFd fd, int levels)
+/// Empties a directory through its descriptor: an application that owns a part of the tree cannot lead the
+/// removal elsewhere by exchanging a folder for a link.
+/// \param levels  what lies deeper stays, since each level takes a descriptor and a piece of the stack
+void RemoveEntries(UniqueFd folder, int levels)
 {
     if (levels == 0) {
         return;
     }
-    const std::unique_ptr<DIR, int (*)(DIR*)> dir(fdopendir(fd.Get()), closedir);
+    const std::unique_ptr<DIR, int (*)(DIR*)> dir(fdopendir(folder.Get()), closedir);
     if (!dir) {
         return;
     }
-    const int dirFd = fd.Release(); // closed with the stream
-    for (const QByteArray& name : NamesIn(dir.get())) {
-        if (unlinkat(dirFd, name.constData(), 0) == 0) {
-            continue;
-        }
-        UniqueFd folder(openat(dirFd, name.constData(), kDirectoryFlags | O_NOFOLLOW));
-        if (folder) {
-            RemoveEntries(std::move(folder), levels - 1);
-            unlinkat(dirFd, name.constData(), AT_REMOVEDIR);
+    const int fd = folder.Release(); // closed with dir
+    std::vector<QByteArray> names;
+    while (const dirent* entry = readdir(dir.get())) {
+        names.emplace_back(entry->d_name);
+    }
+    for (const QByteArray& name : names) {
+        if (name != "." && name != ".." && unlinkat(fd, name.constData(), 0) != 0) {
+            RemoveEntries(UniqueFd(openat(fd, name.constData(), kDirectoryFlags | O_NOFOLLOW)), levels - 1);
+            unlinkat(fd, name.constData(), AT_REMOVEDIR);
         }
     }
 }
@@ -141,19 +84,14 @@ namespace FileSystem {
 
 bool CreateSymlink(const QString& target, const QString& linkPath)
 {
-    const QByteArray encodedTarget = QFile::encodeName(target);
     const QFileInfo link(linkPath);
-    // A relative link, too, may lead to the target.
-    if (IsLinkTo(encodedTarget, QFile::encodeName(linkPath)) || link.symLinkTarget() == target) {
+    if (link.symLinkTarget() == target) {
         return true;
     }
-    const UniqueFd folder = OpenDirectory(EncodedPath(link.path()));
-    if (!folder) {
-        return false;
-    }
+    const UniqueFd folder = OpenDirectory(link.path());
     const QByteArray name = QFile::encodeName(link.fileName());
     unlinkat(folder.Get(), name.constData(), 0);
-    return symlinkat(encodedTarget.constData(), folder.Get(), name.constData()) == 0;
+    return symlinkat(QFile::encodeName(target).constData(), folder.Get(), name.constData()) == 0;
 }
 
 QString NormalizeFilePath(const QString& path, const QString& homeDir)
@@ -161,40 +99,13 @@ QString NormalizeFilePath(const QString& path, const QString& homeDir)
     if (path.isEmpty()) {
         return {};
     }
-    if (path.startsWith(QLatin1String("./")) || path.startsWith(QLatin1String("~/"))) {
-        return QDir::cleanPath(homeDir + QLatin1Char('/') + path.mid(2));
+    if (path.startsWith("./") || path.startsWith("~/")) {
+        return QDir::cleanPath(homeDir + "/" + path.mid(2));
     }
-    if (path.startsWith(QLatin1Char('/'))) {
+    if (path.startsWith("/")) {
         return QDir::cleanPath(path);
     }
-    return QDir::cleanPath(homeDir + QLatin1Char('/') + path);
-}
-
-QString CanonicalPath(const QString& path)
-{
-    struct Free {
-        void operator()(char* memory) const { std::free(memory); } // NOLINT(cppcoreguidelines-no-malloc)
-    };
-    if (path.contains(QChar::Null)) {
-        return {};
-    }
-    const std::unique_ptr<char, Free> canonical(realpath(QFile::encodeName(path).constData(), nullptr));
-    return QFile::decodeName(canonical.get());
-}
-
-bool StatCanonicalPath(const QString& path, struct stat& info)
-{
-    const QByteArray name = QFile::encodeName(path);
-    const UniqueFd file(open(name.constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    if (!file || fstat(file.Get(), &info) != 0) {
-        return false;
-    }
-    // The kernel tells where the file really lies.
-    if (!IsLinkTo(name, "/proc/self/fd/" + QByteArray::number(file.Get()))) {
-        errno = ENOENT;
-        return false;
-    }
-    return true;
+    return QDir::cleanPath(homeDir + "/" + path);
 }
 
 bool DirExists(const QString& path)
@@ -204,26 +115,19 @@ bool DirExists(const QString& path)
 
 bool RemoveFile(const QString& path)
 {
+    constexpr int kLevels = 500;
     const QByteArray name = path.toLatin1();
-    UniqueFd folder(open(name.constData(), kDirectoryFlags | O_NOFOLLOW));
-    if (folder) {
-        constexpr int kLevels = 500;
-        RemoveEntries(std::move(folder), kLevels);
-    }
+    RemoveEntries(UniqueFd(open(name.constData(), kDirectoryFlags | O_NOFOLLOW)), kLevels);
     static_cast<void>(std::remove(name.constData()));
     return true;
 }
 
 bool CreateDirIfNeeded(const QString& path, unsigned uid, unsigned gid, unsigned mode)
 {
-    const QByteArray name = EncodedPath(path);
-    if (IsDirectoryOf(name, uid, gid, mode)) {
-        return true;
-    }
-    if (!QFileInfo(path).isDir() && !QDir().mkpath(path)) {
+    if (!QDir(path).exists() && !QDir().mkpath(path)) {
         return false;
     }
-    const UniqueFd dir = OpenDirectory(name);
+    const UniqueFd dir = OpenDirectory(path);
     if (!dir || fchown(dir.Get(), uid, gid) != 0) {
         const int error = errno;
         qError() << KX_PREFIX(kSource) << "Failed to create dir = " << error;
@@ -246,7 +150,7 @@ volatile std::sig_atomic_t g_ignore_sigChld = 0;
 int ExecShell(const char* command)
 {
     g_ignore_sigChld = 1;
-    const int rc = std::system(command); // NOLINT(concurrency-mt-unsafe): one thread runs commands
+    const int rc = std::system(command);
     g_ignore_sigChld = 0;
 
     int status = 0;
@@ -255,68 +159,49 @@ int ExecShell(const char* command)
     return static_cast<int>((static_cast<unsigned>(rc) >> 8U) & 0xFFU);
 }
 
-QString Excerpt(const QString& text)
-{
-    constexpr int kLength = 65'536;
-    return text.left(kLength);
-}
-
 void Pause(std::chrono::milliseconds duration)
 {
-    constexpr long kNanosecondsPerSecond = 1'000'000'000;
-    struct timespec deadline = {};
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
-    deadline.tv_sec += seconds.count();
-    deadline.tv_nsec += static_cast<long>(std::chrono::nanoseconds(duration - seconds).count());
-    if (deadline.tv_nsec >= kNanosecondsPerSecond) {
-        deadline.tv_nsec -= kNanosecondsPerSecond;
-        ++deadline.tv_sec;
-    }
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
-    }
+    std::this_thread::sleep_until(std::chrono::steady_clock::now() + duration);
 }
 
 bool IsUpdaterRunning()
 {
-    return access(kUpdateMarker, F_OK) == 0;
+    return access("/var/lib/installer/.update_started", F_OK) == 0;
 }
 
 bool LockFile(const char* path)
 {
     const mode_t previous = umask(022);
-    UniqueFd fd(open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     umask(previous);
-    if (!fd) {
+    if (fd < 0) {
         const int error = errno;
         qError() << KX_PREFIX(kSource) << "Failed to open file " << path << error;
         return false;
     }
-    const bool locked = SetLock(fd.Get(), F_WRLCK);
-    if (!locked) {
+    // It stays open. Closing any descriptor of the file would release the process's lock on it.
+    if (!SetLock(fd, F_WRLCK)) {
         const int error = errno;
         qError() << KX_PREFIX(kSource) << "Failed to lock file " << path << error;
+        return false;
     }
-    // Closing any descriptor of the file would release the process's lock on it.
-    fd.Release();
-    return locked;
+    return true;
 }
 
 bool UnLockFile(const char* path)
 {
-    UniqueFd fd(open(path, O_RDWR | O_CLOEXEC));
-    if (!fd) {
+    const int fd = open(path, O_RDWR | O_CLOEXEC);
+    if (fd < 0) {
         const int error = errno;
         qError() << KX_PREFIX(kSource) << "Failed to open file " << path << error;
         return false;
     }
-    const bool unlocked = SetLock(fd.Get(), F_UNLCK);
-    if (!unlocked) {
+    if (!SetLock(fd, F_UNLCK)) {
         const int error = errno;
         qError() << KX_PREFIX(kSource) << "Failed to unlock file " << path << error;
+        return false;
     }
-    fd.Release();
-    return unlocked;
+    return true;
 }
 
 bool LockRPMFile()

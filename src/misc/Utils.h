@@ -2,8 +2,6 @@
 
 #include <QString>
 
-#include <sys/stat.h>
-
 #include <chrono>
 #include <csignal>
 
@@ -11,8 +9,8 @@
 namespace FileSystem {
 
 /// Makes \a linkPath a symbolic link to \a target, replacing what is there. A link that already points to
-/// \a target is left alone, time stamps included. The target need not exist.
-/// Nothing is made in a folder that is a link which an unprivileged account may have planted.
+/// \a target is left alone, time stamps included. The target need not exist. Where others may write to the
+/// parent of the link's folder, a folder that is itself a link is refused.
 /// \return whether the link exists with that target afterwards
 bool CreateSymlink(const QString& target, const QString& linkPath);
 
@@ -21,34 +19,22 @@ bool CreateSymlink(const QString& target, const QString& linkPath);
 /// \return the absolute path; empty for an empty \a path
 QString NormalizeFilePath(const QString& path, const QString& homeDir);
 
-/// \return the path with all links resolved; empty when it does not exist, has links that go in circles, is
-///         too long (QFileInfo would hand out an unresolved path) or holds a NUL, at which file names would
-///         end
-QString CanonicalPath(const QString& path);
-
-/// Looks at the file that \a path leads to without any link, so that what is found out about it holds for
-/// that path: an account may exchange files and folders of its home between two looks at them.
-///
-/// \param path  as CanonicalPath returned it
-/// \param info  out: owner, mode and the rest
-/// \return whether there is such a file; otherwise errno tells why, ENOENT when a link has come into the way
-bool StatCanonicalPath(const QString& path, struct stat& info);
-
 /// \return whether something of that name exists (a plain file counts)
 bool DirExists(const QString& path);
 
-/// Removes a file, a link (never what it points to) or a whole directory tree, as far as it can.
+/// Removes a file, a link (never what it points to) or a whole directory tree, of which what lies deeper than
+/// 500 levels may stay.
 /// \return always true: removal is best effort
 bool RemoveFile(const QString& path);
 
 /// Creates the directory with all its parents when it is missing, then sets owner and mode, also of one that
-/// existed. One that has both already is left alone, time stamps included.
+/// existed.
 ///
 /// \param uid, gid  owner to set
 /// \param mode      permission bits to set, whatever the umask
 /// \return false when the directory cannot be created (nothing is logged), or when owner or mode cannot be
-///         set ("Failed to create dir = " or "Failed to chmod = " and the errno, error level). A final link
-///         that an unprivileged account may have planted counts as an owner that cannot be set.
+///         set ("Failed to create dir = " or "Failed to chmod = " and the errno, error level). Where others
+///         may write to the parent, a directory that is a link counts as one whose owner cannot be set.
 bool CreateDirIfNeeded(const QString& path, unsigned uid, unsigned gid, unsigned mode);
 
 } // namespace FileSystem
@@ -62,11 +48,6 @@ extern volatile std::sig_atomic_t g_ignore_sigChld;
 /// Runs a command line with /bin/sh and blocks until it ends; then reaps every other child that has ended.
 /// \return the exit status, 0 to 255 (255 also when no shell could be started)
 int ExecShell(const char* command);
-
-/// Cuts a caller's text to what a log record or a reply takes. Text grows when it is escaped or encoded, and
-/// the bus drops a daemon that sends too large a message.
-/// \return the first 65,536 characters
-QString Excerpt(const QString& text);
 
 /// Blocks for the whole \a duration, also when signals arrive meanwhile.
 void Pause(std::chrono::milliseconds duration);

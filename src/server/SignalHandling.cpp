@@ -5,13 +5,12 @@
 #include <QCoreApplication>
 #include <QSocketNotifier>
 
-#include <fcntl.h>
+#include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -19,37 +18,15 @@
 
 namespace {
 
-// Shared with the handler. The flag, not the byte in the pipe, carries the request to quit: a pipe that is
-// full of wake-ups for ended children takes no more bytes.
+// Shared with the handler.
 volatile std::sig_atomic_t g_wakeUpFd = -1;
 volatile std::sig_atomic_t g_quitRequested = 0;
 
-sigset_t g_handledSignals = {};
-
-void WakeUp()
+void AddToMask(sigset_t& mask, int signo)
 {
-    const char wakeUp = 0;
-    // A full pipe wakes the loop just as well.
-    [[maybe_unused]] const ssize_t written = write(g_wakeUpFd, &wakeUp, sizeof(wakeUp));
-}
-
-void ReapChildren()
-{
-    int status = 0;
-    while (waitpid(-1, &status, WNOHANG) > 0) {
+    if (sigaddset(&mask, signo) != 0) {
+        syslog(LOG_ERR, "Could not add signal %d (%s)", signo, std::strerror(errno));
     }
-}
-
-sigset_t SetOf(std::initializer_list<int> signalNumbers)
-{
-    sigset_t set = {};
-    sigemptyset(&set);
-    for (const int signo : signalNumbers) {
-        if (sigaddset(&set, signo) != 0) {
-            syslog(LOG_ERR, "Could not add signal %d (%s)", signo, std::strerror(errno));
-        }
-    }
-    return set;
 }
 
 void Install(int signo, const struct sigaction& action)
@@ -59,28 +36,22 @@ void Install(int signo, const struct sigaction& action)
     }
 }
 
-struct sigaction ActionOf(void (*handler)(int), const sigset_t& mask, int flags)
+void WakeUpEventLoop()
 {
-    struct sigaction action = {};
-    action.sa_handler = handler;
-    action.sa_mask = mask;
-    action.sa_flags = flags;
-    return action;
+    const eventfd_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(g_wakeUpFd, &one, sizeof(one));
 }
 
 } // namespace
 
-SignalNotifier::SignalNotifier()
+SignalNotifier::SignalNotifier() : m_wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
-        throw std::system_error(errno, std::generic_category(), "signal pipe");
+    if (!m_wakeUp) {
+        throw std::system_error(errno, std::generic_category(), "eventfd");
     }
-    m_readEnd.Reset(ends[0]);
-    m_writeEnd.Reset(ends[1]);
-    m_notifier = new QSocketNotifier(m_readEnd.Get(), QSocketNotifier::Read, this);
-    connect(m_notifier, &QSocketNotifier::activated, this, &SignalNotifier::OnWakeUp);
-    g_wakeUpFd = m_writeEnd.Get();
+    auto* const notifier = new QSocketNotifier(m_wakeUp.Get(), QSocketNotifier::Read, this);
+    connect(notifier, &QSocketNotifier::activated, this, &SignalNotifier::OnWakeUp);
+    g_wakeUpFd = m_wakeUp.Get();
 }
 
 SignalNotifier::~SignalNotifier()
@@ -90,63 +61,49 @@ SignalNotifier::~SignalNotifier()
 
 void SignalNotifier::OnWakeUp()
 {
-    std::array<char, 256> bytes{};
-    while (read(m_readEnd.Get(), bytes.data(), bytes.size()) > 0) {
+    eventfd_t count = 0;
+    eventfd_read(m_wakeUp.Get(), &count);
+    int status = 0;
+    while (waitpid(-1, &status, WNOHANG) > 0) {
     }
-    ReapChildren();
     if (g_quitRequested != 0) {
         QCoreApplication::quit();
     }
 }
 
-SignalBlock::SignalBlock()
-{
-    sigset_t all = {};
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &m_previous);
-}
-
-SignalBlock::~SignalBlock()
-{
-    Lift();
-}
-
-void SignalBlock::Lift() const
-{
-    pthread_sigmask(SIG_SETMASK, &m_previous, nullptr);
-}
-
 void SignalHandlerSet(std::initializer_list<int> handled, std::initializer_list<int> ignored,
                       void (*handler)(int))
 {
-    g_handledSignals = SetOf(handled);
-    const struct sigaction handle = ActionOf(handler, g_handledSignals, SA_RESTART);
+    struct sigaction act = {};
+    act.sa_handler = handler;
+    act.sa_flags = SA_RESTART;
+    sigemptyset(&act.sa_mask);
     for (const int signo : handled) {
-        Install(signo, handle);
+        AddToMask(act.sa_mask, signo);
+    }
+    for (const int signo : handled) {
+        Install(signo, act);
     }
     if (std::find(handled.begin(), handled.end(), SIGCHLD) == handled.end()) {
-        sigaddset(&g_handledSignals, SIGCHLD);
-        Install(SIGCHLD, ActionOf(handler, g_handledSignals, SA_RESTART | SA_NOCLDSTOP));
+        AddToMask(act.sa_mask, SIGCHLD);
+        act.sa_flags = SA_RESTART | SA_NOCLDSTOP;
+        Install(SIGCHLD, act);
     }
-    const struct sigaction ignore = ActionOf(SIG_IGN, SetOf(ignored), SA_RESTART);
-    for (const int signo : ignored) {
-        Install(signo, ignore);
-    }
-    // The two lowest real-time signals belong to the threading library.
-    const struct sigaction ignoreRealTime = ActionOf(SIG_IGN, SetOf({}), 0);
-    for (int signo = SIGRTMIN + 2; signo <= SIGRTMAX; ++signo) {
-        Install(signo, ignoreRealTime);
-    }
-}
 
-void RestoreDefaultSignals()
-{
-    struct sigaction byDefault = {};
-    byDefault.sa_handler = SIG_DFL;
-    for (int signo = 1; signo < NSIG; ++signo) {
-        if (sigismember(&g_handledSignals, signo) == 1) {
-            sigaction(signo, &byDefault, nullptr);
-        }
+    act.sa_handler = SIG_IGN;
+    act.sa_flags = SA_RESTART;
+    sigemptyset(&act.sa_mask);
+    for (const int signo : ignored) {
+        AddToMask(act.sa_mask, signo);
+    }
+    for (const int signo : ignored) {
+        Install(signo, act);
+    }
+
+    // The two lowest real-time signals belong to the threading library.
+    act.sa_flags = 0;
+    for (int signo = SIGRTMIN + 2; signo <= SIGRTMAX; ++signo) {
+        Install(signo, act);
     }
 }
 
@@ -155,11 +112,11 @@ void sigHandler(int signo)
     const int savedErrno = errno;
     if (signo == SIGTERM) {
         g_quitRequested = 1;
-        WakeUp();
+        WakeUpEventLoop();
     } else if (signo == SIGCHLD && Misc::g_ignore_sigChld == 0) {
         int status = 0;
         waitpid(-1, &status, WNOHANG);
-        WakeUp();
+        WakeUpEventLoop();
     }
     errno = savedErrno;
 }

@@ -10,13 +10,11 @@
 #include "server/system/Server.h"
 #include "server/tools/Server.h"
 
-#include <QByteArray>
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QStringList>
 
 #include <malloc.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -41,92 +39,17 @@ void PrintUsage()
               "\n");
 }
 
-int Fail(ExitStatus status, const char* message)
-{
-    qError() << KX_PREFIX_AS(kSource, "main") << message;
-    return status;
-}
-
-bool RegisterObject(QDBusConnection& bus, const char* path, QObject& server)
-{
-    if (bus.registerObject(QString::fromLatin1(path), &server, QDBusConnection::ExportAdaptors)) {
-        return true;
-    }
-    Fail(NoObject, (QByteArray("Can't register object ") + path).constData());
-    return false;
-}
-
-/// Touches the bus for the first time. It brings a thread, which daemonizing would lose, and on which the
-/// signal handlers, made for the main thread, must not run.
+/// The first use of the bus starts a thread of QtDBus, which a later fork would lose. The thread inherits the
+/// signal mask: with all signals blocked, the handler runs on the main thread only.
 QDBusConnection ConnectToBus()
 {
-    const SignalBlock noSignalsOnThreads;
-    return QDBusConnection::systemBus();
-}
-
-/// Owns the service name and serves the objects until the event loop ends.
-int Serve()
-{
-    RegisterApplicationList();
-    RegisterVectorOfPairSS();
-    QDBusConnection bus = ConnectToBus();
-    if (!bus.registerService(QStringLiteral("com.veltrasys.kx.core"))) {
-        return Fail(NoService, "Can't register service");
-    }
-    core::applications::Server applicationsServer;
-    new ApplicationsAdaptor(&applicationsServer);
-    if (!RegisterObject(bus, "/Applications", applicationsServer)) {
-        return NoObject;
-    }
-    core::system::Server systemServer(applicationsServer);
-    new SystemAdaptor(&systemServer);
-    if (!RegisterObject(bus, "/System", systemServer)) {
-        return NoObject;
-    }
-    core::tools::Server toolsServer;
-    new ToolsAdaptor(&toolsServer);
-    if (!RegisterObject(bus, "/Tools", toolsServer)) {
-        return NoObject;
-    }
-    const DBusMonitor monitor;
-    return QCoreApplication::exec();
-}
-
-/// What a library, a shell or a script creates has no mode of its own. Whoever started the daemon, only root
-/// is to write to that.
-void TightenUmask()
-{
-    constexpr mode_t kNoWriting = S_IWGRP | S_IWOTH;
-    const mode_t inherited = umask(kNoWriting);
-    umask(inherited | kNoWriting);
-}
-
-/// The allocator would learn from one large message to keep that much memory, in each of its arenas. With a
-/// fixed threshold what is large goes back to the system at once.
-void ReturnLargeBlocks()
-{
-    constexpr int kLarge = 128 * 1024;
-    mallopt(M_MMAP_THRESHOLD, kLarge);
-}
-
-int Run(int argc, char** argv)
-{
-    ReturnLargeBlocks();
-    const QCoreApplication application(argc, argv);
-    const QStringList arguments = QCoreApplication::arguments();
-    const QString option = arguments.value(1);
-    if (option == QLatin1String("--help")) {
-        PrintUsage();
-        return Success;
-    }
-    if (option != QLatin1String("--no-daemon") && daemon(1, 0) != 0) {
-        return Fail(NotDaemonized, "Cannot daemonize process");
-    }
-    TightenUmask();
-    const SignalNotifier signalNotifier;
-    SignalHandlerSet({SIGTERM, SIGINT, SIGCHLD, SIGALRM, SIGHUP},
-                     {SIGUSR1, SIGUSR2, SIGPIPE, SIGIO, SIGSYS, SIGPWR}, sigHandler);
-    return Serve();
+    sigset_t all = {};
+    sigset_t previous = {};
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    QDBusConnection bus = QDBusConnection::systemBus();
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    return bus;
 }
 
 } // namespace
@@ -134,8 +57,52 @@ int Run(int argc, char** argv)
 int main(int argc, char** argv)
 {
     try {
-        return Run(argc, argv);
+        // With a fixed threshold the memory of large messages goes back to the system.
+        mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+        const QCoreApplication application(argc, argv);
+        const QStringList arguments = QCoreApplication::arguments();
+        const QString option = arguments.value(1);
+        if (option == "--help") {
+            PrintUsage();
+            return Success;
+        }
+        if (option != "--no-daemon" && daemon(1, 0) != 0) {
+            qError() << KX_PREFIX(kSource) << "Cannot daemonize process";
+            return NotDaemonized;
+        }
+        const SignalNotifier signalNotifier;
+        SignalHandlerSet({SIGTERM, SIGINT, SIGCHLD, SIGALRM, SIGHUP},
+                         {SIGUSR1, SIGUSR2, SIGPIPE, SIGIO, SIGSYS, SIGPWR}, sigHandler);
+
+        RegisterApplicationList();
+        RegisterVectorOfPairSS();
+        QDBusConnection bus = ConnectToBus();
+        if (!bus.registerService("com.veltrasys.kx.core")) {
+            qError() << KX_PREFIX(kSource) << "Can't register service";
+            return NoService;
+        }
+        core::applications::Server applicationsServer;
+        new ApplicationsAdaptor(&applicationsServer);
+        if (!bus.registerObject("/Applications", &applicationsServer, QDBusConnection::ExportAdaptors)) {
+            qError() << KX_PREFIX(kSource) << "Can't register object /Applications";
+            return NoObject;
+        }
+        core::system::Server systemServer(applicationsServer);
+        new SystemAdaptor(&systemServer);
+        if (!bus.registerObject("/System", &systemServer, QDBusConnection::ExportAdaptors)) {
+            qError() << KX_PREFIX(kSource) << "Can't register object /System";
+            return NoObject;
+        }
+        core::tools::Server toolsServer(nullptr);
+        new ToolsAdaptor(&toolsServer);
+        if (!bus.registerObject("/Tools", &toolsServer, QDBusConnection::ExportAdaptors)) {
+            qError() << KX_PREFIX(kSource) << "Can't register object /Tools";
+            return NoObject;
+        }
+        const DBusMonitor monitor;
+        return QCoreApplication::exec();
     } catch (...) {
-        return Fail(EscapedException, "Unexpected exception");
+        qError() << KX_PREFIX(kSource) << "Unexpected exception";
+        return EscapedException;
     }
 }

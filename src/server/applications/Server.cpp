@@ -1,8 +1,8 @@
 #include "server/applications/Server.h"
 
+#include "misc/Guard.h"
 #include "misc/Log.h"
 #include "misc/Utils.h"
-#include "server/dbus/ApplicationReply.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -10,9 +10,6 @@
 
 #include <unistd.h>
 
-#include <array>
-
-using com::veltrasys::common::qt::qError;
 using core::configuration::ApplicationConfig;
 
 namespace core::applications {
@@ -20,17 +17,13 @@ namespace {
 
 constexpr auto kSource = "/pkgs/kx-core/src/server/applications/Server";
 
-/// In order of priority: a terminal that has several of them shows the first.
-constexpr std::array<const char*, 4> kDefaultApplications{"desktop", "productiontest", "systemconfig",
-                                                          "systemutils"};
-
 } // namespace
 
 Server::Server()
 {
-    FileSystem::RemoveFile(QStringLiteral("/var/run/www/cgi-bin"));
-    FileSystem::RemoveFile(QStringLiteral("/var/run/www/html"));
-    FileSystem::RemoveFile(QStringLiteral("/var/run/www/files"));
+    FileSystem::RemoveFile("/var/run/www/cgi-bin");
+    FileSystem::RemoveFile("/var/run/www/html");
+    FileSystem::RemoveFile("/var/run/www/files");
 
     m_restartTimer = new QTimer(this);
     m_restartTimer->setSingleShot(true);
@@ -43,31 +36,22 @@ Server::~Server() = default;
 
 QList<QVariantMap> Server::Enumerate()
 {
-    ApplicationReply reply;
+    QList<QVariantMap> list;
     m_applications.clear();
-    try {
-        const QStringList names =
-            QDir(QStringLiteral("/home/")).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
-        core::configuration::AccountNames accounts;
-        for (const QString& name : names) {
-            const ApplicationConfig config = m_parser.GatherApplicationData(name, accounts);
-            reply.Append(config);
+    Misc::Guarded(KX_PREFIX(kSource), [&] {
+        for (const QString& name : QDir("/home/").entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name)) {
+            const ApplicationConfig config = m_parser.GatherApplicationData(name);
+            list.append(config);
             m_applications.push_back(config);
             CreateSymlinksForLighttpd(config.m_homeDir, config.m_name);
         }
-        for (const QString& name : reply.LeaveOutTheLargest()) {
-            qError() << KX_PREFIX(kSource) << "Too much in app.conf, left out of the reply: " << name;
-        }
-    } catch (...) {
-        qError() << KX_PREFIX(kSource) << "Unexpected exception";
-    }
-    return reply.List();
+    });
+    return list;
 }
 
 QString Server::GetNameOfInstalledDefaultApp()
 {
-    for (const char* candidate : kDefaultApplications) {
-        QString name = QString::fromLatin1(candidate);
+    for (const char* name : {"desktop", "productiontest", "systemconfig", "systemutils"}) {
         const QFileInfo index(QStringLiteral("/home/%1/html/index.html").arg(name));
         if (index.exists() && index.isFile()) {
             return name;
@@ -78,7 +62,7 @@ QString Server::GetNameOfInstalledDefaultApp()
 
 bool Server::IsValidAppID(unsigned uid, unsigned gid)
 {
-    return ProcessManager::IsApplicationIdentity(uid, gid);
+    return applications::IsValidAppID(uid, gid);
 }
 
 bool Server::HasShowOnceForm()

@@ -97,23 +97,10 @@ private slots:
     void OnRestartTimer();
 
 private:
-    /// What the start sequence gathers from the applications on its way.
-    struct BootPlan {
-        QString page;
-        QString pageApp;
-        bool manyShowOnBoot = false;
-        QString cgiDefaultApp;
-        int cgiDefaults = 0;
-    };
-
     static constexpr auto kShowOnceForm = "/home/platform/html/show_once.html";
 
-    void RunStartSequence();
-    BootPlan StartBootPrograms();
-    static void LinkDefaultCgi(const BootPlan& plan);
-    void ShowFormOf(const QString& page, QString application);
-    const core::configuration::ApplicationConfig* FindApplication(const QString& name) const;
-    QString LaunchBinary(const QString& application, const QString& binary, const QString& params);
+    /// Shows an application's page; for an empty \a application, that there is none.
+    void ShowFormOf(QString application, const QString& page);
 
     core::configuration::Parser m_parser;
     ProcessManager m_processManager;

@@ -1,57 +1,60 @@
+#include "misc/Guard.h"
 #include "misc/Log.h"
 #include "misc/Utils.h"
 #include "server/applications/Server.h"
-#include "server/applications/stoprequest/StopRequest.h"
 
 #include <QTimer>
 
-#include <dlfcn.h>
+#include <curl/curl.h>
 
 #include <chrono>
 #include <cstdlib>
 
 using com::veltrasys::common::qt::qError;
 using com::veltrasys::common::qt::qInfo;
-using core::configuration::ApplicationConfig;
 
 namespace core::applications {
 namespace {
 
 constexpr auto kSource = "/pkgs/kx-core/src/server/applications/Server";
-constexpr long kStopTimeoutSeconds = 5;
+constexpr long kStopTimeout = 5; ///< in seconds
 constexpr std::chrono::seconds kStopGracePeriod{2};
 
-/// \return the module's function, loaded by the first call and kept; null when that failed, which is logged
-SendStopRequest LoadStopRequest()
-{
-    void* module = dlopen(KX_STOP_REQUEST_MODULE, RTLD_NOW | RTLD_LOCAL);
-    void* function = module == nullptr ? nullptr : dlsym(module, kSendStopRequestName);
-    if (function == nullptr) {
-        qError() << KX_PREFIX(kSource) << dlerror();
-    }
-    return reinterpret_cast<SendStopRequest>(function);
-}
+/// Sets libcurl up before main and takes it down at exit.
+class CurlInitializer {
+public:
+    CurlInitializer() { curl_global_init(CURL_GLOBAL_ALL); }
+    ~CurlInitializer() { curl_global_cleanup(); }
+    CurlInitializer(const CurlInitializer&) = delete;
+    CurlInitializer& operator=(const CurlInitializer&) = delete;
+};
+
+const CurlInitializer g_curlInitializer;
 
 void SendStopToApp(const QString& name)
 {
-    static const SendStopRequest send = LoadStopRequest();
     const QString url = QStringLiteral("http://localhost/cgi-bin/%1/stop").arg(name);
-    const int code = send == nullptr ? -1 : send(url.toLocal8Bit().constData(), kStopTimeoutSeconds);
-    if (code > 0) {
+    CURL* const request = curl_easy_init();
+    if (request == nullptr) {
+        return;
+    }
+    curl_easy_setopt(request, CURLOPT_URL, url.toLocal8Bit().constData());
+    curl_easy_setopt(request, CURLOPT_TIMEOUT, kStopTimeout);
+    const CURLcode code = curl_easy_perform(request);
+    if (code != CURLE_OK) {
         qError() << KX_PREFIX(kSource) << "curl " << url << "returned " << code;
     }
+    curl_easy_cleanup(request);
 }
 
 } // namespace
 
 void Server::Terminate()
 {
-    try {
+    Misc::Guarded(KX_PREFIX(kSource), [&] {
         m_processManager.TerminateApps();
         emit OnTerminate(QVariantMap());
-    } catch (...) {
-        qError() << KX_PREFIX(kSource) << "Unexpected exception";
-    }
+    });
 }
 
 void Server::Restart(const QString& /*when*/)
@@ -63,9 +66,9 @@ void Server::Restart(const QString& /*when*/)
 
 void Server::OnRestartTimer()
 {
-    Enumerate(); // its answer may lack the largest
-    for (const ApplicationConfig& application : m_applications) {
-        SendStopToApp(application.m_name);
+    const QList<QVariantMap> list = Enumerate();
+    for (const QVariantMap& application : list) {
+        SendStopToApp(application.value("name").toString());
     }
     Misc::Pause(kStopGracePeriod);
     Terminate();

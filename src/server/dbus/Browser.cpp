@@ -14,11 +14,7 @@ using com::veltrasys::common::qt::qError;
 namespace {
 
 constexpr auto kSource = "/pkgs/kx-core/src/server/dbus/Browser";
-
-QString BrowserService()
-{
-    return QStringLiteral("com.veltrasys.browser");
-}
+constexpr auto kBrowserService = "com.veltrasys.browser";
 
 } // namespace
 
@@ -33,15 +29,15 @@ Browser::Browser() : m_browserProxy(Connect()), m_serviceWatcher(new (std::nothr
             &Browser::OnServiceUnregisteredInternal);
     connect(m_serviceWatcher, &QDBusServiceWatcher::serviceRegistered, this,
             &Browser::OnServiceRegisteredInternal);
-    m_serviceWatcher->addWatchedService(BrowserService());
+    m_serviceWatcher->addWatchedService(kBrowserService);
 }
 
 Browser::~Browser() = default;
 
 std::unique_ptr<WebBrowserProxy> Browser::Connect()
 {
-    std::unique_ptr<WebBrowserProxy> proxy(new (std::nothrow) WebBrowserProxy(
-        BrowserService(), QStringLiteral("/"), QDBusConnection::systemBus(), nullptr));
+    std::unique_ptr<WebBrowserProxy> proxy(
+        new (std::nothrow) WebBrowserProxy(kBrowserService, "/", QDBusConnection::systemBus(), nullptr));
     if (!proxy || !proxy->isValid()) {
         return nullptr;
     }
@@ -61,7 +57,7 @@ void Browser::ShowPage(const QString& url, const QString& fileToRemove)
 
 void Browser::OnServiceRegisteredInternal(const QString& name)
 {
-    if (name != BrowserService()) {
+    if (name != kBrowserService) {
         return;
     }
     m_browserProxy = Connect();
@@ -75,7 +71,7 @@ void Browser::OnServiceRegisteredInternal(const QString& name)
 
 void Browser::OnServiceUnregisteredInternal(const QString& name)
 {
-    if (name == BrowserService()) {
+    if (name == kBrowserService) {
         m_browserProxy.reset();
     }
 }

@@ -14,8 +14,8 @@ class Browser : public QObject {
     Q_OBJECT
 
 public:
-    /// Takes up the browser if it is on the bus and watches it come and go. Logs "Failed to create watcher."
-    /// at error level if it cannot be watched.
+    /// Connects to the browser if it is on the bus and watches the service. Logs "Failed to create watcher."
+    /// at error level if the service cannot be watched.
     Browser();
     ~Browser() override;
 
@@ -27,20 +27,20 @@ public:
     void ShowPage(const QString& url, const QString& fileToRemove);
 
 public slots:
-    /// A service came onto the bus. Logs "Failed to connect to WebBrowser" at error level, and drops the
-    /// pending page, if it is the browser and cannot be reached.
+    /// The service \a name came onto the bus. If it is the browser, shows the pending page; if the browser
+    /// cannot be reached, logs "Failed to connect to WebBrowser" at error level and drops that page.
     void OnServiceRegisteredInternal(const QString& name);
-    /// A service left the bus.
+    /// The service \a name left the bus. Disconnects from the browser if it is that.
     void OnServiceUnregisteredInternal(const QString& name);
-    /// The browser has loaded a page, or failed to.
+    /// The browser has loaded a page, or failed to. Deletes the file that ShowPage was given.
     void OnLoadCompleted(bool success);
 
 private:
     /// \return a proxy that reports loaded pages; null when the browser is not on the bus
     std::unique_ptr<WebBrowserProxy> Connect();
 
-    std::unique_ptr<WebBrowserProxy> m_browserProxy;
-    QString m_pendingUrl;
-    QDBusServiceWatcher* m_serviceWatcher = nullptr;
+    std::unique_ptr<WebBrowserProxy> m_browserProxy; ///< null while the browser is not on the bus
+    QString m_pendingUrl;                            ///< asked for while there was no proxy
+    QDBusServiceWatcher* m_serviceWatcher;           ///< owned as a child
     QString m_removeOnLoad;
 };

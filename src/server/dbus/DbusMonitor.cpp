@@ -21,10 +21,9 @@ using com::veltrasys::common::qt::qError;
 namespace {
 
 constexpr auto kSource = "/pkgs/kx-core/src/server/dbus/DbusMonitor";
-constexpr auto kAccountingFile = "/tmp/wtmp";
 
-/// Puts the time where the C library and readers of the file expect it: behind the session and as wide as
-/// that. With 64 bits of time on a 32-bit machine, ut_tv of the header's structure lies elsewhere.
+/// Writes ut_tv.tv_sec where the C library and readers of the file expect it, as wide as the session before
+/// it. On a 32-bit machine built with 64 bits of time, the header's structure has ut_tv elsewhere.
 void SetTime(struct utmp& record, std::time_t now)
 {
     const auto seconds = static_cast<decltype(record.ut_session)>(now);
@@ -36,9 +35,9 @@ void SetTime(struct utmp& record, std::time_t now)
 
 DBusMonitor::DBusMonitor()
 {
-    const bool connected = QDBusConnection::systemBus().connect(
-        QString(), QStringLiteral("/org/freedesktop/DBus/Local"),
-        QStringLiteral("org.freedesktop.DBus.Local"), QStringLiteral("Disconnected"), this, SLOT(DBusDied()));
+    const bool connected =
+        QDBusConnection::systemBus().connect("", "/org/freedesktop/DBus/Local", "org.freedesktop.DBus.Local",
+                                             "Disconnected", this, SLOT(DBusDied()));
     if (!connected) {
         qError() << KX_PREFIX(kSource) << "Failed to create connection for dbus monitor";
     }
@@ -47,14 +46,14 @@ DBusMonitor::DBusMonitor()
 void DBusMonitor::DBusDied()
 {
     qEmerg() << KX_PREFIX(kSource) << "Seems that dbus-daemon died.";
-    if (!CheckIfAllowedToReboot()) {
+    if (CheckIfAllowedToReboot()) {
+        qEmerg() << KX_PREFIX(kSource) << "Updater is not running => The unit must be restarted";
+        Misc::ExecShell("fbv -f -r /etc/platform/sys/maintenance.png &>/dev/null &");
+        SavePoweroffRecord();
+        Misc::ExecShell("(sleep 5 && reboot )&");
+    } else {
         qEmerg() << KX_PREFIX(kSource) << "Updater is running => Avoid reboot";
-        return;
     }
-    qEmerg() << KX_PREFIX(kSource) << "Updater is not running => The unit must be restarted";
-    Misc::ExecShell("fbv -f -r /etc/platform/sys/maintenance.png &>/dev/null &");
-    SavePoweroffRecord();
-    Misc::ExecShell("(sleep 5 && reboot )&");
 }
 
 bool DBusMonitor::CheckIfAllowedToReboot()
@@ -71,10 +70,9 @@ void DBusMonitor::SavePoweroffRecord()
     std::strncpy(record.ut_user, "poweroff", sizeof(record.ut_user));
     SetTime(record, std::time(nullptr));
 
-    // updwtmp appends to a file that exists; the volatile file system starts without one. An application may
-    // have put a link or a FIFO there, so the record goes to what has been opened and examined.
-    const UniqueFd file(
-        open(kAccountingFile, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
+    // updwtmp does not create the file. An application may have put a link or a FIFO in its place: the record
+    // goes to what has been opened and examined.
+    const UniqueFd file(open("/tmp/wtmp", O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
     struct stat info = {};
     if (file && fstat(file.Get(), &info) == 0 && S_ISREG(info.st_mode)) {
         updwtmp(QByteArray("/proc/self/fd/" + QByteArray::number(file.Get())).constData(), &record);

@@ -9,7 +9,7 @@ class DBusMonitor : public QObject {
 
 public:
     /// Subscribes to the loss of the connection. Logs "Failed to create connection for dbus monitor" at error
-    /// level if that fails; the daemon then runs on unwatched.
+    /// level if that fails; the daemon then runs on without a monitor.
     DBusMonitor();
 
     /// \return whether a restart may happen now: no update is in progress and both package databases could be

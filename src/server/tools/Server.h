@@ -15,22 +15,20 @@ namespace core::tools {
 /// the boot scripts and switches the audio-payment daemon on or off.
 ///
 /// Everything it keeps lives outside the process: the clock, files below /etc and the registry key
-/// "%platform.timeInfoSource". To be used from the event loop's thread only. Nothing throws; whether the
+/// "%platform.timeInfoSource". To be used from the event loop's thread only. No slot throws; whether the
 /// registry could be written is not checked.
 class Server : public QObject {
     Q_OBJECT
 
 public:
     explicit Server(QObject* parent = nullptr);
-    ~Server() override = default;
 
     /// Sets the system clock and writes /etc/time_offset. The hardware clock is left alone.
     ///
-    /// \param str         local time of the current zone: "%Y-%m-%d %T", "%Y-%m-%d" (keeps the time of day)
-    /// or
-    ///                    "%T" (keeps the date), told apart by their lengths of 19, 10 and 8 characters
-    /// \param infoSource  stored as the source of the time information and announced with TimeInfoChanged,
-    ///                    without regard to the source before; empty: neither
+    /// \param str         local time of the current zone, in ASCII: "%Y-%m-%d %T" (19 characters), "%Y-%m-%d"
+    ///                    (10, keeps the time of day) or "%T" (8, keeps the date)
+    /// \param infoSource  stored as the source of the time information, whichever was stored before, and
+    ///                    announced with TimeInfoChanged; empty: neither
     /// \return 0; -1 when \a str is no such time; -2 when the clock cannot be set; -3 when /etc/time_offset
     ///         cannot be written; -4 when the current time cannot be broken down
     int SetSystemTime(const QString& str, const QString& infoSource);
@@ -53,10 +51,10 @@ public:
     static QString GetTimeZone();
 
 public slots:
-    /// Sets the clock as a local user does: SetSystemTime(str, "MANUAL").
+    /// SetSystemTime(str, "MANUAL"); -3 after an exception ("Unexpected exception", error level).
     int SetSystemTime(const QString& str);
 
-    /// Sets the zone as a local user does: SetTimeZone(timeZone, "MANUAL").
+    /// SetTimeZone(timeZone, "MANUAL"); 1 after an exception ("Unexpected exception", error level).
     int SetTimeZone(const QString& timeZone);
 
     /// Sets clock and zone together, unless a source of higher precedence has set them before, and emits
@@ -68,7 +66,8 @@ public slots:
     ///                    \a timeZone: "UNKNOWN"
     /// \return 0; 1 when the source is none of the four ("Invalid infoSource"), is outranked ("Unable to set
     ///         time info"), or time ("Unable to set utcTime") or zone ("Unable to set timeZone") cannot be
-    ///         set, each logged at error level. After a failure to set the time the zone is UTC.
+    ///         set, or after an exception ("Unexpected exception"), each logged at error level. After a
+    ///         failure to set the time the zone is UTC.
     int SetTimeInfo(const QString& utcTime, const QString& timeZone, const QString& infoSource);
 
     /// Stores "UNKNOWN" as the source, so that any source may set the time again. Emits nothing.
@@ -80,11 +79,10 @@ public slots:
     /// new text does not cover of a longer old one stays behind it.
     ///
     /// \param variable_name   not checked; `*`, `?` and `[...]` work as QRegExp's wildcards when looking for
-    ///                        the line. Such a name of more than 64 characters (runs of `*` count as two)
-    ///                        matches no line: it would block all other callers for minutes.
+    ///                        the line
     /// \param variable_value  may hold letters, digits, blanks and what else is not punctuation
     /// \return 0; -1 when the value holds a refused character, or the file cannot be opened or written.
-    ///         Nothing is logged.
+    ///         Only an exception is logged ("Unexpected exception", error level).
     int SaveVariableValue(const QString& variable_name, const QString& variable_value);
 
     /// Enables (mode 0755) or disables (0644) the start script of the audio-payment daemon; starts and stops
@@ -103,13 +101,8 @@ signals:
     void TimeInfoChanged(const QString& utcTime, const QString& timeZone, const QString& infoSource);
 
 private:
-    /// Checks the source against the four that exist and the one that has set the time before.
-    bool MaySetTimeInfo(const QString& source);
-
-    /// Sets clock, if a time is given, and zone. Failures are logged.
-    bool ApplyTimeInfo(const QString& utcTime, const QString& timeZone);
-
-    void RecordSource(const QString& infoSource);
+    /// Stores the source in the registry and emits TimeInfoChanged with the current time.
+    void AnnounceTimeInfo(const QString& timeZone, const QString& infoSource);
 
     std::shared_ptr<com::veltrasys::Registry> m_registry;
 };

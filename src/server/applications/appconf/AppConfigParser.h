@@ -1,9 +1,10 @@
 #pragma once
 
-#include "server/applications/appconf/AccountNames.h"
 #include "server/applications/appconf/ApplicationConfig.h"
 
 #include <QString>
+
+#include <optional>
 
 class QDomDocument;
 class QDomElement;
@@ -11,25 +12,19 @@ class QDomNode;
 
 namespace core::configuration {
 
-/// Reads /home/<name>/app.conf into an ApplicationConfig. Stateless; nothing throws. Problems of a file's
-/// content are logged at error level and cost only the element they stand in; a file that is missing,
-/// unreadable, hostile or not well-formed is passed over without a message.
+/// Reads /home/<name>/app.conf into an ApplicationConfig. Stateless. Problems of a file's content are logged
+/// at error level and cost only the element they stand in; a file that is missing, unreadable or not
+/// well-formed (see XmlReader.h for the limits) is passed over without a message.
 class Parser {
 public:
     /// Gathers what is known of the application in /home/<name>: its identity from the owner of that
     /// directory, its settings from app.conf, and FastCGI if it has no cgi-bin directory.
-    ///
-    /// app.conf is read only if it is a regular file of at most 1 MiB; the call does not block on it.
-    ///
-    /// \param accounts  names the owners; shared by those who gather several applications
-    static ApplicationConfig GatherApplicationData(const QString& name, AccountNames& accounts);
     static ApplicationConfig GatherApplicationData(const QString& name);
 
     /// The same from XML text in memory; does not look for a cgi-bin directory.
     static ApplicationConfig GatherApplicationData(const char* xml, const QString& name);
 
-    /// Reads the settings in XML text; text that is not well-formed, is nested deeper than 100 levels or
-    /// expands to more than 1 MiB changes nothing.
+    /// Reads the settings in XML text; text that is not well-formed changes nothing.
     static void ParseApplicationConfig(const char* xml, ApplicationConfig& config);
 
     /// Reads the settings of a parsed document.
@@ -45,8 +40,7 @@ public:
     static QString NormalizeFilePath(const QString& path, const ApplicationConfig& config);
 
     /// Fills ids and names of user and group from the owner of \a homeDir. A directory that cannot be
-    /// examined changes nothing; an id without an account leaves the name empty.
-    static void GetUserGroup(const QString& homeDir, ApplicationConfig& config, AccountNames& accounts);
+    /// examined changes nothing; an id without an account leaves the name as it is.
     static void GetUserGroup(const QString& homeDir, ApplicationConfig& config);
 
     /// Owner ids of a file or directory; all bits set in both when \a path is null or cannot be examined.
@@ -54,8 +48,7 @@ public:
 
 private:
     static void ReadElement(const QDomElement& element, ApplicationConfig& config);
-    static void NormalizePaths(ApplicationConfig& config);
-    static bool ReadItem(const QDomElement& element, const ApplicationConfig& config, BaseItem& item);
+    static std::optional<BaseItem> ReadItem(const QDomElement& element, const ApplicationConfig& config);
     static bool IsInsideHomeDir(const QString& path, const ApplicationConfig& config);
     static QString ToWebPath(const QString& path, const ApplicationConfig& config, bool withHtmlPrefix);
 };

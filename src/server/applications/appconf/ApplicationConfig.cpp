@@ -2,80 +2,34 @@
 
 #include <QDBusArgument>
 
-#include <array>
-
 namespace core::configuration {
 namespace {
 
-struct TextField {
-    QString key;
-    QString ApplicationConfig::*field;
-};
-
-/// The texts that travel as they are in both directions. Their keys are made once for all records.
-const std::array<TextField, 15>& TextFields()
-{
-    static const std::array<TextField, 15> fields{{
-        {QStringLiteral("name"), &ApplicationConfig::m_name},
-        {QStringLiteral("resources"), &ApplicationConfig::m_resources},
-        {QStringLiteral("prompts"), &ApplicationConfig::m_prompts},
-        {QStringLiteral("homeButton"), &ApplicationConfig::m_homeButton},
-        {QStringLiteral("cardRanges"), &ApplicationConfig::m_cardRanges},
-        {QStringLiteral("BINRanges"), &ApplicationConfig::m_BINRanges},
-        {QStringLiteral("whiteList"), &ApplicationConfig::m_whiteList},
-        {QStringLiteral("whiteListSignature"), &ApplicationConfig::m_whiteListSignature},
-        {QStringLiteral("whiteListSignaturePath"), &ApplicationConfig::m_whiteListSignaturePath},
-        {QStringLiteral("showOnBoot"), &ApplicationConfig::m_showOnBoot},
-        {QStringLiteral("runOnBoot"), &ApplicationConfig::m_runOnBoot},
-        {QStringLiteral("homeDir"), &ApplicationConfig::m_homeDir},
-        {QStringLiteral("tmpDir"), &ApplicationConfig::m_tmpDir},
-        {QStringLiteral("groupName"), &ApplicationConfig::m_groupName},
-        {QStringLiteral("userName"), &ApplicationConfig::m_userName},
-    }};
-    return fields;
-}
-
-template<class Item>
-QVariantList ToVariants(const QList<Item>& items)
+QVariantList ToVariants(const QList<BaseItem>& items)
 {
     QVariantList variants;
-    for (const Item& item : items) {
-        variants.append(item.operator QVariant());
+    for (const BaseItem& item : items) {
+        variants.append(item);
     }
     return variants;
 }
 
-/// Whether the list of maps that \a value holds can be streamed out of it; streaming anything else would
-/// leave Qt's reader at a place it does not expect.
-bool IsListFromBus(const QVariant& value)
+/// Lists and maps within a map arrive from D-Bus as arguments that have yet to be streamed.
+template<class Type>
+Type FromBus(const QVariant& value)
 {
-    return value.userType() == qMetaTypeId<QDBusArgument>() &&
-           value.value<QDBusArgument>().currentType() == QDBusArgument::ArrayType;
+    Type content;
+    if (value.userType() == qMetaTypeId<QDBusArgument>()) {
+        value.value<QDBusArgument>() >> content;
+    }
+    return content;
 }
 
-QVariantMap ToMap(const QVariant& element)
+QList<BaseItem> ItemsFromBus(const QVariant& value)
 {
-    QVariantMap map;
-    if (element.userType() == qMetaTypeId<QDBusArgument>()) {
-        const auto argument = element.value<QDBusArgument>();
-        if (argument.currentType() == QDBusArgument::MapType) {
-            argument >> map;
-        }
-    }
-    return map;
-}
-
-template<class Item>
-QList<Item> FromVariant(const QVariant& value)
-{
-    QList<Item> items;
-    if (!IsListFromBus(value)) {
-        return items;
-    }
-    QVariantList elements;
-    value.value<QDBusArgument>() >> elements;
-    for (const QVariant& element : elements) {
-        items.append(Item(QVariant(ToMap(element))));
+    QList<BaseItem> items;
+    for (const QVariant& element : FromBus<QVariantList>(value)) {
+        items.append(QVariant(FromBus<QVariantMap>(element)));
     }
     return items;
 }
@@ -85,19 +39,19 @@ QList<Item> FromVariant(const QVariant& value)
 BaseItem::BaseItem(const QVariant& v)
 {
     const QVariantMap map = v.toMap();
-    m_form = map.value(QStringLiteral("form")).toString();
-    m_iconPath = map.value(QStringLiteral("iconPath")).toString();
-    m_iconPosition = map.value(QStringLiteral("iconPosition")).toInt();
-    m_title = map.value(QStringLiteral("title")).toString();
+    m_form = map.value("form").toString();
+    m_iconPath = map.value("iconPath").toString();
+    m_iconPosition = map.value("iconPosition").toInt();
+    m_title = map.value("title").toString();
 }
 
 BaseItem::operator QVariant() const
 {
     return QVariantMap{
-        {QStringLiteral("form"), m_form},
-        {QStringLiteral("iconPath"), m_iconPath},
-        {QStringLiteral("iconPosition"), m_iconPosition},
-        {QStringLiteral("title"), m_title},
+        {"form", m_form},
+        {"iconPath", m_iconPath},
+        {"iconPosition", m_iconPosition},
+        {"title", m_title},
     };
 }
 
@@ -107,18 +61,29 @@ ApplicationConfig::ApplicationConfig(const QString& name)
 }
 
 ApplicationConfig::ApplicationConfig(const QVariantMap& map)
-{
-    for (const TextField& text : TextFields()) {
-        this->*text.field = map.value(text.key).toString();
-    }
-    m_desktopItems = FromVariant<DesktopItem>(map.value(QStringLiteral("desktopItems")));
-    m_configPages = FromVariant<ConfigPage>(map.value(QStringLiteral("configPages")));
-    m_cgiBinDefault = map.value(QStringLiteral("cgiBinDefault")).toBool();
-    m_uid = static_cast<quint32>(map.value(QStringLiteral("uid")).toInt());
-    m_gid = static_cast<quint32>(map.value(QStringLiteral("gid")).toInt());
-    m_fastCgi = map.value(QStringLiteral("fastCgi")).toBool();
-    m_webResources = map.value(QStringLiteral("webResources")).toString();
-}
+    : m_name(map.value("name").toString()),
+      m_desktopItems(ItemsFromBus(map.value("desktopItems"))),
+      m_configPages(ItemsFromBus(map.value("configPages"))),
+      m_resources(map.value("resources").toString()),
+      m_prompts(map.value("prompts").toString()),
+      m_homeButton(map.value("homeButton").toString()),
+      m_cardRanges(map.value("cardRanges").toString()),
+      m_BINRanges(map.value("BINRanges").toString()),
+      m_whiteList(map.value("whiteList").toString()),
+      m_whiteListSignature(map.value("whiteListSignature").toString()),
+      m_whiteListSignaturePath(map.value("whiteListSignaturePath").toString()),
+      m_showOnBoot(map.value("showOnBoot").toString()),
+      m_runOnBoot(map.value("runOnBoot").toString()),
+      m_cgiBinDefault(map.value("cgiBinDefault").toBool()),
+      m_homeDir(map.value("homeDir").toString()),
+      m_tmpDir(map.value("tmpDir").toString()),
+      m_groupName(map.value("groupName").toString()),
+      m_userName(map.value("userName").toString()),
+      m_uid(static_cast<quint32>(map.value("uid").toInt())),
+      m_gid(static_cast<quint32>(map.value("gid").toInt())),
+      m_fastCgi(map.value("fastCgi").toBool()),
+      m_webResources(map.value("webResources").toString())
+{}
 
 ApplicationConfig::ApplicationConfig(const ApplicationConfig& other)
     : m_name(other.m_name),
@@ -147,34 +112,43 @@ ApplicationConfig::ApplicationConfig(const ApplicationConfig& other)
 
 ApplicationConfig& ApplicationConfig::operator=(const ApplicationConfig& other)
 {
-    if (this != &other) {
-        *this = ApplicationConfig(other);
-    }
-    return *this;
+    return *this = ApplicationConfig(other);
 }
 
 void ApplicationConfig::SetApplicationName(const QString& name)
 {
     m_name = name;
-    m_homeDir = QStringLiteral("/home/") + name;
-    m_tmpDir = QStringLiteral("/tmp/") + name;
+    m_homeDir = "/home/" + name;
+    m_tmpDir = "/tmp/" + name;
 }
 
 ApplicationConfig::operator QVariantMap() const
 {
-    QVariantMap map;
-    for (const TextField& text : TextFields()) {
-        map.insert(text.key, this->*text.field);
-    }
-    map.insert(QStringLiteral("desktopItems"), ToVariants(m_desktopItems));
-    map.insert(QStringLiteral("configPages"), ToVariants(m_configPages));
-    map.insert(QStringLiteral("cgiBinDefault"), m_cgiBinDefault);
-    map.insert(QStringLiteral("uid"), m_uid);
-    map.insert(QStringLiteral("gid"), m_gid);
-    map.insert(QStringLiteral("fastCgi"), m_fastCgi);
-    map.insert(QStringLiteral("webResources"), m_webResources);
-    map.insert(QStringLiteral("cacertPath"), m_cacertPath);
-    return map;
+    return {
+        {"name", m_name},
+        {"desktopItems", ToVariants(m_desktopItems)},
+        {"configPages", ToVariants(m_configPages)},
+        {"resources", m_resources},
+        {"prompts", m_prompts},
+        {"homeButton", m_homeButton},
+        {"cardRanges", m_cardRanges},
+        {"BINRanges", m_BINRanges},
+        {"whiteList", m_whiteList},
+        {"whiteListSignature", m_whiteListSignature},
+        {"whiteListSignaturePath", m_whiteListSignaturePath},
+        {"showOnBoot", m_showOnBoot},
+        {"runOnBoot", m_runOnBoot},
+        {"cgiBinDefault", m_cgiBinDefault},
+        {"homeDir", m_homeDir},
+        {"tmpDir", m_tmpDir},
+        {"groupName", m_groupName},
+        {"userName", m_userName},
+        {"uid", m_uid},
+        {"gid", m_gid},
+        {"fastCgi", m_fastCgi},
+        {"webResources", m_webResources},
+        {"cacertPath", m_cacertPath},
+    };
 }
 
 } // namespace core::configuration

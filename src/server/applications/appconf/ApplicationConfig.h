@@ -15,10 +15,10 @@ public:
     BaseItem() = default;
 
     /// Reads "form", "iconPath", "iconPosition" and "title" of a map; an absent key gives "" or 0.
-    explicit BaseItem(const QVariant& v);
+    BaseItem(const QVariant& v);
 
     /// A map with exactly those four keys.
-    operator QVariant() const; // NOLINT(google-explicit-constructor): an item is handed on as a value
+    operator QVariant() const;
 
     QString m_form;         ///< address of the form shown when the icon is touched
     QString m_iconPath;     ///< image shown as the icon, may be empty
@@ -26,17 +26,8 @@ public:
     QString m_title;        ///< caption
 };
 
-/// An icon on the desktop.
-class DesktopItem : public BaseItem {
-public:
-    using BaseItem::BaseItem;
-};
-
-/// An entry among the configuration pages.
-class ConfigPage : public BaseItem {
-public:
-    using BaseItem::BaseItem;
-};
+using DesktopItem = BaseItem; ///< an icon on the desktop
+using ConfigPage = BaseItem;  ///< an entry among the configuration pages
 
 /// What the daemon knows of one installed application. A plain value.
 class ApplicationConfig {
@@ -49,9 +40,9 @@ public:
 
     /// Reads a map that came over D-Bus. An absent key gives "", false or 0 (also for the ids); nested lists
     /// are read only in the form in which D-Bus delivers them. "cacertPath" is not read.
-    explicit ApplicationConfig(const QVariantMap& map);
+    ApplicationConfig(const QVariantMap& map);
 
-    /// A copy carries no CA certificate path: certificates concern the one who read the configuration.
+    /// A copy carries no CA certificate path; moving keeps it.
     ApplicationConfig(const ApplicationConfig& other);
     ApplicationConfig& operator=(const ApplicationConfig& other);
     ApplicationConfig(ApplicationConfig&&) noexcept = default;
@@ -62,7 +53,7 @@ public:
     void SetApplicationName(const QString& name);
 
     /// All 23 keys, empty ones included.
-    operator QVariantMap() const; // NOLINT(google-explicit-constructor): a record is handed on as a map
+    operator QVariantMap() const;
 
     QString m_name;
     QList<DesktopItem> m_desktopItems; ///< in file order

@@ -1,99 +1,145 @@
 #include "server/applications/appconf/XmlReader.h"
 
 #include "misc/UniqueFd.h"
-#include "server/applications/appconf/XmlLimits.h"
 
 #include <QFile>
+#include <QXmlDefaultHandler>
 #include <QXmlInputSource>
 #include <QXmlSimpleReader>
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <utility>
+#include <algorithm>
+
+// The SAX reader is deprecated, but the only way to keep text nodes of blanks.
+QT_WARNING_DISABLE_DEPRECATED
 
 namespace core::configuration {
 namespace {
 
-/// Opens what a link leads to only if that is a regular file: the mere opening of a device may act.
-UniqueFd OpenLinkedFile(const QByteArray& path)
-{
-    struct stat info = {};
-    const UniqueFd handle(open(path.constData(), O_PATH | O_CLOEXEC));
-    if (!handle || fstat(handle.Get(), &info) != 0 || !S_ISREG(info.st_mode)) {
-        return UniqueFd();
-    }
-    const QByteArray name = "/proc/self/fd/" + QByteArray::number(handle.Get());
-    return UniqueFd(open(name.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-}
+constexpr int kMaxDepth = 100;
+constexpr int kMaxEntities = 256;
+constexpr qint64 kMaxExpansion = 4LL * 1024 * 1024;
 
-/// Opens nothing but a regular file. Should an application put something else in its place between the two
-/// looks, then a pipe of its own at most: it can make no device, and a link is not followed.
-UniqueFd OpenRegularFile(const QByteArray& path, struct stat& info)
-{
-    UniqueFd fd;
-    if (lstat(path.constData(), &info) == 0 && S_ISREG(info.st_mode)) {
-        fd.Reset(open(path.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    } else if (S_ISLNK(info.st_mode)) {
-        fd = OpenLinkedFile(path);
-    }
-    const bool isRegular = fd && fstat(fd.Get(), &info) == 0 && S_ISREG(info.st_mode);
-    return isRegular ? std::move(fd) : UniqueFd();
-}
+/// Qt's own bound on the expansion of nested entities, in characters.
+constexpr qint64 kNestedExpansion = 4096;
 
-/// \return false when the file cannot be read, or holds more than \a size bytes: somebody is writing it
-bool ReadWhole(int fd, int size, QByteArray& content)
-{
-    int used = 0;
-    content.resize(size + 1);
-    while (used <= size) {
-        const ssize_t count = read(fd, content.data() + used, static_cast<size_t>(size + 1 - used));
-        if (count < 0 && errno == EINTR) {
-            continue;
+/// Stands in front of the DOM's handlers and stops the reader where a file could harm the daemon.
+class LimitingHandler : public QXmlDefaultHandler {
+public:
+    /// \param references  number of "&" and "%" in the text, the most references that it can hold
+    explicit LimitingHandler(qint64 references) : m_references(references) {}
+
+    QXmlContentHandler* m_content = nullptr; ///< the DOM's
+    QXmlDeclHandler* m_declarations = nullptr;
+
+    bool startElement(const QString& uri, const QString& localName, const QString& name,
+                      const QXmlAttributes& attributes) override
+    {
+        if (++m_depth > kMaxDepth) {
+            return Refuse("too many levels of elements");
         }
-        if (count < 0) {
-            return false;
-        }
-        if (count == 0) {
-            break;
-        }
-        used += static_cast<int>(count);
+        return m_content->startElement(uri, localName, name, attributes);
     }
-    content.truncate(used);
-    return used <= size;
-}
+    bool endElement(const QString& uri, const QString& localName, const QString& name) override
+    {
+        --m_depth;
+        return m_content->endElement(uri, localName, name);
+    }
+    bool internalEntityDecl(const QString& name, const QString& value) override
+    {
+        const bool isNested = value.contains('&') || value.contains('%');
+        const qint64 length = isNested ? std::max<qint64>(value.size(), kNestedExpansion) : value.size();
+        if (m_references * length > kMaxExpansion) {
+            return Refuse("entities could expand to too much text");
+        }
+        return CountEntity() && m_declarations->internalEntityDecl(name, value);
+    }
+    bool externalEntityDecl(const QString& name, const QString& publicId, const QString& systemId) override
+    {
+        return CountEntity() && m_declarations->externalEntityDecl(name, publicId, systemId);
+    }
+    QString errorString() const override { return m_error; }
+
+    void setDocumentLocator(QXmlLocator* locator) override { m_content->setDocumentLocator(locator); }
+    bool endDocument() override { return m_content->endDocument(); }
+    bool characters(const QString& text) override { return m_content->characters(text); }
+    bool skippedEntity(const QString& name) override { return m_content->skippedEntity(name); }
+    bool processingInstruction(const QString& target, const QString& data) override
+    {
+        return m_content->processingInstruction(target, data);
+    }
+
+private:
+    bool CountEntity() { return ++m_entities <= kMaxEntities || Refuse("too many entities"); }
+    bool Refuse(const char* reason)
+    {
+        m_error = reason;
+        return false;
+    }
+
+    qint64 m_references;
+    int m_depth = 0;
+    int m_entities = 0;
+    QString m_error;
+};
+
+/// QDomDocument installs its handlers in the reader that it is given.
+class LimitingReader : public QXmlSimpleReader {
+public:
+    explicit LimitingReader(LimitingHandler& handler) : m_handler(handler) {}
+
+    void setContentHandler(QXmlContentHandler* handler) override
+    {
+        m_handler.m_content = handler;
+        QXmlSimpleReader::setContentHandler(&m_handler);
+    }
+    void setDeclHandler(QXmlDeclHandler* handler) override
+    {
+        m_handler.m_declarations = handler;
+        QXmlSimpleReader::setDeclHandler(&m_handler);
+    }
+
+private:
+    LimitingHandler& m_handler;
+};
 
 } // namespace
 
 bool ReadConfigFile(const QString& path, QByteArray& content)
 {
     struct stat info = {};
-    const UniqueFd fd = OpenRegularFile(QFile::encodeName(path), info);
-    return fd && info.st_size <= kMaxXmlSize && ReadWhole(fd.Get(), static_cast<int>(info.st_size), content);
+    const UniqueFd handle(open(QFile::encodeName(path).constData(), O_PATH | O_CLOEXEC));
+    if (!handle || fstat(handle.Get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size > kMaxXmlSize) {
+        return false;
+    }
+    QFile file("/proc/self/fd/" + QString::number(handle.Get()));
+    if (!file.open(QIODevice::ReadOnly)) {
+        return false;
+    }
+    content = file.read(info.st_size);
+    return content.size() == info.st_size;
 }
 
-bool ParseXml(const QByteArray& xml, QDomDocument& document)
+bool ParseXml(const QByteArray& xml, QDomDocument& document, XmlError* error)
 {
-    // The SAX reader is deprecated, but the only way to keep text nodes of blanks.
-    QT_WARNING_PUSH
-    QT_WARNING_DISABLE_DEPRECATED
-    QXmlSimpleReader reader;
-    reader.setFeature(QStringLiteral("http://xml.org/sax/features/namespaces"), false);
-    reader.setFeature(QStringLiteral("http://xml.org/sax/features/namespace-prefixes"), true);
-    reader.setFeature(QStringLiteral("http://trolltech.com/xml/features/report-whitespace-only-CharData"),
-                      true);
     QXmlInputSource source;
     source.setData(xml);
-    if (FindXmlFlaw(source.data())) {
-        return false;
-    }
+    const QString text = source.data();
+    LimitingHandler handler(text.count('&') + text.count('%'));
+    LimitingReader reader(handler);
+    reader.setFeature("http://xml.org/sax/features/namespaces", false);
+    reader.setFeature("http://xml.org/sax/features/namespace-prefixes", true);
+    reader.setFeature("http://trolltech.com/xml/features/report-whitespace-only-CharData", true);
     QDomDocument parsed;
-    if (!parsed.setContent(&source, &reader)) {
+    XmlError reason;
+    if (!parsed.setContent(&source, &reader, &reason.text, &reason.line, &reason.column)) {
+        if (error != nullptr) {
+            *error = reason;
+        }
         return false;
     }
-    QT_WARNING_POP
     document = parsed;
     return true;
 }

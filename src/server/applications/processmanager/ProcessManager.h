@@ -3,19 +3,26 @@
 #include "server/applications/appconf/ApplicationConfig.h"
 
 #include <QString>
-#include <QStringList>
 
 namespace core::applications {
+
+/// User and group ids of application accounts.
+constexpr unsigned kFirstApplicationId = 4000;
+constexpr unsigned kLastApplicationId = 4999;
+
+/// \return whether both ids lie in that range; an unknown one, all bits set, does not
+constexpr bool IsValidAppID(unsigned uid, unsigned gid)
+{
+    return uid >= kFirstApplicationId && uid <= kLastApplicationId && gid >= kFirstApplicationId &&
+           gid <= kLastApplicationId;
+}
 
 /// Starts application programs under their own identity and ends all of them. Runs on the main thread and
 /// blocks it; needs root.
 class ProcessManager {
 public:
-    /// Looks once whether the daemon has a terminal, which no program is to get; it never acquires one later.
-    ProcessManager();
-
-    /// Launches a program as the application's user and group and waits until it is executed or has failed.
-    /// The program is neither waited for nor tracked further.
+    /// Launches a program as the application's user and group and waits until it is executed or has failed,
+    /// at most 10 s. The program is neither waited for nor tracked further.
     ///
     /// \param command  program path up to the first blank, then parameters separated by blanks; a leading
     ///                 blank means no program: only the directories are prepared
@@ -24,8 +31,8 @@ public:
     ///         executed. True also when the child ended before that, because it could not take on its
     ///         identity or enter its home directory: that shows in the log only.
     ///
-    /// Logs each failure at error level with the system's error text. The child's records and texts are
-    /// fixed; it ends with status 255, or 1 when the program could not be executed.
+    /// Logs each failure at error level with the system's error text. A failed child ends with status 255,
+    /// or 1 when the program could not be executed.
     bool StartProcess(const QString& command, const core::configuration::ApplicationConfig& config);
 
     /// Creates /tmp/<name> and, for FastCGI, /var/run/sockets/<name>/ for the application's identity (0770),
@@ -46,12 +53,8 @@ public:
     /// \param pid  process id in decimal
     static void GetProcessUIDandGID(const QString& pid, unsigned int& uid, unsigned int& gid);
 
-    /// \return whether both ids are those of application accounts, 4000 to 4999
-    static bool IsApplicationIdentity(unsigned uid, unsigned gid);
-
     /// Sends SIGTERM and, 250 ms later, SIGKILL to every process whose user and group both are application
-    /// accounts; then waits, without sleeping, until the daemon has no children. When some are left after a
-    /// second, those of application accounts that came meanwhile get SIGKILL.
+    /// accounts; then polls until the daemon has no children, and signals anew once a second.
     void TerminateApps();
 
     /// Sends \a sig to one process.
@@ -60,10 +63,8 @@ public:
     static int TerminateProcess(int pid, int sig);
 
 private:
-    static bool SignalProcesses(const QStringList& processes, int sig);
     static void SignalApplicationProcesses();
 
-    bool m_hasTerminal;
     QString m_preparedAppName; ///< application whose directories were prepared last
 };
 

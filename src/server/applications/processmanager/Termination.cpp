@@ -1,16 +1,15 @@
 #include "misc/Log.h"
 #include "misc/Utils.h"
-#include "server/applications/ApplicationIds.h"
 #include "server/applications/appconf/AppConfigParser.h"
 #include "server/applications/processmanager/ProcessManager.h"
 
-#include <QDeadlineTimer>
 #include <QDir>
 #include <QRegExp>
 
 #include <sys/wait.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 
@@ -21,28 +20,14 @@ namespace core::applications {
 namespace {
 
 constexpr auto kSource = "/pkgs/kx-core/src/server/applications/processmanager/ProcessManager";
-constexpr std::chrono::milliseconds kGracePeriod{250};
-
-/// Far more than the system needs to end what was killed.
-constexpr std::chrono::seconds kEndPatience{1};
-
-QStringList ListProcesses()
-{
-    const QStringList directories =
-        QDir(QStringLiteral("/proc/")).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
-    return directories.filter(QRegExp(QStringLiteral("^[0-9]*$")));
-}
+constexpr std::chrono::milliseconds kPauseBetweenPasses{250};
+constexpr std::chrono::seconds kRepeatInterval{1};
 
 } // namespace
 
-bool ProcessManager::IsApplicationIdentity(unsigned uid, unsigned gid)
-{
-    return IsApplicationId(uid) && IsApplicationId(gid);
-}
-
 void ProcessManager::GetProcessUIDandGID(const QString& pid, unsigned int& uid, unsigned int& gid)
 {
-    const QString path = QStringLiteral("/proc/") + pid;
+    const QString path = "/proc/" + pid;
     core::configuration::Parser::GetResourceUIDandGID(&path, uid, gid);
 }
 
@@ -57,53 +42,50 @@ int ProcessManager::TerminateProcess(int pid, int sig)
     if (result != 0 && error != ECHILD) {
         qInfo() << KX_PREFIX(kSource)
                 << QStringLiteral("TerminateProcess: kill() call failed for PID=%1 (%2)")
-                       .arg(QString::number(pid), QString::fromLocal8Bit(std::strerror(error)));
+                       .arg(QString::number(pid), std::strerror(error));
     }
     return result;
 }
 
-bool ProcessManager::SignalProcesses(const QStringList& processes, int sig)
-{
-    bool signalled = false;
-    for (const QString& process : processes) {
-        unsigned uid = 0;
-        unsigned gid = 0;
-        GetProcessUIDandGID(process, uid, gid);
-        if (IsApplicationIdentity(uid, gid)) {
-            TerminateProcess(process.toInt(), sig);
-            signalled = true;
-        }
-    }
-    return signalled;
-}
-
 void ProcessManager::SignalApplicationProcesses()
 {
-    const QStringList processes = ListProcesses();
-    if (SignalProcesses(processes, SIGTERM)) {
-        Misc::Pause(kGracePeriod);
-        SignalProcesses(processes, SIGKILL);
+    const QStringList processes =
+        QDir("/proc/").entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name).filter(QRegExp("^[0-9]*$"));
+    bool signalled = false;
+    for (const int sig : {SIGTERM, SIGKILL}) {
+        for (const QString& process : processes) {
+            unsigned uid = 0;
+            unsigned gid = 0;
+            GetProcessUIDandGID(process, uid, gid);
+            if (IsValidAppID(uid, gid)) {
+                TerminateProcess(process.toInt(), sig);
+                signalled = true;
+            }
+        }
+        if (sig == SIGKILL || !signalled) {
+            return;
+        }
+        Misc::Pause(kPauseBetweenPasses);
     }
 }
 
 void ProcessManager::TerminateApps()
 {
+    using Clock = std::chrono::steady_clock;
     SignalApplicationProcesses();
-    const QDeadlineTimer patience(kEndPatience);
+    auto repeatAt = Clock::now() + kRepeatInterval;
     for (;;) {
         int status = 0;
         errno = 0;
         const pid_t ended = waitpid(-1, &status, WNOHANG);
-        if (ended == -1 && errno == ECHILD) {
+        const int error = errno;
+        if (ended == -1 && error == ECHILD) {
             break;
         }
-        if (ended == -1) {
+        // A program can answer its SIGTERM with new children of the daemon (CLONE_PARENT).
+        if (ended == -1 || Clock::now() >= repeatAt) {
             SignalApplicationProcesses();
-        }
-        // Whoever is asked to end can answer by making more children of the daemon (CLONE_PARENT). They came
-        // too late for the list, and are not asked again.
-        if (patience.hasExpired()) {
-            SignalProcesses(ListProcesses(), SIGKILL);
+            repeatAt = Clock::now() + kRepeatInterval;
         }
     }
     m_preparedAppName.clear();
