@@ -184,7 +184,6 @@ void TryLog(QByteArray input)
     const QString message = QString::fromUtf8(input);
     if (LogInitializer::SplitMsg(message, file, function, line, text)) {
         Require(!file.isEmpty() && !function.isEmpty() && line != 0, "a prefix is complete");
-        Require(message.endsWith(text), "the text is the rest");
     }
     const QString prefix = '"' + com::veltrasys::common::qt::GetPrefix("/a/Server", "Start", 42, false) + '"';
     LogInitializer::SplitMsg(prefix + message, file, function, line, text);
