@@ -1,21 +1,17 @@
 # Hostile and vanishing callers, and surroundings that fail: the daemon is well again afterwards.
 import contextlib
-import multiprocessing
 import os
 import random
 import resource
 import time
 
 import pytest
-from gi.repository import Gio, GLib
 
-from kx import (SERVICE, SLEEP, call, content, install, natively, processes, put, remove, status, system,
-                variant, wait)
-from operation import HOSTILE
+import torture
+from kx import SLEEP, call, content, install, natively, processes, put, remove, status, system, wait
 
 VARIABLES, STARTED = "/etc/rc.d/rc.platform.conf", {"errorCode": 0}
 USB = {"mode": "serial", "usbForceFullspeed": "0", "dflt": "0", "usbuid": "0", "hubid": "hub"}
-SECONDS, SEED = float(os.environ.get("KX_SECONDS", 2)), int(os.environ.get("KX_SEED", time.time_ns()))
 
 
 def start(params="100"):
@@ -82,45 +78,9 @@ def test_memory_does_not_grow(shared):
     assert resident(shared) - before <= 4 << 10
 
 
-METHODS = [("Applications", "Enumerate", ""), ("Applications", "Start", "m"), ("System", "SystemCall", "im"),
-           ("Tools", "SetTimeInfo", "sss"), ("Tools", "SaveVariableValue", "ss")]
-KEYS = ["application", "binary", "params", "default", "mode", "dflt", "newconf", "url", "text", "number"]
-TEXTS = ["pay", "idle", "../../../bin/sh", "\uffff", "Europe/../../../etc", "[[[*?\\", "enable", "2"]
-VALUES = [*HOSTILE.values(), *TEXTS]
-
-
-# A call with arguments of the right types, or of any.
-def message(chance):
-    thing, member, kinds = chance.choice(METHODS)
-    right = {"i": chance.randrange(95, 108), "s": chance.choice(TEXTS),
-             "m": {chance.choice(KEYS): chance.choice(VALUES) for _ in range(5)}}
-    body = [right[kind] for kind in kinds] if chance.random() < 0.7 else chance.choices(VALUES, k=3)
-    call_ = Gio.DBusMessage.new_method_call(SERVICE, f"/{thing}", f"{SERVICE}.{thing}", member)
-    call_.set_body(GLib.Variant.new_tuple(*map(variant, body)))
-    return call_
-
-
-# Most callers wait for their answer, some vanish before it.
-def attack(seed, end):
-    chance, address = random.Random(seed), Gio.dbus_address_get_for_bus_sync(Gio.BusType.SYSTEM)
-    kind = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
-    while time.monotonic() < end:
-        connection = Gio.DBusConnection.new_for_address_sync(address, kind)
-        while chance.random() < 0.9:
-            connection.send_message_with_reply_sync(message(chance), 0, 25000)
-        connection.send_message(message(chance), 0)
-        connection.flush_sync()
-        connection.close_sync()
-
-
+# For as long as a whole run can afford; scripts/torture does it longer.
 def test_hostile_callers(shared):
-    print(f"KX_SEED={SEED}")
-    process, end = multiprocessing.get_context("spawn").Process, time.monotonic() + SECONDS
-    right, before = call("Applications.Enumerate"), resident(shared)
-    attackers = [process(target=attack, args=(SEED + number, end)) for number in range(4)]
-    for attacker in attackers:
-        attacker.start()
-    while any(attacker.is_alive() for attacker in attackers):
-        assert call("Applications.Enumerate", seconds=25) == right
-    assert [attacker.exitcode for attacker in attackers] == [0] * 4
+    print("seed", seed := time.time_ns())
+    before = resident(shared)
+    torture.messages(shared, random.Random(seed), time.monotonic() + 2)
     assert resident(shared) - before < 64 << 10
