@@ -1,4 +1,4 @@
-"""kxctl as an operator and a script see it: command line, exit status, standard output, standard error."""
+# kxctl as an operator and a script see it: command line, exit status, standard output, standard error.
 import json
 import os
 import re
@@ -22,9 +22,14 @@ def kxctl(*arguments, **options):
     return run("kxctl", *arguments, **options)
 
 
-def matches(found, status, out, err):
-    return found[0] == status and re.fullmatch(out, found[1], re.S) and re.fullmatch(
-        f"kxctl: {err}\n" if err else "", found[2])
+# Whether "status output errors" is of a form.
+def matches(found, form):
+    return re.fullmatch(form, "{} {}{}".format(*found).strip(), re.S)
+
+
+# Rows of a table, whose columns are divided by arrows.
+def rows(text):
+    return [line.strip().split(" -> ") for line in text.strip().splitlines()]
 
 
 # With a terminal for input and output.
@@ -51,62 +56,59 @@ def test_without_daemon(command):
 def test_start_waits_until_it_is_done(own):
     put("/home/platform/html/show_once.html")  # with which nothing is started
     assert (daemon := own()).serving()
-    assert matches(kxctl("start", "--wait", "--timeout", "1"), 3, "", "the applications were not started.*")
+    late = kxctl("start", "--wait", "--timeout", "1")
+    assert matches(late, "3 kxctl: the applications were not started.*")
     put(marker := "/var/run/sockets/marker")
     starting = subprocess.Popen(["kxctl", "start", "--wait"], stderr=subprocess.PIPE, text=True)
     assert wait(lambda: not os.path.exists(marker)) and daemon.end() == 0
     assert starting.wait() == 3 and "the daemon ended before" in starting.stderr.read()
 
 
-@pytest.mark.parametrize("command, reason", [
-    ("", "no verb given; see kxctl --help"),
-    ("bogus", "unknown verb 'bogus'; see kxctl --help"),
-    ("apps --bogus", "apps: unknown option 'bogus'"),
-    ("--timeout soon apps", "--timeout: 'soon' is no number of seconds"),
-    ("restart", "restart: not without --yes when there is no terminal to ask on"),
-    ("system", "system: needs an operation"),
-    ("timeinfo now UTC host", "timeinfo: 'host' is none of HOST, MANUAL, HUB, UNKNOWN"),
-    ("var set A-B x", "var set: 'A-B' is no name of a shell variable; --force stores it"),
-    ("system web --caching yes", "system web: --caching: 'yes' is none of on, off"),
-    ("system call 95", "system call: there is no call '95', only 1 and 96 to 105"),
-    ("system call 99 text", "system call: 'text' is neither KEY=TEXT nor KEY:=JSON"),
-    ("system call 99 text:={", "system call: 'text:={' holds no JSON value that can be sent"),
-])
+@pytest.mark.parametrize("command, reason", rows("""
+    bogus -> unknown verb 'bogus'; see kxctl --help
+    apps --bogus -> apps: unknown option 'bogus'
+    --timeout soon apps -> --timeout: 'soon' is no number of seconds
+    restart -> restart: not without --yes when there is no terminal to ask on
+    system -> system: needs an operation
+    timeinfo now UTC host -> timeinfo: 'host' is none of HOST, MANUAL, HUB, UNKNOWN
+    var set A-B x -> var set: 'A-B' is no name of a shell variable; --force stores it
+    system web --caching yes -> system web: --caching: 'yes' is none of on, off
+    system call 95 -> system call: there is no call '95', only 1 and 96 to 105
+    system call 99 text -> system call: 'text' is neither KEY=TEXT nor KEY:=JSON
+    system call 99 text:={ -> system call: 'text:={' holds no JSON value that can be sent
+"""))
 def test_misuse(command, reason):
     verb = re.match("([a-z ]+): ", reason)
     hint = f"; see kxctl {verb[1]} --help" if verb else ""
     assert kxctl(*command.split()) == (2, "", f"kxctl: {reason}{hint}\n")
 
 
-@pytest.mark.parametrize("command, status, out, err", [
-    ("apps", 0, r"NAME +USER +UID/GID +SERVED BY +RUNNING +BOOT PROGRAM +BOOT PAGE\npay +pay +4002/4002 "
-     r"+FastCGI +idle +/home/pay/bin/idle 100 +/home/pay/html/index.html\nshop\\u001b.* - +- +-\n", ""),
-    ("apps --names --json", 0, r'\[\n    "pay",\n    "shop\\u001b\[31m"\n\]\n', ""),
-    ("app pay", 0, r"name +pay\nuser +pay \(4002\)\n.*boot program +/home/pay/bin/idle 100\n(?!.*prompts).*"
-     r"Desktop:\n  POSITION .*\n  2 +Pay\\u009b2J +/html/pay/index.html  /html/pay/pay.svg\n", ""),
-    ("start pay", 2, "", "start: needs a BINARY of pay: idle, receipt; see kxctl start --help"),
-    ("start --json none x", 1, r'\{\n *"errorCode": -1,.*\}\n', "Application none doesn't exist"),
-    ("home", 0, "no application has a default form; .* is shown when a browser comes; none runs\n", ""),
-    ("stop", 0, "all applications are stopped\n", ""),
-    ("status", 0, r"daemon +pid \d+, since \d{4}-.*, \d+\.\d MiB\n.*page +not known\ndefault form +none\n\n"
-     r"APPLICATION .*\npay +\d+ +idle +00:00:\d\d +\d+\.\d MiB\nshop\S+ +- +- +- +-\n", ""),
-    ("zone list", 0, r".*\nEurope/Berlin\n.*\nUTC\n.*", ""),
-    ("var set --force A-B x", 0, "", ""),
-    ("system battery", 1, "", r"the operation failed.* \(the daemon answered -1\)"),
-    ("system call 103", 0, "return  0\n", ""),
-    ("system call 97 caching=maybe", 1, "", r"Invalid caching status: maybe \(the daemon answered -1\)"),
-])
-def test_answers(apps, command, status, out, err):
-    assert matches(kxctl(*command.split()), status, out, err)
+@pytest.mark.parametrize("command, form", rows(r"""
+    apps -> 0 NAME +USER .*\npay +pay +4002/4002 +FastCGI +idle +/home/pay/bin/idle 100 .*\nshop\\u001b.*
+    apps --names --json -> 0 \[\n    "pay",\n    "shop\\u001b\[31m"\n\]
+    app pay -> 0 name +pay\nuser +pay \(4002\)\n(?!.*prompts).*\n  2 +Pay\\u009b2J +/html/pay/index.html .*
+    start pay -> 2 kxctl: start: needs a BINARY of pay: idle, receipt; see kxctl start --help
+    start --json none x -> 1 \{\n *"errorCode": -1,.*\}\nkxctl: Application none doesn't exist
+    home -> 0 no application has a default form; .* is shown when a browser comes; none runs
+    stop -> 0 all applications are stopped
+    status -> 0 daemon +pid \d+, since \d{4}-.* MiB\n.*\npay +\d+ +idle +00:00:\d\d .* MiB\nshop.*
+    zone list -> 0 .*\nEurope/Berlin\n.*\nUTC\n.*
+    var set --force A-B x -> 0
+    system battery -> 1 kxctl: the operation failed.* \(the daemon answered -1\)
+    system call 103 -> 0 return  0
+    system call 97 caching=maybe -> 1 kxctl: Invalid caching status: maybe \(the daemon answered -1\)
+"""))
+def test_answers(apps, command, form):
+    assert matches(kxctl(*command.split()), form)
 
 
-@pytest.mark.parametrize("command, expected", [
-    ("reboot --yes", "reboot"), ("poweroff --yes", "poweroff"), ("console disable", "console disable"),
-    ("hwtest --url http://localhost/x", "hwtest -f OPEN_ON_EXIT_URL=http://localhost/x"),
-    ("web --protocol HTTPS --caching off --buffering on", "lighthttpd restart"),
-    ("usb --mode serial --unit-serial --hub-id AB --lte-connected", "modprobe g_serial .*gadget_uid=y"),
-    ("call 97 newconf=HTTP caching=on", "lighthttpd restart"),
-])
+@pytest.mark.parametrize("command, expected", rows("""
+    poweroff --yes -> poweroff
+    console disable -> console disable
+    hwtest --url http://localhost/x -> hwtest -f OPEN_ON_EXIT_URL=http://localhost/x
+    web --protocol HTTPS --caching off --buffering on -> lighthttpd restart
+    usb --mode serial --unit-serial --hub-id AB --lte-connected -> modprobe g_serial .*gadget_uid=y
+"""))
 def test_reaches_the_platform(apps, command, expected):
     assert kxctl("system", *command.split())[::2] == (0, "")
     called = []
@@ -124,7 +126,7 @@ def test_passes_parameters_and_json(apps):
 
 def test_default_form_and_conflicts(apps):
     install("desktop", 4004, "<show_on_boot>html/index.html</show_on_boot>", **{"html_index.html": "x"})
-    assert matches(kxctl("home"), 0, "the form html/index.html of desktop is shown when a browser .*", "")
+    assert matches(kxctl("home"), "0 the form html/index.html of desktop is shown when a browser .*")
     assert re.search(r"\ndefault form +desktop\nconflict +desktop: .*\nconflict +pay: <show_on_boot> is also "
                      "set by desktop; the default form is shown instead\n", kxctl("status")[1])
     assert json.loads(kxctl("status", "--json")[1])["daemon"]["pid"] == apps.pid
@@ -154,8 +156,8 @@ def test_on_a_terminal(apps):
     assert max(map(len, re.sub("\033[^m]*m", "", text).splitlines())) == 60
     assert "\033" not in kxctl("apps")[1] + on_terminal("NO_COLOR=1 kxctl apps")[1]
     for command in "restart", "system reboot", "system poweroff":
-        status, out = on_terminal("kxctl " + command, "n\n")
-        assert status == 1 and "? [y/N] " in out and out.endswith("nothing was done\n")
+        refused = on_terminal("kxctl " + command, "n\n")
+        assert refused[0] == 1 and re.search(r"\? \[y/N\] .*nothing was done", refused[1], re.S)
     assert on_terminal("kxctl system reboot", "y\n")[0] == 0 and calls() == ["reboot"]
 
 
@@ -163,39 +165,36 @@ def test_waits_and_gives_up(shared):
     os.kill(shared.pid, signal.SIGSTOP)
     late, (status, out) = kxctl("apps", "--timeout", "1"), on_terminal("kxctl apps --timeout 3")
     os.kill(shared.pid, signal.SIGCONT)
-    assert matches(late, 3, "", "the daemon did not answer in time.*")
-    assert status == 3 and re.search("waiting for the daemon….*the daemon did not answer in time", out, re.S)
+    assert matches(late, "3 kxctl: the daemon did not answer in time.*")
+    assert status == 3 and re.search("waiting for the daemon….*did not answer in time", out, re.S)
 
 
 def test_refusals_of_the_system(shared):
-    assert matches(kxctl("apps", account="guest"), 1, "", "the system bus does not let this account .*")
+    assert matches(kxctl("apps", account="guest"), "1 kxctl: the system bus does not let this account .*")
     assert run("sh", "-c", "kxctl apps >/dev/full") == (1, "", "kxctl: cannot write to standard output\n")
     without_bus = kxctl("apps", env={"DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/run/none"})
-    assert matches(without_bus, 3, "", "cannot reach the system bus: .*")
+    assert matches(without_bus, "3 kxctl: cannot reach the system bus: .*")
 
 
-@pytest.mark.parametrize("conf, problem", [
-    ("<prompts>x", "2: error: not well-formed: .*; nothing of the file is read"),
-    ("<Prompts>x</Prompts>", "2: error: <Prompts>: unknown element; it is not read"),
-    ("<prompts>res/list<!-- x --></prompts>", "2: error: <prompts>: only its text up to .*: 'res/list'"),
-    ("<prompts>/etc/x</prompts>", "2: error: <prompts>: File '/etc/x' isn't located in .* Ignored."),
-    ("<run_on_boot>bin/no</run_on_boot>", "2: error: <run_on_boot>: program '.*/no' does not exist"),
-    ("<show_on_boot>res/list</show_on_boot>", "2: error: <show_on_boot>: 'res/list' has no page address: .*"),
-    ("<resources>a</resources>\n<resources>res</resources>", "2: error: <resources>: .* does not exist\n.*"
-     "/app.conf:3: warning: <resources>: given more than once; the last one counts"),
-    ("<desktop_item icon_position='101'>html/index.html</desktop_item>",
-     r"2: warning: <desktop_item>: 'icon_position' should be 1 to 100 \(actual value: 101\)"),
-    ("<resources>../shop</resources>", "2: warning: <resources>: '/home/shop' leads out of .*"),
-    ("<white_list signature='0aFF' signature_path='./res/list'>res/list</white_list>"
-     "<show_on_boot>~/html/index.html</show_on_boot><desktop_item>html/index.html?page=1</desktop_item>", ""),
-])
+@pytest.mark.parametrize("conf, problem", rows(r"""
+    <prompts>x -> error: not well-formed: .*; nothing of the file is read
+    <Prompts>x</Prompts> -> error: <Prompts>: unknown element; it is not read
+    <prompts>res/list<!-- x --></prompts> -> error: <prompts>: only its text up to .*: 'res/list'
+    <prompts>/etc/x</prompts> -> error: <prompts>: File '/etc/x' isn't located in .* Ignored.
+    <run_on_boot>bin/no</run_on_boot> -> error: <run_on_boot>: program '.*/no' does not exist
+    <show_on_boot>res/list</show_on_boot> -> error: <show_on_boot>: 'res/list' has no page address: .*
+    <prompts>res/list</prompts><prompts>res/list</prompts> -> warning: <prompts>: given more than once; .*
+    <desktop_item icon_position='101'>html/index.html</desktop_item> -> warning: .* 1 to 100 .*: 101\)
+    <resources>../shop</resources> -> warning: <resources>: '/home/shop' leads out of .*
+    <white_list signature='0aFF' signature_path='./res/list'>res/list</white_list> -> ok
+    <show_on_boot>~/html/index.html</show_on_boot><config_page>html/index.html?page=1</config_page> -> ok
+"""))
 def test_check(conf, problem):
     put("/tmp/pay/app.conf", f"<application>\n{conf}</application>")
     put("/tmp/pay/res/list", mode=0o644), put("/tmp/pay/html/index.html")
-    counts = [len(re.findall(f": {severity}: ", problem)) for severity in ("error", "warning")]
-    result = "errors: {}, warnings: {}".format(*counts) if problem else "ok"
-    out = (f"/tmp/pay/app.conf:{problem}\n" if problem else "") + f"pay: {result}\n"
-    assert matches(kxctl("check", "/tmp/pay"), int(counts[0] > 0), out, "")
+    counts = [int(problem.startswith(severity)) for severity in ("error", "warning")]
+    result = "/tmp/pay/app.conf:2: {}\npay: errors: {}, warnings: {}".format(problem, *counts)
+    assert matches(kxctl("check", "/tmp/pay"), f"{counts[0]} " + ("pay: ok" if problem == "ok" else result))
 
 
 def test_check_of_all_homes():
@@ -234,8 +233,8 @@ _kxctl "${1%% *}"; echo "${COMPREPLY[*]}" """
     ("kxctl a", "app apps audiopayd"), ("kxctl system kernel ", "set"), ("kxctl --json app ", "pay shop"),
     ("kxctl start pay re", "receipt refund"), ("kxctl system console ", "disable enable"),
     ("kxctl system usb --mode ", "ethernet serial"), ("kxctl apps --timeout 5 --n", "--names"),
-    ("kxctl apps ", "--help --json --names --timeout"), ("kxctl check /tmp/ap", "/tmp/application"),
-    ("kxctl zone set Europe/Berl", "Europe/Berlin"), ("kxctl timeinfo '' Europe/Berlin H", "HOST HUB"),
+    ("kxctl check /tmp/ap", "/tmp/application"), ("kxctl zone set Europe/Berl", "Europe/Berlin"),
+    ("kxctl apps ", "--help --json --names --timeout"), ("kxctl timeinfo '' Europe/Berlin H", "HOST HUB"),
     ("kxregistry ", "delete get list set watch"), ("kxregistry get a:", "b"),
 ])
 def test_completes(shared, line, offered):
