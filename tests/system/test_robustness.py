@@ -3,6 +3,7 @@ import contextlib
 import os
 import random
 import resource
+import signal
 import time
 
 import pytest
@@ -61,6 +62,20 @@ def test_no_descriptors(shared):
     assert start()["errorCode"] == -1 and call("Applications.Enumerate") == []
     assert call("Tools.SaveVariableValue", "ss", "NEW", "value") == -1
     resource.prlimit(shared.pid, kind, before)
+
+
+# While the daemon stands still, the signals of its children merge into one.
+@natively
+def test_children_that_end_at_once(shared):
+    for _ in range(50):
+        start("1000")
+    assert wait(lambda: len(processes("/home/pay/bin/idle")) == 50)
+    os.kill(shared.pid, signal.SIGSTOP)
+    for pid in processes("/home/pay/bin/idle"):
+        os.kill(pid, signal.SIGKILL)
+    assert wait(lambda: not processes("/home/pay/bin/idle")) and len(processes(parent=shared.pid)) == 50
+    os.kill(shared.pid, signal.SIGCONT)
+    assert wait(lambda: not processes(parent=shared.pid), 2)
 
 
 @natively
