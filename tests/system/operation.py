@@ -1,4 +1,4 @@
-"""A numbered operation of the system server and all that it does: answer, calls, records, files."""
+# A numbered operation of the system server and all that it does: answer, calls, records, files.
 import dataclasses
 from fnmatch import fnmatchcase
 from itertools import zip_longest
@@ -31,7 +31,7 @@ class Case:
                 "log": list(self.log), "files": self.after}
 
     def seen(self, daemon):
-        """Does it; \return what is to be compared with what was expected."""
+        # Does it; \return what is to be compared with what was expected.
         for path, text in self.before.items():
             put(path, text)
         answer(**self.answers)

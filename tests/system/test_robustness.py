@@ -1,4 +1,4 @@
-"""Hostile and vanishing callers, and surroundings that fail: the daemon is well again afterwards."""
+# Hostile and vanishing callers, and surroundings that fail: the daemon is well again afterwards.
 import contextlib
 
 import multiprocessing
@@ -26,7 +26,7 @@ def start(params="100"):
 
 
 def well(daemon):
-    """What must be the same afterwards: descriptors (with the log's), threads, children, answers."""
+    # What must be the same afterwards: descriptors (with the log's), threads, children, answers.
     assert system(77) == {"return": -1}
     return (len(os.listdir(f"/proc/{daemon.pid}/fd")), status(daemon.pid)["Threads"],
             processes(parent=daemon.pid), call("Applications.Enumerate"))
@@ -88,7 +88,7 @@ def test_no_descriptors(shared):
 
 @natively
 def test_no_processes(shared):
-    """The limit is one on the processes of the application's account: root has none."""
+    # The limit is one on the processes of the application's account: root has none.
     shared.log()
     with limit(shared, resource.RLIMIT_NPROC, 5):
         answers = [start() for _ in range(10)]
@@ -100,7 +100,7 @@ def test_no_processes(shared):
 
 @natively
 def test_children_that_end_at_once(shared):
-    """While the daemon stands still, their signals merge into one."""
+    # While the daemon stands still, their signals merge into one.
     for _ in range(50):
         start("1000")
     assert wait(lambda: len(processes(IDLE)) == 50)
@@ -137,7 +137,7 @@ VALUES = [*HOSTILE.values(), *TEXTS]
 
 
 def message(chance):
-    """A call with arguments of the right types, or of any."""
+    # A call with arguments of the right types, or of any.
     thing, member, kinds = chance.choice(METHODS)
     right = {"i": chance.randrange(95, 108), "s": chance.choice(TEXTS),
              "m": {chance.choice(KEYS): chance.choice(VALUES) for _ in range(5)}}
@@ -148,7 +148,7 @@ def message(chance):
 
 
 def attack(seed, end):
-    """Most callers wait for their answer, some do not, and some vanish before it."""
+    # Most callers wait for their answer, some do not, and some vanish before it.
     chance, connection = random.Random(seed), None
     address = Gio.dbus_address_get_for_bus_sync(Gio.BusType.SYSTEM)
     kind = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION

@@ -1,4 +1,4 @@
-"""The other numbered system calls, and hostile arguments to all of them."""
+# The other numbered system calls, and hostile arguments to all of them.
 import os
 
 import pytest
@@ -73,7 +73,7 @@ def test_system_call(shared, case):
 
 
 def test_hardware_test_gets_its_page(shared):
-    """In this order: what one call leaves behind must not reach the next."""
+    # In this order: what one call leaves behind must not reach the next.
     shell, longest = "http://localhost/a b?c=$(reboot)", "x" * 100000
     for url, page in ((shell, shell), (None, None), ("", ""), (b"x", None), (longest, longest)):
         assert system(98, {} if url is None else {"url": url}) == {"return": 0}
