@@ -3,8 +3,6 @@ import dataclasses
 from fnmatch import fnmatchcase
 from itertools import zip_longest
 
-from gi.repository import GLib
-
 from kx import answer, calls, content, put, system, wait
 
 RESTARTED = ["OnTerminate", "OnTerminate", "OnStarted"]  # applications stop and start again
@@ -47,13 +45,3 @@ class Case:
 
     def counts(self, record):
         return self.progress or not record.startswith("info")
-
-
-# Values that no argument should have.
-HOSTILE = {
-    "long": "'" * 1000000, "shell": "'\"`reboot`$(reboot);reboot\n|reboot&%1%s%n\x80", "empty": "",
-    "NUL": b"serial\0reboot", "bytes": b"\xff" * 1000000, "list": ["serial", "HTTP"],
-    "map": {"mode": {"mode": "x"}}, "variants": GLib.Variant("v", GLib.Variant("v", GLib.Variant("i", 2))),
-    "NaN": float("nan"), "true": True,
-    "path": GLib.Variant("o", "/System"), "pair": GLib.Variant("(ii)", (1, 2)), "byte": GLib.Variant("y", 50),
-    "least": GLib.Variant("x", -2**63), "most": GLib.Variant("t", 2**64 - 1)}

@@ -139,7 +139,8 @@ def test_weaker_source_is_told_why(shared):
 
 
 def test_monitor(apps):
-    monitor = subprocess.Popen(["kxctl", "monitor"], text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    pipe = subprocess.PIPE
+    monitor = subprocess.Popen(["kxctl", "monitor"], text=True, stdout=pipe, stderr=pipe)
     assert monitor.stderr.readline() == "kxctl: monitoring, Ctrl-C ends\n"
     kxctl("zone", "set", "Europe/Berlin"), kxctl("start")
     for event in "/Tools  TimeInfoChanged .*Europe/Berlin  MANUAL", ".*  OnTerminate  {}", ".*OnStarted  {}":
