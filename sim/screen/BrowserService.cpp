@@ -18,14 +18,14 @@ constexpr int kFailure = -1;
 QString ApplicationOf(const QUrl& url)
 {
     static const QRegularExpression owner(
-        QStringLiteral("^/cgi-bin/page/show\\?path=([^/]+)/|^/(?:cgi-bin|html|files)/([^/]+)/"));
+        "^/cgi-bin/page/show\\?path=([^/]+)/|^/(?:cgi-bin|html|files)/([^/]+)/");
     const auto match = owner.match(url.toString(QUrl::RemoveScheme | QUrl::RemoveAuthority));
     return match.captured(1) + match.captured(2);
 }
 
 bool IsHttp(const QUrl& url)
 {
-    return url.isValid() && url.scheme() == QLatin1String("http");
+    return url.isValid() && url.scheme() == "http";
 }
 
 QString Json(const QJsonArray& array)
@@ -57,9 +57,9 @@ BrowserService::BrowserService(WebView& view, QObject* parent) : QObject(parent)
 
 QVariantMap BrowserService::GetUrl() const
 {
-    return {{QStringLiteral("url"), m_hasPage ? m_view.url().toString(QUrl::FullyEncoded) : QString()},
-            {QStringLiteral("application"), m_hasPage ? ApplicationOf(m_view.url()) : QString()},
-            {QStringLiteral("title"), m_hasPage ? m_view.title() : QString()}};
+    return {{"url", m_hasPage ? m_view.url().toString(QUrl::FullyEncoded) : QString()},
+            {"application", m_hasPage ? ApplicationOf(m_view.url()) : QString()},
+            {"title", m_hasPage ? m_view.title() : QString()}};
 }
 
 QString BrowserService::QueryPage()
@@ -93,7 +93,7 @@ int BrowserService::Load(const QString& path)
 {
     const QUrl url(path, QUrl::StrictMode);
     if (!IsHttp(url)) {
-        Print(false, QStringLiteral("(not an address)"), url);
+        Print(false, "(not an address)", url);
         emit loadStarted();
         emit loadCompleted(false);
         return kFailure;
@@ -109,10 +109,10 @@ int BrowserService::UpdatePage(const QString& xml, bool wait)
         return kFailure;
     }
     if (!wait) {
-        m_view.Call(QStringLiteral("update"), Json(*changes), [](bool) {});
+        m_view.Call("update", Json(*changes), [](bool) {});
         return kSuccess;
     }
-    return CallLater(QStringLiteral("update"), Json(*changes));
+    return CallLater("update", Json(*changes));
 }
 
 int BrowserService::PromptLabelButton(const QString& xml)
@@ -121,25 +121,23 @@ int BrowserService::PromptLabelButton(const QString& xml)
     if (!prompt) {
         return kFailure;
     }
-    m_promptArguments =
-        Quoted(prompt->label) + QLatin1Char(',') + Json(QJsonArray::fromStringList(prompt->buttons));
+    m_promptArguments = Quoted(prompt->label) + ',' + Json(QJsonArray::fromStringList(prompt->buttons));
     return ReloadPrompts();
 }
 
 int BrowserService::ReloadPrompts()
 {
-    return m_promptArguments.isEmpty() ? kFailure : CallLater(QStringLiteral("prompt"), m_promptArguments);
+    return m_promptArguments.isEmpty() ? kFailure : CallLater("prompt", m_promptArguments);
 }
 
 int BrowserService::PlayVideo(const QString& url)
 {
-    return IsHttp(QUrl(url, QUrl::StrictMode)) ? CallLater(QStringLiteral("playVideo"), Quoted(url))
-                                               : kFailure;
+    return IsHttp(QUrl(url, QUrl::StrictMode)) ? CallLater("playVideo", Quoted(url)) : kFailure;
 }
 
 int BrowserService::StopVideo()
 {
-    return CallLater(QStringLiteral("stopVideo"), QString());
+    return CallLater("stopVideo", QString());
 }
 
 // Answers the caller once the page's script has; the result itself is not looked at then.
@@ -174,6 +172,6 @@ void BrowserService::OnLoadFinished(bool success)
 void BrowserService::OnPageEvent(const QString& name, const QVariantMap& data)
 {
     QVariantMap event = data;
-    event.insert(QStringLiteral("name"), name);
+    event.insert("name", name);
     emit PageEvent(event);
 }

@@ -25,27 +25,21 @@ public slots:
     // The page shown, as HTML of its present state; empty before the first page.
     QString QueryPage();
 
-    // Loads the page. Returns 0 when the load was begun (loadCompleted tells how it ended) and -1 when the
-    // address is not one of HTTP; loadStarted and loadCompleted(false) are emitted in that case too. The
+    // Begins to load an HTTP address; loadCompleted tells how it ended, at once for any other address. The
     // registry values are in window.kx.registry of this page and of those it leads to.
     int ShowPage(const QString& path);
     int ShowPage(const QString& path, const QVectorOfPairSS& registryValues);
 
-    // Changes elements of the page, see ParseUpdate. Returns -1 when the XML is not of that form. With
-    // \a wait the answer comes when the page has changed, and is -1 when it lacks one of the elements.
+    // Changes elements of the page, see ParseUpdate. With \a wait the answer comes when the page has changed,
+    // and is -1 when it lacks one of the elements.
     int UpdatePage(const QString& xml, bool wait);
 
-    // Shows a label and buttons at the bottom of the page, see ParsePrompt. A button that is touched takes
-    // them away and is told by PageEvent {"name": "prompt", "button": caption}.
+    // Shows a label and buttons at the bottom of the page, see ParsePrompt; again on the page shown now.
     int PromptLabelButton(const QString& xml);
-
-    // Shows the last prompt again on the page shown now; -1 when there was none.
     int ReloadPrompts();
 
-    // Covers the page with a video of an HTTP address. Returns 0 when the player is there; PageEvent
-    // {"name": "video", "state": "playing" | "ended" | "error", "url": address} tells how it goes.
+    // Covers the page with a video of an HTTP address; takes the player away.
     int PlayVideo(const QString& url);
-    // Takes the player away; -1 when there is none.
     int StopVideo();
 
 signals:

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Pictures.h"
 #include "WebView.h"
 
 #include <QDBusContext>
@@ -11,21 +12,26 @@ class DeskControl : public QObject, protected QDBusContext {
     Q_CLASSINFO("D-Bus Interface", "com.veltrasys.browser.Desk")
 
 public:
-    explicit DeskControl(WebView& view, QObject* parent = nullptr);
+    DeskControl(WebView& view, Pictures& pictures);
 
 public slots:
-    // Writes a PNG of the screen once its page is painted. False when there is no page or the file cannot be
-    // written.
+    // Writes a PNG of the screen once its page is painted, with an empty name one into the folder of pictures
+    // unless it is there already. False when there is no page or the file cannot be written.
     Q_SCRIPTABLE bool Screenshot(const QString& file);
 
-    // Touches the first element that the CSS selector finds; false when there is none.
+    // Touches the first element that the CSS selector finds; false when there is none. Answers when the page
+    // that this leads to, if any, is loaded.
     Q_SCRIPTABLE bool Touch(const QString& selector);
+
+    // The same at a point, in pixels; false when it is not on the screen.
+    Q_SCRIPTABLE bool TouchAt(int x, int y);
 
     // Types the text on the keypad, into the element that has the focus.
     Q_SCRIPTABLE void Type(const QString& text);
 
 private:
     WebView& m_view;
+    Pictures& m_pictures;
 };
 
 // Sends a key to the page, pressed and released. \a text is what the key writes, if anything.

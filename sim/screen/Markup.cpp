@@ -9,14 +9,12 @@ std::optional<QJsonArray> ParseUpdate(const QString& xml)
     QJsonArray changes;
     reader.readNextStartElement();
     while (reader.readNextStartElement()) {
-        const QString id = reader.attributes().value(QLatin1String("id")).toString();
-        const QString attribute = reader.attributes().value(QLatin1String("attribute")).toString();
+        const QString id = reader.attributes().value("id").toString();
+        const QString attribute = reader.attributes().value("attribute").toString();
         if (id.isEmpty()) {
             return std::nullopt;
         }
-        changes.append(QJsonObject{{QStringLiteral("id"), id},
-                                   {QStringLiteral("attribute"), attribute},
-                                   {QStringLiteral("text"), reader.readElementText()}});
+        changes.append(QJsonObject{{"id", id}, {"attribute", attribute}, {"text", reader.readElementText()}});
     }
     // What follows the root is read too, so that its mistakes count.
     while (!reader.atEnd()) {
@@ -31,9 +29,9 @@ std::optional<PromptMarkup> ParsePrompt(const QString& xml)
     PromptMarkup prompt;
     bool understood = reader.readNextStartElement();
     while (reader.readNextStartElement()) {
-        if (reader.name() == QLatin1String("button")) {
+        if (reader.name() == "button") {
             prompt.buttons.append(reader.readElementText());
-        } else if (reader.name() == QLatin1String("label") && prompt.label.isEmpty()) {
+        } else if (reader.name() == "label" && prompt.label.isEmpty()) {
             prompt.label = reader.readElementText();
         } else {
             understood = false;

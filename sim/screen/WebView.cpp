@@ -1,6 +1,7 @@
 #include "WebView.h"
 
 #include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QWebEnginePage>
 #include <QWebEngineScript>
@@ -12,7 +13,9 @@
 namespace {
 
 constexpr auto kScriptName = "kx";
+// What the screen's script says to the screen itself.
 constexpr auto kPainted = "kx-painted";
+constexpr auto kApplications = "kx-applications";
 
 QString Resource(const char* path)
 {
@@ -25,16 +28,18 @@ QString PageScript(const QJsonObject& registry)
 {
     const QString values = QString::fromUtf8(QJsonDocument(registry).toJson(QJsonDocument::Compact));
     return Resource(":/qtwebchannel/qwebchannel.js") +
-           Resource(":/screen/page.js").replace(QLatin1String("/*REGISTRY*/{}"), values);
+           Resource(":/screen/page.js").replace("/*REGISTRY*/{}", values);
 }
 
 } // namespace
 
 WebView::WebView(QWidget* parent) : QWebEngineView(parent)
 {
-    m_channel.registerObject(QStringLiteral("bridge"), &m_bridge);
+    m_channel.registerObject("bridge", &m_bridge);
     page()->setWebChannel(&m_channel);
     connect(&m_bridge, &Bridge::Told, this, &WebView::OnTold);
+    connect(this, &QWebEngineView::loadStarted, this, [this] { m_loading = true; });
+    connect(this, &QWebEngineView::loadFinished, this, [this] { m_loading = false; });
     // A page that was left does not answer any more; the next one is asked.
     connect(this, &QWebEngineView::loadFinished, this, &WebView::AskWhetherPainted);
     settings()->setAttribute(QWebEngineSettings::ShowScrollBars, false);
@@ -47,9 +52,9 @@ WebView::WebView(QWidget* parent) : QWebEngineView(parent)
 void WebView::SetRegistry(const QJsonObject& values)
 {
     QWebEngineScriptCollection& scripts = page()->scripts();
-    scripts.remove(scripts.findScript(QString::fromLatin1(kScriptName)));
+    scripts.remove(scripts.findScript(kScriptName));
     QWebEngineScript script;
-    script.setName(QString::fromLatin1(kScriptName));
+    script.setName(kScriptName);
     script.setInjectionPoint(QWebEngineScript::DocumentCreation);
     script.setWorldId(QWebEngineScript::MainWorld);
     script.setSourceCode(PageScript(values));
@@ -70,12 +75,27 @@ void WebView::Grab(const std::function<void(const QPixmap&)>& done)
     AskWhetherPainted();
 }
 
+void WebView::WhenSettled(const std::function<void()>& done)
+{
+    Grab([this, done](const QPixmap&) {
+        if (!m_loading) {
+            done();
+            return;
+        }
+        auto* waiting = new QObject(this);
+        connect(this, &QWebEngineView::loadFinished, waiting, [waiting, done] {
+            waiting->deleteLater();
+            done();
+        });
+    });
+}
+
 void WebView::AskWhetherPainted()
 {
     if (m_grabs.isEmpty()) {
         return;
     }
-    const QString ask = QStringLiteral("window.kxScreen !== undefined && (kxScreen.painted(), true)");
+    const QString ask = "window.kxScreen !== undefined && (kxScreen.painted(), true)";
     page()->runJavaScript(ask, [this](const QVariant& asked) {
         if (!asked.toBool()) {
             FinishGrabs(QPixmap());
@@ -90,11 +110,21 @@ QWebEngineView* WebView::createWindow(QWebEnginePage::WebWindowType)
 
 void WebView::OnTold(const QString& name, const QVariantMap& eventData)
 {
-    if (name != QLatin1String(kPainted)) {
+    if (name == kPainted) {
+        FinishGrabs(grab());
+    } else if (name == kApplications) {
+        TellApplications();
+    } else {
         emit PageEvent(name, eventData);
-        return;
     }
-    FinishGrabs(grab());
+}
+
+void WebView::TellApplications()
+{
+    m_applications.Fetch([this](const QVariantList& applications) {
+        const QJsonDocument list(QJsonArray::fromVariantList(applications));
+        Call("applications", QString::fromUtf8(list.toJson(QJsonDocument::Compact)), [](bool) {});
+    });
 }
 
 void WebView::FinishGrabs(const QPixmap& picture)

@@ -1,6 +1,8 @@
 // The engine's view: one page, no windows beside it, with the screen's script in each page.
 #pragma once
 
+#include "Applications.h"
+
 #include <QJsonObject>
 #include <QObject>
 #include <QVariantMap>
@@ -40,6 +42,10 @@ public:
     // While a page is being loaded it may be that one.
     void Grab(const std::function<void(const QPixmap&)>& done);
 
+    // Calls \a done once the page's present state is painted and the page that it leads to, if any, is
+    // loaded.
+    void WhenSettled(const std::function<void()>& done);
+
 signals:
     // The page's script has something to say.
     void PageEvent(const QString& name, const QVariantMap& eventData);
@@ -50,9 +56,12 @@ protected:
 
 private:
     void AskWhetherPainted();
+    void TellApplications();
     void FinishGrabs(const QPixmap& picture);
     void OnTold(const QString& name, const QVariantMap& eventData);
 
+    bool m_loading = false;
+    Applications m_applications;
     Bridge m_bridge;
     QWebChannel m_channel;
     QList<std::function<void(const QPixmap&)>> m_grabs;

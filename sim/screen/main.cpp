@@ -4,14 +4,12 @@
 #include "BrowserService.h"
 #include "DeskControl.h"
 #include "DeskWindow.h"
+#include "Pictures.h"
 
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QDBusConnection>
-#include <QRegularExpression>
 #include <QTextStream>
-
-#include <optional>
 
 namespace {
 
@@ -30,23 +28,15 @@ void PrepareEnvironment(bool headless)
     set("QTWEBENGINE_CHROMIUM_FLAGS", "--disable-gpu --no-first-run");
 }
 
-std::optional<QSize> ParseSize(const QString& text)
-{
-    static const QRegularExpression size(QStringLiteral("^(\\d{2,4})x(\\d{2,4})$"));
-    const auto match = size.match(text);
-    return match.hasMatch() ? std::make_optional(QSize(match.captured(1).toInt(), match.captured(2).toInt()))
-                            : std::nullopt;
-}
-
 bool Offer(BrowserService& service, DeskControl& control)
 {
     // The adaptor is a child of the service.
     new BrowserAdaptor(&service);
     QDBusConnection bus = QDBusConnection::systemBus();
     // The objects come first: the core daemon asks for a page as soon as it sees the name.
-    return bus.registerObject(QStringLiteral("/"), &service, QDBusConnection::ExportAdaptors) &&
-           bus.registerObject(QStringLiteral("/Desk"), &control, QDBusConnection::ExportScriptableSlots) &&
-           bus.registerService(QStringLiteral("com.veltrasys.browser"));
+    return bus.registerObject("/", &service, QDBusConnection::ExportAdaptors) &&
+           bus.registerObject("/Desk", &control, QDBusConnection::ExportScriptableSlots) &&
+           bus.registerService("com.veltrasys.browser");
 }
 
 int Fail(const QString& text)
@@ -62,25 +52,24 @@ int main(int argc, char* argv[])
     const bool headless = !qEnvironmentVariableIsSet("DISPLAY");
     PrepareEnvironment(headless);
     QApplication application(argc, argv);
+    QApplication::setCursorFlashTime(0); // a blinking cursor would be a change of the screen
     QCommandLineParser parser;
-    const QCommandLineOption sizeOption(QStringLiteral("size"), QStringLiteral("pixels of the screen"),
-                                        QStringLiteral("WxH"), QStringLiteral("320x480"));
-    parser.addOption(sizeOption);
+    const QCommandLineOption sizeOption("size", "pixels of the screen", "WxH", "320x480");
+    const QCommandLineOption picturesOption("pictures", "folder for a picture of each state of the screen",
+                                            "DIR");
+    parser.addOptions({sizeOption, picturesOption});
     parser.addHelpOption();
     parser.process(application);
-    const auto size = ParseSize(parser.value(sizeOption));
-    if (!size) {
-        return Fail(QStringLiteral("--size is to be like 320x480"));
-    }
+    const QStringList size = parser.value(sizeOption).split('x');
 
     RegisterVectorOfPairSS();
     WebView view;
-    view.setFixedSize(*size);
+    view.setFixedSize(size.value(0).toInt(), size.value(1).toInt());
     BrowserService service(view);
-    DeskControl control(view);
+    Pictures pictures(view, parser.value(picturesOption));
+    DeskControl control(view, pictures);
     if (!Offer(service, control)) {
-        return Fail(QStringLiteral("cannot offer its service: ") +
-                    QDBusConnection::systemBus().lastError().message());
+        return Fail("cannot offer its service: " + QDBusConnection::systemBus().lastError().message());
     }
     if (headless) {
         view.show();

@@ -5,6 +5,7 @@
 
   const registry = Object.freeze(/*REGISTRY*/{});
   const waiting = [];
+  const asking = [];
   let bridge = null;
 
   // What the page says before the connection to the screen stands is said then.
@@ -60,12 +61,19 @@
 
   window.kx = Object.freeze({
     registry,
+    // The installed applications, with name, homeButton, desktopItems and configPages; a promise.
+    applications: () => new Promise((resolve) => {
+      asking.push(resolve);
+      tell("kx-applications", {});
+    }),
     event: (name, data) => tell(String(name), data === undefined ? {} : Object(data)),
   });
 
   window.kxScreen = Object.freeze({
     // Everything that can be changed is; whether that was everything.
     update: (entries) => entries.map(change).every(Boolean),
+
+    applications: (list) => asking.splice(0).forEach((resolve) => resolve(list)),
 
     prompt: (label, buttons) => {
       const box = overlay("kx-prompt", "bottom:0;padding:14px;background:#14324f;color:#fff;" +

@@ -7,7 +7,7 @@ import subprocess
 
 import pytest
 
-from kx import SLEEP, calls, content, install, put, run, wait
+from kx import PATIENCE, SLEEP, calls, content, install, put, run, wait
 
 VERBS = """apps;app pay;start;start pay receipt;home;stop;restart --yes;status;monitor;time set 2024-05-17;
 zone set UTC;timeinfo  UTC HOST;timeinfo reset;var set A b;audiopayd;audiopayd on;system reboot --yes;
@@ -139,8 +139,8 @@ def test_weaker_source_is_told_why(shared):
 
 
 def test_monitor(apps):
-    pipe = subprocess.PIPE
-    monitor = subprocess.Popen(["kxctl", "monitor"], text=True, stdout=pipe, stderr=pipe)
+    monitor = subprocess.Popen(["timeout", str(PATIENCE), "kxctl", "monitor"], text=True,
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE)
     assert monitor.stderr.readline() == "kxctl: monitoring, Ctrl-C ends\n"
     kxctl("zone", "set", "Europe/Berlin"), kxctl("start")
     for event in "/Tools  TimeInfoChanged .*Europe/Berlin  MANUAL", ".*  OnTerminate  {}", ".*OnStarted  {}":

@@ -5,7 +5,7 @@ import subprocess
 
 import pytest
 
-from kx import call, content, natively, owner_and_mode, put, run
+from kx import PATIENCE, call, content, natively, owner_and_mode, put, run
 
 FILE = "/var/lib/kxregistry/registry.json"
 TOOL = "kxregistry: "
@@ -63,7 +63,7 @@ def test_killed_writer_leaves_old_or_new():
 def test_full_disk_leaves_the_old_store():
     registry("set", "a", "1")
     # As a full disk does, a limit takes a part of the text and refuses the rest.
-    limit = "trap '' XFSZ; ulimit -f 8; kxregistry set b " + "x" * 20000
+    limit = "trap '' XFSZ; ulimit -f 8; kxregistry set b " + "x" * 10000
     assert run("bash", "-c", limit) == (1, "", f"{TOOL}cannot write {FILE}; is the disk full?\n")
     assert registry("list")[1] == "a=1\n"
     assert sorted(os.listdir(os.path.dirname(FILE))) == ["lock", "registry.json"]
@@ -83,7 +83,7 @@ def test_store_that_is_no_object_is_left_alone(shared, text, reason):
     (["b", "c"], ["", "b=1", "", "b deleted", "b=2", ""])])
 def test_watch(keys, told):
     registry("set", "a", "0")
-    watcher = subprocess.Popen(["kxregistry", "watch", *keys], text=True,
+    watcher = subprocess.Popen(["timeout", str(PATIENCE), "kxregistry", "watch", *keys], text=True,
                                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
     assert watcher.stderr.readline() == f"{TOOL}watching, Ctrl-C ends\n"
     for command, line in zip(("set a 1", "set b 1", "set b 1", "delete b", "set b 2", "delete a"), told):

@@ -13,15 +13,14 @@
 namespace kxctl {
 namespace {
 
-using cli::Printable;
-
 constexpr auto kTimeFormat = "yyyy-MM-dd HH:mm:ss";
+constexpr qint64 kSecondsOfDay = 86400;
 
 /// \return how long ago, as hours, minutes and seconds, with the days in front
 QString Age(const QDateTime& since)
 {
     const QDateTime now = QDateTime::currentDateTime();
-    const qint64 days = since.secsTo(now) / (24 * 60 * 60);
+    const qint64 days = since.secsTo(now) / kSecondsOfDay;
     const QString time = QTime(0, 0).addSecs(static_cast<int>(since.addDays(days).secsTo(now))).toString();
     return days > 0 ? QStringLiteral("%1 d %2").arg(QString::number(days), time) : time;
 }

@@ -25,7 +25,7 @@ constexpr auto kLocalTime = "/etc/localtime";
 constexpr auto kZoneRoot = "/usr/share/zoneinfo/";
 
 /// \return the path with all links resolved; empty when it does not exist. QFileInfo would return an
-///         unresolved path for links that go in circles.
+///         unresolved path for links that go in circles and for names that are too long.
 QString CanonicalPath(const QString& path)
 {
     std::error_code error;
