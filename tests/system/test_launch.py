@@ -143,7 +143,7 @@ PROCESS, CHILD = '"Start: Failed to execute process ({}) {}"', '"Start: Failed t
     ("fcntl", "error=EIO:when=1", -1, False,
      ["Failed to start application, fcntl errno= 5   Input/output error"]),
     ("read", "error=EIO", -1, False, ['"Start: Error reading from pipe (Input/output error)"']),
-    ("poll", "retval=0", -1, False, ['"Start: Error reading from pipe (Connection timed out)"']),
+    ("ppoll", "retval=0", -1, False, ['"Start: Error reading from pipe (Connection timed out)"']),
     ("execve", "error=EACCES", -1, False,
      [CHILD.format("Permission denied"), PROCESS.format("Permission denied", 13)]),
     ("setgroups", "error=EPERM", 0, True,
