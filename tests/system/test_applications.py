@@ -1,4 +1,4 @@
-"""Installed applications: what is published, what a start of the terminal does, which page is shown."""
+# Installed applications: what is published, what a start of the terminal does, which page is shown.
 import os
 
 import pytest
@@ -23,7 +23,7 @@ def bus_call(method, signature="", *arguments):
 
 
 class Browser:
-    """Stands in for the browser, on the connection of the tests: what the daemon sends arrives in order."""
+    # Stands in for the browser, on the connection of the tests: what the daemon sends arrives in order.
     def __init__(self):
         self.shown = []
         put("/etc/dbus-1/system.d/browser.conf", POLICY)
@@ -43,7 +43,7 @@ class Browser:
         bus_call("ReleaseName", "s", BROWSER)
 
     def pages(self):
-        """Those since the last time; with the answer to a call, what was sent before has arrived."""
+        # Those since the last time; with the answer to a call, what was sent before has arrived.
         call("Applications.Enumerate"), call("Applications.Enumerate")
         while GLib.MainContext.default().iteration(False):
             pass
@@ -60,7 +60,7 @@ def loaded(success):
 
 @pytest.fixture
 def shown(shared):
-    """The browser, when it has shown what there was to show."""
+    # The browser, when it has shown what there was to show.
     remove("/run/www", "/run/sockets")
     browser.come()
     browser.pages()
@@ -120,7 +120,7 @@ def test_publishing_that_fails(shown, shared, obstacles, log):
 
 
 def test_start_sequence(shared, shown):
-    """Programs of boot, their sockets; the answer comes before what is started ends what runs."""
+    # Programs of boot, their sockets; the answer comes before what is started ends what runs.
     install("pay", 4002, "<run_on_boot>bin/stubborn</run_on_boot>",
             bin_stubborn="#!/bin/sh\ntrap '' TERM\nexec sleep 1000\n")
     restart(shared)

@@ -1,4 +1,4 @@
-"""The registry stand-in through its tool and its file: what is stored, told and lost."""
+# The registry stand-in through its tool and its file: what is stored, told and lost.
 import os
 import signal
 import subprocess

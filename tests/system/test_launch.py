@@ -1,4 +1,4 @@
-"""Programs of applications: who may start what, as whom, with what surroundings, and how all of them end."""
+# Programs of applications: who may start what, as whom, with what surroundings, and how all of them end.
 import contextlib
 import os
 import re
@@ -159,7 +159,7 @@ PROCESS, CHILD = '"Start: Failed to execute process ({}) {}"', '"Start: Failed t
     ("setpgid", "error=EPERM", 0, False, [FATAL.format("setpgid ( 0, 0 )")]),
 ])
 def test_steps_that_fail(shared, syscall, how, result, runs, log):
-    """Until the program is executed, a failure of the child shows in the log only."""
+    # Until the program is executed, a failure of the child shows in the log only.
     start("none")  # the directories are prepared, and the log is open
     shared.log()
     with shared.failing(syscall, how):
@@ -181,7 +181,7 @@ def test_directories_that_cannot_be_prepared(shared, obstacle, text, owner, log)
 
 @contextlib.contextmanager
 def stray(uid, gid, stubborn=False):
-    """A process of any identity that is not the daemon's child."""
+    # A process of any identity that is not the daemon's child.
     process = subprocess.Popen(["setpriv", f"--reuid={uid}", f"--regid={gid}", "--clear-groups", "env",
                                 f"--{'ignore' if stubborn else 'default'}-signal=TERM", "sleep", "1000"])
     wait(lambda: content(f"/proc/{process.pid}/cmdline").startswith("sleep"))
@@ -195,7 +195,7 @@ def stray(uid, gid, stubborn=False):
     (4001, 3999, False, None), (3999, 4000, False, None), (5000, 4000, False, None),
     (4000, 5000, False, None)])
 def test_terminate_ends_applications_only(shared, uid, gid, stubborn, ended):
-    """The end of the child that obeys does not shorten the pause that the others have."""
+    # The end of the child that obeys does not shorten the pause that the others have.
     assert start() == STARTED and started(IDLE)
     with stray(uid, gid, stubborn) as other:
         began = time.monotonic()
