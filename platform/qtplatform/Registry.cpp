@@ -1,29 +1,89 @@
 #include "Registry.h"
 
-#include "Store.h"
-#include "StoreWatcher.h"
-
+#include <QFile>
+#include <QFileSystemWatcher>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QMap>
 #include <QPointer>
-#include <QSet>
+#include <QSaveFile>
 
-using com::veltrasys::registry::Change;
-using com::veltrasys::registry::Content;
-using com::veltrasys::registry::Differences;
-using com::veltrasys::registry::Entries;
-using com::veltrasys::registry::Store;
-using com::veltrasys::registry::StoreWatcher;
+#include <cerrno>
+#include <stdexcept>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 
 namespace com::veltrasys {
 
 namespace {
 
-QVariant ValueIn(const Content& content, const QString& key)
+constexpr auto kFolder = "/var/lib/kxregistry";
+constexpr auto kLockFile = "/var/lib/kxregistry/lock";
+constexpr mode_t kFolderMode = 0755;
+constexpr mode_t kLockMode = 0600;
+
+/// \return the whole store; empty when there is no file. Throws std::runtime_error when it cannot be read.
+QJsonObject Read()
 {
-    if (!content.error.isEmpty()) {
-        return QStringLiteral("Error: ") + content.error;
+    QFile file(kRegistryFile);
+    if (!file.open(QIODevice::ReadOnly)) {
+        if (!file.exists()) {
+            return {};
+        }
+        throw std::runtime_error(file.errorString().toStdString());
     }
-    const auto entry = content.entries.constFind(key);
-    return entry == content.entries.cend() ? QVariant() : QVariant(*entry);
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &error);
+    if (!document.isObject()) {
+        throw std::runtime_error(error.error == QJsonParseError::NoError ? "not a JSON object"
+                                                                         : error.errorString().toStdString());
+    }
+    return document.object();
+}
+
+QVariant ValueOf(const QJsonObject& store, const QString& key)
+{
+    // An empty value is a text that is not null, unlike an absent key.
+    return store.contains(key) ? QVariant("" + store.value(key).toVariant().toString()) : QVariant();
+}
+
+/// Puts a new file in the place of the old one, which stays when that fails.
+bool Write(const QJsonObject& store)
+{
+    const QByteArray text = QJsonDocument(store).toJson();
+    QSaveFile file(kRegistryFile);
+    // A full disk can take a part of the text: flush reports that, commit does not.
+    return file.open(QIODevice::WriteOnly) && file.setPermissions(QFile::ReadOwner | QFile::WriteOwner) &&
+           file.write(text) == text.size() && file.flush() && file.commit();
+}
+
+/// Changes one key of the store as the last writer has left it; an undefined value removes the key.
+bool Change(const QString& key, const QJsonValue& value)
+{
+    mkdir(kFolder, kFolderMode);
+    const int descriptor = open(kLockFile, O_RDWR | O_CREAT | O_CLOEXEC, kLockMode);
+    QFile lock;
+    if (descriptor < 0 || !lock.open(descriptor, QIODevice::ReadWrite, QFile::AutoCloseHandle)) {
+        return false;
+    }
+    while (flock(descriptor, LOCK_EX) != 0) {
+        if (errno != EINTR) {
+            return false;
+        }
+    }
+    try {
+        QJsonObject store = Read();
+        if (store.value(key) == value) {
+            return true;
+        }
+        store.insert(key, value);
+        return Write(store);
+    } catch (const std::runtime_error&) {
+        // A store that cannot be read is left as it is.
+        return false;
+    }
 }
 
 } // namespace
@@ -33,89 +93,55 @@ public:
     explicit Private(Registry* owner) : m_owner(owner) {}
 
     void Watch();
-    void Remember(const QString& key, const Content& content);
-    void Forget(const QString& key);
-    QVector<Change> TakeChanges(const Entries& entries);
-    void Report();
-    void Emit(const Change& change);
+    void ReportChanges();
 
-    const Store m_store;
+    /// The subscribed keys with the values their subscriber knows; null for an absent key.
+    QMap<QString, QVariant> m_known;
 
 private:
-    Registry* const m_owner;
-    std::unique_ptr<StoreWatcher> m_watcher;
-    QSet<QString> m_keys;
-    /// The subscribed keys that exist, with the values the owner's user knows.
-    Entries m_known;
+    Registry* m_owner;
+    QFileSystemWatcher* m_watcher = nullptr;
 };
 
+/// Watches the folder, since every change puts a new file there; makes the folder if it is missing.
 void Registry::Private::Watch()
 {
-    if (m_watcher) {
-        return;
+    if (m_watcher == nullptr) {
+        m_watcher = new QFileSystemWatcher(m_owner);
+        connect(m_watcher, &QFileSystemWatcher::directoryChanged, m_owner, [this] { ReportChanges(); });
     }
-    // The owner is the parent so that the watcher moves to another thread with it.
-    m_watcher = std::make_unique<StoreWatcher>(m_store.Path(), m_owner);
-    connect(m_watcher.get(), &StoreWatcher::Changed, m_owner, [this] { Report(); });
-}
-
-void Registry::Private::Remember(const QString& key, const Content& content)
-{
-    if (m_keys.contains(key)) {
-        return;
-    }
-    m_keys.insert(key);
-    if (content.entries.contains(key)) {
-        m_known.insert(key, content.entries[key]);
+    if (m_watcher->directories().isEmpty()) {
+        mkdir(kFolder, kFolderMode);
+        m_watcher->addPath(kFolder);
     }
 }
 
-void Registry::Private::Forget(const QString& key)
+void Registry::Private::ReportChanges()
 {
-    m_keys.remove(key);
-    m_known.remove(key);
-}
-
-QVector<Change> Registry::Private::TakeChanges(const Entries& entries)
-{
-    Entries subscribed;
-    for (const QString& key : qAsConst(m_keys)) {
-        if (entries.contains(key)) {
-            subscribed.insert(key, entries[key]);
-        }
+    // The watch comes before the reading: a change in between is seen twice, not never.
+    Watch();
+    QJsonObject store;
+    try {
+        store = Read();
+    } catch (const std::runtime_error&) {
+        return; // the next readable store tells
     }
-    QVector<Change> changes = Differences(m_known, subscribed);
-    m_known = subscribed;
-    return changes;
-}
-
-void Registry::Private::Report()
-{
-    const Content content = m_store.Read();
-    if (!content.error.isEmpty()) {
-        // What the keys hold is unknown, which is no change; the next readable store tells.
-        return;
-    }
-    const QVector<Change> changes = TakeChanges(content.entries);
-    // Whoever hears of one change may unsubscribe another key or delete the registry.
+    // A receiver may unsubscribe any key or delete the registry.
     const QPointer<Registry> owner(m_owner);
-    for (const Change& change : changes) {
+    for (const QString& key : m_known.keys()) {
+        const QVariant value = ValueOf(store, key);
         if (owner.isNull()) {
             return;
         }
-        Emit(change);
-    }
-}
-
-void Registry::Private::Emit(const Change& change)
-{
-    if (!m_keys.contains(change.key)) {
-        return;
-    }
-    if (change.value) {
-        emit m_owner->valueChanged(change.key, *change.value);
-    } else {
-        emit m_owner->keyDeleted(change.key);
+        if (!m_known.contains(key) || m_known[key] == value) {
+            continue;
+        }
+        m_known[key] = value;
+        if (value.isNull()) {
+            emit m_owner->keyDeleted(key);
+        } else {
+            emit m_owner->valueChanged(key, value.toString());
+        }
     }
 }
 
@@ -126,29 +152,35 @@ Registry::~Registry() = default;
 QVariant Registry::subscribe(const QString& key)
 {
     d->Watch();
-    const Content content = d->m_store.Read();
-    d->Remember(key, content);
-    return ValueIn(content, key);
+    QVariant value = getValue(key);
+    if (!d->m_known.contains(key)) {
+        d->m_known.insert(key, value);
+    }
+    return value;
 }
 
 void Registry::unsubscribe(const QString& key)
 {
-    d->Forget(key);
+    d->m_known.remove(key);
 }
 
 QVariant Registry::getValue(const QString& key)
 {
-    return ValueIn(d->m_store.Read(), key);
+    try {
+        return ValueOf(Read(), key);
+    } catch (const std::runtime_error& error) {
+        return QStringLiteral("Error: %1: %2").arg(QString(kRegistryFile), QString(error.what()));
+    }
 }
 
 bool Registry::setValue(const QString& key, const QVariant& value)
 {
-    return value.canConvert<QString>() && d->m_store.Apply({key, value.toString()}).isEmpty();
+    return value.canConvert<QString>() && Change(key, value.toString());
 }
 
 bool Registry::deleteKey(const QString& key)
 {
-    return d->m_store.Apply({key, std::nullopt}).isEmpty();
+    return Change(key, QJsonValue::Undefined);
 }
 
 } // namespace com::veltrasys

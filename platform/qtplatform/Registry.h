@@ -8,11 +8,15 @@
 
 namespace com::veltrasys {
 
+/// The file of this stand-in: one JSON object, a text under each key.
+constexpr auto kRegistryFile = "/var/lib/kxregistry/registry.json";
+
 /// Client of the platform's key/value registry, which all processes of the terminal share.
 ///
 /// Signals are delivered from the event loop of the thread the object lives in, for changes made by any
 /// process, this one included, and only for keys this object has subscribed. All functions block for the
-/// duration of one small file access and may be called only from the object's thread.
+/// duration of one small file access, changes also for those of other writers; they may be called only from
+/// the object's thread.
 class Q_DECL_EXPORT Registry : public QObject {
     Q_OBJECT
 
@@ -27,12 +31,12 @@ public:
     /// Ends the reports for \a key; does nothing when it was not subscribed.
     void unsubscribe(const QString& key);
 
-    /// \return the value; a null QVariant when the key is absent; a text that contains "Error:" when the
+    /// \return the value; a null QVariant when the key is absent; a text that begins with "Error:" when the
     ///         store cannot be read
     QVariant getValue(const QString& key);
 
-    /// Stores \a value, as text, under \a key.
-    /// \return whether the store was written
+    /// Stores \a value, as text, under \a key. Nothing is written, or reported, if the key has that value.
+    /// \return whether the store holds it now
     bool setValue(const QString& key, const QVariant& value);
 
     /// Removes \a key; an absent key is no failure.

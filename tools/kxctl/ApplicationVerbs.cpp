@@ -1,12 +1,24 @@
+#include "Conflicts.h"
 #include "Daemon.h"
-#include "Output.h"
+#include "Json.h"
+#include "Processes.h"
 #include "Verbs.h"
+#include "common/Output.h"
+
+#include <QDBusConnectionInterface>
+#include <QDBusServiceWatcher>
+#include <QDir>
+#include <QEventLoop>
+#include <QTimer>
 
 #include <algorithm>
 #include <limits>
 
 namespace kxctl {
 namespace {
+
+using cli::Print;
+using cli::Printable;
 
 struct Field {
     const char* label;
@@ -42,28 +54,39 @@ QString ServedBy(const QVariantMap& application)
     return application.value("fastCgi").toBool() ? "FastCGI" : "CGI";
 }
 
+QString RunningPrograms(const QVariantMap& application)
+{
+    QStringList programs;
+    for (const Process& process : ProcessesOf(application.value("uid").toUInt())) {
+        programs.append(process.program);
+    }
+    return programs.join(", ");
+}
+
 ApplicationList Enumerate(const Request& request)
 {
-    return Wait(Daemon(request.timeout).applications.Enumerate()).value();
+    return Wait(Daemon(request).applications.Enumerate()).value();
 }
 
 QVariantMap Find(const ApplicationList& applications, const QString& name)
 {
-    for (const QVariantMap& application : applications) {
-        if (application.value("name") == name) {
-            return application;
-        }
+    const auto found =
+        std::find_if(applications.begin(), applications.end(),
+                     [&](const QVariantMap& application) { return application.value("name") == name; });
+    if (found == applications.end()) {
+        throw Failure(cli::Refused, QStringLiteral("no application '%1' is installed").arg(name));
     }
-    throw Failure(Refused, QStringLiteral("no application '%1' is installed").arg(name));
+    return *found;
 }
 
 void PrintApplications(const ApplicationList& applications)
 {
-    Table table({"NAME", "USER", "UID/GID", "SERVED BY", "BOOT PROGRAM", "BOOT PAGE"});
+    cli::Table table({"NAME", "USER", "UID/GID", "SERVED BY", "RUNNING", "BOOT PROGRAM", "BOOT PAGE"});
     for (const QVariantMap& application : applications) {
         table.Add({application.value("name").toString(), application.value("userName").toString(),
                    Id(application.value("uid")) + '/' + Id(application.value("gid")), ServedBy(application),
-                   application.value("runOnBoot").toString(), application.value("showOnBoot").toString()});
+                   RunningPrograms(application), application.value("runOnBoot").toString(),
+                   application.value("showOnBoot").toString()});
     }
     table.Print();
 }
@@ -71,23 +94,25 @@ void PrintApplications(const ApplicationList& applications)
 ExitStatus Apps(const Request& request)
 {
     const ApplicationList applications = Enumerate(request);
-    if (request.isJson) {
-        QVariantList list;
-        std::copy(applications.begin(), applications.end(), std::back_inserter(list));
-        PrintJson(list);
-    } else if (request.options.isSet("names")) {
-        for (const QVariantMap& application : applications) {
-            Print(Printable(application.value("name").toString()));
-        }
+    QVariantList records;
+    QStringList names;
+    for (const QVariantMap& application : applications) {
+        records.append(application);
+        names.append(application.value("name").toString());
+    }
+    if (request.IsSet("json")) {
+        PrintJson(request.IsSet("names") ? QVariant(names) : QVariant(records));
+    } else if (request.IsSet("names")) {
+        std::for_each(names.begin(), names.end(), [](const QString& name) { Print(Printable(name)); });
     } else {
         PrintApplications(applications);
     }
-    return Success;
+    return cli::Success;
 }
 
 void PrintIcons(const QString& title, const QVariant& icons)
 {
-    Table table({"POSITION", "TITLE", "FORM", "ICON"});
+    cli::Table table({"POSITION", "TITLE", "FORM", "ICON"});
     for (const QVariant& entry : Plain(icons).toList()) {
         const QVariantMap icon = entry.toMap();
         table.Add({icon.value("iconPosition").toString(), icon.value("title").toString(),
@@ -102,137 +127,163 @@ void PrintIcons(const QString& title, const QVariant& icons)
 ExitStatus App(const Request& request)
 {
     const QVariantMap application = Find(Enumerate(request), request.arguments.first());
-    if (request.isJson) {
+    if (request.IsSet("json")) {
         PrintJson(application);
-        return Success;
+        return cli::Success;
     }
-    Table table;
+    const auto account = [&](const char* name, const char* id) {
+        return QStringLiteral("%1 (%2)").arg(application.value(name).toString(), Id(application.value(id)));
+    };
+    cli::Table table;
     table.Add({"name", application.value("name").toString()});
-    table.Add({"user", QStringLiteral("%1 (%2)").arg(application.value("userName").toString(),
-                                                     Id(application.value("uid")))});
-    table.Add({"group", QStringLiteral("%1 (%2)").arg(application.value("groupName").toString(),
-                                                      Id(application.value("gid")))});
+    table.Add({"user", account("userName", "uid")});
+    table.Add({"group", account("groupName", "gid")});
     table.Add({"served by", ServedBy(application)});
     for (const Field& field : kFields) {
-        table.Add({field.label, ToText(application.value(field.key))});
+        const QString text = ToText(application.value(field.key));
+        if (!text.isEmpty()) {
+            table.Add({field.label, text});
+        }
     }
     table.Print();
     PrintIcons("Desktop", application.value("desktopItems"));
     PrintIcons("Configuration pages", application.value("configPages"));
-    return Success;
+    return cli::Success;
 }
 
-QVariantMap StartRequestOf(const QStringList& arguments)
+/// Shows the answer of a method that has none of interest.
+ExitStatus Done(const Request& request, const QString& text, const QVariantMap& answer = {})
 {
+    if (request.IsSet("json")) {
+        PrintJson(answer);
+    } else {
+        Print(Printable(text));
+    }
+    return cli::Success;
+}
+
+/// Restarts all applications; with --wait returns when the daemon says that they run.
+ExitStatus StartAll(const Request& request)
+{
+    Daemon daemon(request);
+    QEventLoop loop;
+    enum { Waiting, Started, Ended } state = Waiting;
+    QObject::connect(&daemon.applications, &ApplicationsProxy::OnStarted, &loop, [&] {
+        state = Started;
+        loop.quit();
+    });
+    const QDBusServiceWatcher watcher(kServiceName, Bus(), QDBusServiceWatcher::WatchForUnregistration);
+    QObject::connect(&watcher, &QDBusServiceWatcher::serviceUnregistered, &loop, [&] {
+        state = Ended;
+        loop.quit();
+    });
+    const QVariantMap answer = Wait(daemon.applications.Start({})).value();
+    if (!request.IsSet("wait")) {
+        return Done(request, "all applications are being restarted", answer);
+    }
+    QTimer::singleShot(TimeoutOf(request), &loop, &QEventLoop::quit);
+    if (state == Waiting) {
+        loop.exec();
+    }
+    if (state != Started) {
+        throw Failure(cli::Unreachable, state == Ended
+                                            ? "the daemon ended before the applications were started"
+                                            : "the applications were not started in time; the "
+                                              "daemon's log tells how far it is");
+    }
+    return Done(request, "all applications are started", answer);
+}
+
+/// \return a failure that names the programs of an application
+Failure MissingProgram(const Request& request)
+{
+    const QString name = request.arguments.first();
+    const QDir bin(Find(Enumerate(request), name).value("homeDir").toString() + "/bin");
+    const QString programs = bin.entryList(QDir::Files, QDir::Name).join(", ");
+    return request.Misused(programs.isEmpty()
+                               ? QStringLiteral("needs a BINARY, and %1 has none to see").arg(name)
+                               : QStringLiteral("needs a BINARY of %1: %2").arg(name, programs));
+}
+
+ExitStatus Start(const Request& request)
+{
+    const QStringList& arguments = request.arguments;
     if (arguments.isEmpty()) {
-        return {};
+        return StartAll(request);
+    }
+    if (request.IsSet("wait")) {
+        throw request.Misused("--wait is for the start of all applications");
+    }
+    if (arguments.size() == 1) {
+        throw MissingProgram(request);
     }
     QVariantMap map{{"application", arguments.at(0)}, {"binary", arguments.at(1)}};
     if (arguments.size() > 2) {
         map.insert("params", QStringList(arguments.mid(2)).join(' '));
     }
-    return map;
-}
-
-/// Sends Start and shows the answer.
-ExitStatus SendStart(const Request& request, const QVariantMap& map, const QString& done)
-{
-    const QVariantMap answer = Wait(Daemon(request.timeout).applications.Start(map)).value();
-    if (request.isJson) {
-        PrintJson(answer);
-    }
+    const QVariantMap answer = Wait(Daemon(request).applications.Start(map)).value();
     if (answer.value("errorCode").toInt() != 0) {
-        throw Failure(Refused, answer.value("errorText").toString());
+        if (request.IsSet("json")) {
+            PrintJson(answer);
+        }
+        throw Failure(cli::Refused, answer.value("errorText").toString());
     }
-    if (!request.isJson) {
-        Print(done);
-    }
-    return Success;
-}
-
-ExitStatus Start(const Request& request)
-{
-    if (request.arguments.size() == 1) {
-        throw Misused("start", "needs a BINARY of that application");
-    }
-    const QString done = request.arguments.isEmpty()
-                             ? QStringLiteral("all applications are being restarted")
-                             : Printable(request.arguments.at(0) + ": started " + request.arguments.at(1));
-    return SendStart(request, StartRequestOf(request.arguments), done);
+    return Done(request, arguments.at(0) + ": started " + arguments.at(1), answer);
 }
 
 ExitStatus Home(const Request& request)
 {
-    return SendStart(request, {{"default", true}}, "the default form is being shown");
-}
-
-/// Shows the answer of a method that has none.
-ExitStatus Done(const Request& request, const QString& text)
-{
-    if (request.isJson) {
-        PrintJson(QVariantMap());
-    } else {
-        Print(text);
-    }
-    return Success;
+    Wait(Daemon(request).applications.Start({{"default", true}}));
+    const QString application = DefaultApplication();
+    const bool hasBrowser = Bus().interface()->isServiceRegistered(kBrowserName);
+    const QString page = application.isEmpty()
+                             ? QStringLiteral("no application has a default form; a page that says so")
+                             : "the form html/index.html of " + application;
+    return Done(request, page + (hasBrowser ? " is shown" : " is shown when a browser comes; none runs"),
+                {{"application", application}, {"browser", hasBrowser}});
 }
 
 ExitStatus Stop(const Request& request)
 {
-    Wait(Daemon(request.timeout).applications.Terminate());
+    Wait(Daemon(request).applications.Terminate());
     return Done(request, "all applications are stopped");
 }
 
 ExitStatus Restart(const Request& request)
 {
-    if (!request.options.isSet("yes")) {
-        Confirm("Stop all applications and restart the terminal?", "restart");
-    }
-    Wait(Daemon(request.timeout).applications.Restart(QString()));
+    Confirm(request, "Stop all applications and restart the terminal?");
+    Wait(Daemon(request).applications.Restart(QString()));
     return Done(request, "the terminal is being restarted");
 }
 
 } // namespace
 
-const std::vector<Verb>& ApplicationVerbs()
+std::vector<Verb> ApplicationVerbs()
 {
-    static const std::vector<Verb> verbs{
+    return {
         {"apps",
-         "",
-         0,
-         0,
-         "list the installed applications",
-         "An application is served by FastCGI when its home has no cgi-bin directory. With --json, "
-         "everything\n"
-         "that the daemon knows of each application.",
-         {{"names", nullptr, "print nothing but the names, one a line"}},
-         Apps},
-        {"app", "NAME", 1, 1, "show everything of one application", "", {}, App},
-        {"start",
-         "[APP BINARY [PARAM]...]",
-         0,
-         kAnyNumber,
+         "list the installed applications and what runs of them",
+         Apps,
+         "Running are the programs under the account of the application.",
+         {{"names", nullptr, "print nothing but the names"}}},
+        {"app NAME", "show everything of one application", App},
+        {"start [APP] [BINARY] [PARAM]...",
          "restart all applications, or start one program",
-         "Without arguments: stops what runs, starts the boot programs of all applications and shows the "
-         "first\n"
-         "page. The daemon answers before it does so; 'kxctl monitor' shows when it is done.\n\n"
-         "With arguments: starts the program BINARY of the directory bin of APP under the application's own\n"
-         "account. Parameters are split at blanks; there is no quoting. Options of kxctl stand before APP.",
-         {},
          Start,
+         "Without arguments, stops all, starts all boot programs and shows the first page. APP alone names "
+         "its\n"
+         "programs. Parameters are split at blanks, without quoting. Options of kxctl stand before APP.",
+         {{"wait", nullptr, "return when all applications are started"}},
          true},
-        {"home", "", 0, 0, "show the default form", "", {}, Home},
-        {"stop", "", 0, 0, "stop all applications", "Returns when they have ended.", {}, Stop},
+        {"home", "show the default form", Home,
+         "That is html/index.html of the first of desktop, productiontest, systemconfig and systemutils."},
+        {"stop", "stop all applications", Stop, "Returns when they have ended."},
         {"restart",
-         "",
-         0,
-         0,
          "stop all applications and restart the terminal",
+         Restart,
          "Every application is asked to stop, then stopped, then the terminal reboots.",
-         {{"yes", nullptr, "do not ask; needed where there is no terminal"}},
-         Restart},
+         {{"yes", nullptr, "do not ask; needed where there is no terminal"}}},
     };
-    return verbs;
 }
 
 } // namespace kxctl

@@ -1,6 +1,8 @@
-#include "Output.h"
+#include "Conflicts.h"
+#include "Json.h"
 #include "Verbs.h"
 #include "check/AppCheck.h"
+#include "common/Output.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -11,16 +13,19 @@ namespace kxctl {
 namespace {
 
 using check::Problem;
-using check::Problems;
+using check::Report;
 using check::Severity;
+using cli::Print;
+using cli::Printable;
 
 QString NameOf(Severity severity)
 {
     return severity == Severity::Error ? "error" : "warning";
 }
 
-int Count(const Problems& problems, Severity severity)
+int Count(const Report& report, Severity severity)
 {
+    const auto& problems = report.problems;
     return static_cast<int>(std::count_if(problems.begin(), problems.end(), [&](const Problem& problem) {
         return problem.severity == severity;
     }));
@@ -35,74 +40,107 @@ void PrintProblem(const QString& directory, const Problem& problem)
     }
     const QString element =
         problem.element.isEmpty() ? QString() : QStringLiteral("<%1>: ").arg(problem.element);
-    const Style style = problem.severity == Severity::Error ? Style::Red : Style::Yellow;
+    const cli::Style style = problem.severity == Severity::Error ? cli::Style::Red : cli::Style::Yellow;
     Print(Printable(place) + ": " + Styled(NameOf(problem.severity) + ':', style) + ' ' +
           Printable(element + problem.text));
 }
 
-QVariantMap ToMap(const Problem& problem)
+void PrintReport(const QString& directory, const Report& report)
 {
-    return {{"severity", NameOf(problem.severity)},
-            {"file", problem.file},
-            {"line", problem.line},
-            {"element", problem.element},
-            {"text", problem.text}};
-}
-
-void PrintReport(const QString& directory, const QString& name, const Problems& problems)
-{
-    for (const Problem& problem : problems) {
+    for (const Problem& problem : report.problems) {
         PrintProblem(directory, problem);
     }
-    Print(Printable(name) + QStringLiteral(": errors: %1, warnings: %2")
-                                .arg(Count(problems, Severity::Error))
-                                .arg(Count(problems, Severity::Warning)));
+    const QString counts = QStringLiteral("errors: %1, warnings: %2")
+                               .arg(Count(report, Severity::Error))
+                               .arg(Count(report, Severity::Warning));
+    Print(Printable(report.name) + ": " + (report.problems.isEmpty() ? "ok" : counts));
+}
+
+QVariantMap ToMap(const Report& report)
+{
+    QVariantList problems;
+    for (const Problem& problem : report.problems) {
+        problems.append(QVariantMap{{"severity", NameOf(problem.severity)},
+                                    {"file", problem.file},
+                                    {"line", problem.line},
+                                    {"element", problem.element},
+                                    {"text", problem.text}});
+    }
+    return {{"name", report.name}, {"directory", report.directory}, {"problems", problems}};
+}
+
+Report CheckDirectory(const Request& request, const QString& directory)
+{
+    const QFileInfo folder(QFileInfo(directory).absoluteFilePath());
+    if (!folder.isDir()) {
+        throw request.Misused(QStringLiteral("'%1' is no directory").arg(directory));
+    }
+    const QString path = folder.canonicalFilePath();
+    const QString name = request.IsSet("name") ? request.Value("name") : path.section('/', -1);
+    if (name.isEmpty() || name.contains('/')) {
+        throw request.Misused(
+            QStringLiteral("'%1' is no name of an application; --name gives one").arg(name));
+    }
+    return check::CheckApplication(path, name);
+}
+
+void AddConflicts(QVector<Report>& reports)
+{
+    QVector<QVariantMap> settings;
+    std::transform(reports.begin(), reports.end(), std::back_inserter(settings),
+                   [](const Report& report) { return report.settings; });
+    const QVariantMap conflicts = FindConflicts(settings);
+    for (Report& report : reports) {
+        for (const QString& text : conflicts.value(report.name).toStringList()) {
+            report.problems.append({Severity::Error, "app.conf", 0, {}, text});
+        }
+    }
 }
 
 ExitStatus Check(const Request& request)
 {
-    const QString directory = request.arguments.first();
-    const QFileInfo folder(QFileInfo(directory).absoluteFilePath());
-    if (!folder.isDir()) {
-        throw Misused("check", QStringLiteral("'%1' is no directory").arg(directory));
+    QStringList directories = request.arguments;
+    if (request.IsSet("name") && directories.size() != 1) {
+        throw request.Misused("--name goes with one DIR");
     }
-    const QString path = folder.canonicalFilePath();
-    const QString name =
-        request.options.isSet("name") ? request.options.value("name") : path.section('/', -1);
-    if (name.isEmpty() || name.contains('/')) {
-        throw Misused("check",
-                      QStringLiteral("'%1' is no name of an application; --name gives one").arg(name));
+    if (directories.isEmpty()) {
+        for (const QString& home : QDir("/home").entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name)) {
+            directories.append("/home/" + home);
+        }
     }
-    const Problems problems = check::CheckApplication(path, name);
-    if (request.isJson) {
-        QVariantList list;
-        std::transform(problems.begin(), problems.end(), std::back_inserter(list), ToMap);
-        PrintJson(QVariantMap{{"name", name}, {"directory", path}, {"problems", list}});
-    } else {
-        PrintReport(QDir::cleanPath(directory), name, problems);
+    QVector<Report> reports;
+    for (const QString& directory : qAsConst(directories)) {
+        reports.append(CheckDirectory(request, directory));
     }
-    return Count(problems, Severity::Error) > 0 ? Refused : Success;
+    AddConflicts(reports);
+    QVariantList list;
+    for (int index = 0; index < reports.size(); ++index) {
+        list.append(ToMap(reports.at(index)));
+        if (!request.IsSet("json")) {
+            PrintReport(QDir::cleanPath(directories.at(index)), reports.at(index));
+        }
+    }
+    if (request.IsSet("json")) {
+        PrintJson(list);
+    }
+    const bool hasErrors = std::any_of(reports.begin(), reports.end(), [](const Report& report) {
+        return Count(report, Severity::Error) > 0;
+    });
+    return hasErrors ? cli::Refused : cli::Success;
 }
 
 } // namespace
 
-const std::vector<Verb>& CheckVerbs()
+Verb CheckVerb()
 {
-    static const std::vector<Verb> verbs{
-        {"check",
-         "DIR",
-         1,
-         1,
-         "check an application directory, without the daemon",
-         "Reads DIR/app.conf as the daemon would if DIR were /home/NAME, and prints what the daemon would "
-         "log\n"
-         "and what it would pass over in silence: FILE:LINE: error: <ELEMENT>: TEXT. Exit status 1 if there "
-         "is\n"
-         "an error; a warning marks what works, but perhaps not as meant.",
-         {{"name", "NAME", "name of the application (default: the last part of DIR)"}},
-         Check},
-    };
-    return verbs;
+    return {
+        "check [DIR]...",
+        "check application directories, without the daemon",
+        Check,
+        "Prints what the daemon would log of DIR/app.conf, and what it would pass over in silence, as\n"
+        "FILE:LINE: error: <ELEMENT>: TEXT; of several directories also what is wrong beside each other.\n"
+        "Without DIR, checks all of /home. A warning marks what works, but perhaps not as meant.",
+        {{"name", "NAME", "name of the application (default: the last part of DIR)"}}};
 }
 
 } // namespace kxctl

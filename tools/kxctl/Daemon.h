@@ -1,42 +1,42 @@
 #pragma once
 
 #include "ApplicationsProxy.h"
-#include "Failure.h"
 #include "SystemProxy.h"
 #include "ToolsProxy.h"
+#include "common/CommandLine.h"
 #include "server/dbus/ApplicationList.h"
 
-#include <QDBusError>
+#include <QDBusConnection>
 #include <QDBusPendingReply>
 
 namespace kxctl {
 
-/// \return the name that the daemon owns on the system bus
-QString ServiceName();
+constexpr auto kServiceName = "com.veltrasys.kx.core";
+constexpr auto kBrowserName = "com.veltrasys.browser";
 
 /// \return the system bus; throws Failure with Unreachable when it is not there
 QDBusConnection Bus();
 
-/// \return what a person, and the exit status, is told of an error that the bus or the daemon replied with
-Failure ToFailure(const QDBusError& error);
+/// \return how long --timeout lets each call take, in milliseconds; throws Failure with Misuse
+int TimeoutOf(const cli::Request& request);
+
+/// Waits for an answer, and says so on a terminal when it takes long. Throws Failure when there is none, or
+/// an error.
+void Await(const QDBusPendingCall& call);
 
 /// Waits for an answer of the daemon.
-/// \return its value, if it carries one; throws Failure when there is no answer or an error
+/// \return its value, if it carries one
 template<typename... Types>
-QDBusPendingReply<Types...> Wait(QDBusPendingReply<Types...> reply)
+QDBusPendingReply<Types...> Wait(const QDBusPendingReply<Types...>& reply)
 {
-    reply.waitForFinished();
-    if (reply.isError()) {
-        throw ToFailure(reply.error());
-    }
+    Await(reply);
     return reply;
 }
 
 /// The three objects of the daemon.
 class Daemon {
 public:
-    /// \param timeout  how long each call may take, in milliseconds
-    explicit Daemon(int timeout);
+    explicit Daemon(const cli::Request& request);
 
     ApplicationsProxy applications;
     SystemProxy system;

@@ -1,128 +1,79 @@
 #include "Daemon.h"
-#include "Output.h"
+#include "Json.h"
 #include "Verbs.h"
-#include "misc/UniqueFd.h"
+#include "common/EndSignals.h"
+#include "common/Output.h"
 
-#include <QCoreApplication>
-#include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusServiceWatcher>
 #include <QDateTime>
-#include <QSocketNotifier>
 
-#include <sys/signalfd.h>
-
-#include <csignal>
+#include <algorithm>
 
 namespace kxctl {
 namespace {
 
 /// Prints what happens, one line each.
-class EventPrinter {
-public:
-    explicit EventPrinter(bool isJson) : m_isJson(isJson) {}
-
-    void Show(const char* object, const char* signal, const QVariantList& arguments) const
-    {
-        const QDateTime now = QDateTime::currentDateTime();
-        if (m_isJson) {
-            PrintJson(
-                QVariantMap{{"time", now.toOffsetFromUtc(now.offsetFromUtc()).toString(Qt::ISODateWithMs)},
-                            {"object", object},
-                            {"signal", signal},
-                            {"arguments", arguments}},
-                true);
-            return;
-        }
-        QStringList line{now.toString("yyyy-MM-dd HH:mm:ss.zzz"), object, signal};
-        for (const QVariant& argument : arguments) {
-            line.append(ToText(argument));
-        }
-        Print(Printable(line.join("  ")));
-        Flush();
+void Show(bool isJson, const char* object, const char* signal, const QVariantList& arguments)
+{
+    const QDateTime now = QDateTime::currentDateTime();
+    if (isJson) {
+        const QString time = now.toOffsetFromUtc(now.offsetFromUtc()).toString(Qt::ISODateWithMs);
+        PrintJson(
+            QVariantMap{{"time", time}, {"object", object}, {"signal", signal}, {"arguments", arguments}},
+            true);
+        return;
     }
-
-private:
-    bool m_isJson;
-};
-
-/// Makes SIGINT and SIGTERM readable. To be called before the bus starts a thread, which then blocks them
-/// too.
-UniqueFd EndSignals()
-{
-    sigset_t ends = {};
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGINT);
-    sigaddset(&ends, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
-    return UniqueFd(signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK));
+    QStringList line{now.toString("yyyy-MM-dd HH:mm:ss.zzz"), object, signal};
+    std::transform(arguments.begin(), arguments.end(), std::back_inserter(line), ToText);
+    cli::Print(cli::Printable(line.join("  ")));
 }
 
-void WatchSignals(Daemon& daemon, const EventPrinter& events)
+void WatchSignals(Daemon& daemon, bool isJson)
 {
-    QObject::connect(&daemon.applications, &ApplicationsProxy::OnStarted, [&events](const QVariantMap& data) {
-        events.Show("/Applications", "OnStarted", {data});
-    });
-    QObject::connect(
-        &daemon.applications, &ApplicationsProxy::OnTerminate,
-        [&events](const QVariantMap& data) { events.Show("/Applications", "OnTerminate", {data}); });
+    const auto show = [isJson](const char* signal) {
+        return [=](const QVariantMap& data) { Show(isJson, "/Applications", signal, {data}); };
+    };
+    QObject::connect(&daemon.applications, &ApplicationsProxy::OnStarted, show("OnStarted"));
+    QObject::connect(&daemon.applications, &ApplicationsProxy::OnTerminate, show("OnTerminate"));
     QObject::connect(&daemon.tools, &ToolsProxy::TimeInfoChanged,
-                     [&events](const QString& utcTime, const QString& timeZone, const QString& infoSource) {
-                         events.Show("/Tools", "TimeInfoChanged", {utcTime, timeZone, infoSource});
+                     [=](const QString& utcTime, const QString& timeZone, const QString& infoSource) {
+                         Show(isJson, "/Tools", "TimeInfoChanged", {utcTime, timeZone, infoSource});
                      });
-}
-
-void WatchService(QDBusServiceWatcher& watcher, const EventPrinter& events)
-{
-    QObject::connect(&watcher, &QDBusServiceWatcher::serviceRegistered,
-                     [&events] { events.Show("-", "daemon started", {}); });
-    QObject::connect(&watcher, &QDBusServiceWatcher::serviceUnregistered,
-                     [&events] { events.Show("-", "daemon ended", {}); });
 }
 
 ExitStatus Monitor(const Request& request)
 {
-    const UniqueFd endSignals = EndSignals();
-    QSocketNotifier end(endSignals.Get(), QSocketNotifier::Read);
-    QObject::connect(&end, &QSocketNotifier::activated, [] { QCoreApplication::quit(); });
-
+    const cli::EndSignals end;
     QDBusConnection bus = Bus();
-    const EventPrinter events(request.isJson);
-    Daemon daemon(request.timeout);
-    WatchSignals(daemon, events);
-    QDBusServiceWatcher watcher(ServiceName(), bus);
-    WatchService(watcher, events);
+    const bool isJson = request.IsSet("json");
+    Daemon daemon(request);
+    WatchSignals(daemon, isJson);
+    const QDBusServiceWatcher watcher(kServiceName, bus);
+    QObject::connect(&watcher, &QDBusServiceWatcher::serviceRegistered,
+                     [=] { Show(isJson, "-", "daemon started", {}); });
+    QObject::connect(&watcher, &QDBusServiceWatcher::serviceUnregistered,
+                     [=] { Show(isJson, "-", "daemon ended", {}); });
     bus.connect({}, "/org/freedesktop/DBus/Local", "org.freedesktop.DBus.Local", "Disconnected",
                 QCoreApplication::instance(), SLOT(quit()));
     // Answered after the bus has taken in the subscriptions.
-    if (!bus.interface()->isServiceRegistered(ServiceName())) {
-        throw Failure(Unreachable, "the daemon is not running");
+    if (!bus.interface()->isServiceRegistered(kServiceName)) {
+        throw Failure(cli::Unreachable, "the daemon is not running");
     }
-    Tell("kxctl: monitoring, Ctrl-C ends\n");
+    cli::Tell("kxctl: monitoring, Ctrl-C ends\n");
     QCoreApplication::exec();
     if (!bus.isConnected()) {
-        throw Failure(Unreachable, "the connection to the system bus was lost");
+        throw Failure(cli::Unreachable, "the connection to the system bus was lost");
     }
-    return Success;
+    return cli::Success;
 }
 
 } // namespace
 
-const std::vector<Verb>& MonitorVerbs()
+Verb MonitorVerb()
 {
-    static const std::vector<Verb> verbs{
-        {"monitor",
-         "",
-         0,
-         0,
-         "show the daemon's signals until Ctrl-C",
-         "One line each: time, object, signal, arguments; with --json, one object a line. Also shows when "
-         "the\n"
-         "daemon ends and comes back.",
-         {},
-         Monitor},
-    };
-    return verbs;
+    return {"monitor", "show the daemon's signals until Ctrl-C", Monitor,
+            "One line each, or with --json one object. Also shows when the daemon ends and comes back."};
 }
 
 } // namespace kxctl

@@ -1,246 +1,234 @@
-#include "Output.h"
-#include "SystemCall.h"
+#include "Daemon.h"
+#include "Json.h"
 #include "Verbs.h"
+#include "common/Output.h"
+#include "server/system/SystemCallId.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+
+#include <cmath>
+#include <limits>
 
 namespace kxctl {
 namespace {
 
-/// Performs a call whose answer says no more than that it worked.
-ExitStatus Perform(const Request& request, SystemCallId id, const QVariantMap& arguments = {})
+using namespace core::system;
+
+/// An answer holds a number, 0 for success; the query of the kernels has the version there, or a negative
+/// number. No number at all: the operation failed on the way.
+bool IsFailure(int id, const QVariantMap& answer)
 {
-    PerformSystemCall(request, id, arguments);
-    return Success;
+    bool isNumber = false;
+    const int result = answer.value("return").toInt(&isNumber);
+    return !isNumber || (id == GetKernelVersionCall ? result < 0 : result != 0);
 }
 
-/// \return the value of an option, which must be one of \a words; empty when it is not given
-QString WordOption(const Request& request, const char* verb, const char* option, const QStringList& words)
+QString FailureText(const QVariantMap& answer)
 {
-    QString value = request.options.value(option);
-    if (request.options.isSet(option) && !words.contains(value)) {
-        throw Misused(verb,
-                      QStringLiteral("--%1 is one of %2, not '%3'").arg(option, words.join(", "), value));
+    const QString response = answer.value("response").toString();
+    QString text = response.isEmpty() ? "the operation failed; the daemon's log tells why" : response;
+    if (answer.contains("return")) {
+        text += QStringLiteral(" (the daemon answered %1)").arg(answer.value("return").toString());
     }
-    return value;
+    return text;
+}
+
+/// Performs a system call and shows the answer as JSON if that is wanted.
+/// \return the answer; throws Failure with Refused when it tells of a failure
+QVariantMap Call(const Request& request, int id, const QVariantMap& arguments = {})
+{
+    const QVariantMap answer = Wait(Daemon(request).system.SystemCall(id, arguments)).value();
+    if (request.IsSet("json")) {
+        PrintJson(answer);
+    }
+    if (IsFailure(id, answer)) {
+        throw Failure(cli::Refused, FailureText(answer));
+    }
+    return answer;
+}
+
+ExitStatus Perform(const Request& request, SystemCallId id, const QVariantMap& arguments = {})
+{
+    Call(request, id, arguments);
+    return cli::Success;
 }
 
 ExitStatus Reboot(const Request& request)
 {
+    Confirm(request, "Restart the operating system at once?");
     return Perform(request, RebootCall);
 }
 
 ExitStatus PowerOff(const Request& request)
 {
+    Confirm(request, "Switch the terminal off at once?");
     return Perform(request, PowerOffCall);
 }
 
 ExitStatus HardwareTest(const Request& request)
 {
     QVariantMap arguments;
-    if (request.options.isSet("url")) {
-        arguments.insert("url", request.options.value("url"));
+    if (request.IsSet("url")) {
+        arguments.insert("url", request.Value("url"));
     }
     return Perform(request, HardwareTestCall, arguments);
 }
 
-ExitStatus Console(const Request& request)
-{
-    const QString command = request.arguments.first();
-    if (command != "enable" && command != "disable") {
-        throw Misused("system console", QStringLiteral("'%1' is neither enable nor disable").arg(command));
-    }
-    return Perform(request, ConsoleCall, {{"command", command}});
-}
-
-ExitStatus LogText(const Request& request)
-{
-    return Perform(request, LogCall, {{"text", request.arguments.first()}});
-}
-
 ExitStatus Web(const Request& request)
 {
-    struct Setting {
-        const char* option;
-        const char* key;
-        QStringList words;
-    };
-    const std::vector<Setting> settings{
-        {"protocol", "newconf", {"HTTP", "HTTPS"}},
-        {"caching", "caching", {"on", "off"}},
-        {"buffering", "buffer-resp", {"on", "off"}},
-    };
     QVariantMap arguments;
-    for (const Setting& setting : settings) {
-        const QString value = WordOption(request, "system web", setting.option, setting.words);
-        if (request.options.isSet(setting.option)) {
-            arguments.insert(setting.key, value);
+    const auto add = [&](const char* option, const char* key) {
+        if (request.IsSet(option)) {
+            arguments.insert(key, request.Value(option));
         }
-    }
+    };
+    add("protocol", "newconf");
+    add("caching", "caching");
+    add("buffering", "buffer-resp");
     return Perform(request, WebServerCall, arguments);
 }
 
 ExitStatus Usb(const Request& request)
 {
-    const QString mode = WordOption(request, "system usb", "mode", {"ethernet", "serial"});
-    if (mode.isEmpty()) {
-        throw Misused("system usb", "needs --mode");
+    if (!request.IsSet("mode")) {
+        throw request.Misused("needs --mode");
     }
     QVariantMap arguments{
-        {"mode", mode},
-        {"usbForceFullspeed", request.options.isSet("full-speed")},
-        {"dflt", request.options.isSet("default-ids")},
-        {"usbuid", request.options.isSet("unit-serial")},
-        {"lteConnected", request.options.isSet("lte-connected")},
+        {"mode", request.Value("mode")},
+        {"usbForceFullspeed", request.IsSet("full-speed")},
+        {"dflt", request.IsSet("default-ids")},
+        {"usbuid", request.IsSet("unit-serial")},
+        {"lteConnected", request.IsSet("lte-connected")},
     };
-    if (request.options.isSet("hub-id")) {
-        arguments.insert("hubid", request.options.value("hub-id"));
+    if (request.IsSet("hub-id")) {
+        arguments.insert("hubid", request.Value("hub-id"));
     }
-    return Perform(request, UsbCall, arguments);
+    return Perform(request, UsbGadgetCall, arguments);
 }
 
 ExitStatus Kernel(const Request& request)
 {
-    const QVariantMap answer = PerformSystemCall(request, GetKernelCall, {});
-    const int version = answer.value("return").toInt();
-    if (!request.isJson) {
-        Print(version == 0 ? "none runs" : QString::number(version));
+    const int version = Call(request, GetKernelVersionCall).value("return").toInt();
+    if (!request.IsSet("json")) {
+        cli::Print(version == 0 ? "none runs" : QString::number(version));
     }
-    return Success;
-}
-
-ExitStatus SetKernel(const Request& request)
-{
-    const QString number = request.arguments.first();
-    if (number != "1" && number != "2" && number != "3") {
-        throw Misused("system kernel set", QStringLiteral("'%1' is none of 1, 2 and 3").arg(number));
-    }
-    return Perform(request, SetKernelCall, {{"number", number}});
+    return cli::Success;
 }
 
 ExitStatus Battery(const Request& request)
 {
-    const QVariantMap answer = PerformSystemCall(request, BatteryCall, {});
-    if (!request.isJson) {
-        Print(QStringLiteral("%1 V").arg(answer.value("voltage").toDouble(), 0, 'f', 3));
+    const double voltage = Call(request, CoinBatteryCall).value("voltage").toDouble();
+    if (!request.IsSet("json")) {
+        cli::Print(QStringLiteral("%1 V").arg(voltage, 0, 'f', 3));
     }
-    return Success;
+    return cli::Success;
 }
 
-ExitStatus Keypad(const Request& request)
+/// \return the value that JSON text holds; whole numbers as integers, which is what the daemon knows
+QVariant ParseJson(const Request& request, const QString& word, const QString& text)
 {
-    return Perform(request, KeypadCall);
+    // The reader takes documents only, which are lists or maps.
+    const QJsonArray list = QJsonDocument::fromJson(('[' + text + ']').toUtf8()).array();
+    if (list.size() != 1 || list.first().isNull()) {
+        throw request.Misused(QStringLiteral("'%1' holds no JSON value that can be sent").arg(word));
+    }
+    const double number = list.first().toDouble(std::nan(""));
+    const bool isInt = std::trunc(number) == number && std::abs(number) <= std::numeric_limits<int>::max();
+    return isInt ? QVariant(static_cast<int>(number)) : list.first().toVariant();
+}
+
+QVariantMap ParseCallArguments(const Request& request)
+{
+    QVariantMap arguments;
+    for (const QString& word : request.arguments.mid(1)) {
+        const int equals = word.indexOf('=');
+        const bool isJson = equals > 0 && word.at(equals - 1) == ':';
+        const int length = isJson ? equals - 1 : equals;
+        if (length < 1) {
+            throw request.Misused(QStringLiteral("'%1' is neither KEY=TEXT nor KEY:=JSON").arg(word));
+        }
+        const QString value = word.mid(equals + 1);
+        arguments.insert(word.left(length), isJson ? ParseJson(request, word, value) : QVariant(value));
+    }
+    return arguments;
 }
 
 ExitStatus AnyCall(const Request& request)
 {
-    bool isNumber = false;
-    const int id = request.arguments.first().toInt(&isNumber);
-    if (!isNumber) {
-        throw Misused("system call", QStringLiteral("'%1' is no number").arg(request.arguments.first()));
+    const int id = request.arguments.first().toInt();
+    if (id != RebootCall && (id < UsbGadgetCall || id > KeypadResetCall)) {
+        throw request.Misused(QStringLiteral("there is no call '%1', only %2 and %3 to %4")
+                                  .arg(request.arguments.first(), QString::number(RebootCall),
+                                       QString::number(UsbGadgetCall), QString::number(KeypadResetCall)));
     }
-    const QVariantMap answer = PerformSystemCall(request, id, ParseCallArguments(request.arguments.mid(1)));
-    if (!request.isJson) {
-        Table table;
+    const QVariantMap answer = Call(request, id, ParseCallArguments(request));
+    if (!request.IsSet("json")) {
+        cli::Table table;
         for (auto entry = answer.begin(); entry != answer.end(); ++entry) {
             table.Add({entry.key(), ToText(entry.value())});
         }
         table.Print();
     }
-    return Success;
-}
-
-std::vector<Verb> PowerVerbs()
-{
-    return {
-        {"system reboot",
-         "",
-         0,
-         0,
-         "restart the operating system at once",
-         "Does not ask, and does not have the applications stop first; 'kxctl restart' does.",
-         {},
-         Reboot},
-        {"system poweroff", "", 0, 0, "switch the terminal off at once", "Does not ask.", {}, PowerOff},
-        {"system hwtest",
-         "",
-         0,
-         0,
-         "run the hardware test",
-         "It runs in the background.",
-         {{"url", "URL", "page to open when the test ends"}},
-         HardwareTest},
-        {"system console",
-         "{enable|disable}",
-         1,
-         1,
-         "switch the console",
-         "All applications are stopped, and started again afterwards.",
-         {},
-         Console},
-        {"system log", "TEXT", 1, 1, "write a text to the daemon's log", "", {}, LogText},
-        {"system kernel", "", 0, 0, "show which secure kernels run: 1, 2 or 3", "", {}, Kernel},
-        {"system kernel set",
-         "N",
-         1,
-         1,
-         "choose the secure kernels: 1, 2 or 3",
-         "The secure daemon is restarted if another one runs.",
-         {},
-         SetKernel},
-        {"system battery", "", 0, 0, "measure the coin cell", "", {}, Battery},
-        {"system keypad", "", 0, 0, "reset the keypad", "", {}, Keypad},
-    };
-}
-
-std::vector<Verb> ConfigurationVerbs()
-{
-    return {
-        {"system web",
-         "",
-         0,
-         0,
-         "configure and restart the web server",
-         "What is not given stays as it is. The restart follows half a second later; after --caching off "
-         "the\n"
-         "browser is restarted too.",
-         {{"protocol", "PROTOCOL", "HTTP or HTTPS"},
-          {"caching", "STATE", "on or off"},
-          {"buffering", "STATE", "of responses: on or off"}},
-         Web},
-        {"system usb",
-         "",
-         0,
-         0,
-         "configure the USB device port",
-         "Sets the whole configuration, so a switch that is not given is off; only the hub identifier then "
-         "stays\n"
-         "as it is. Applications are stopped while the drivers are loaded anew, unless --lte-connected or\n"
-         "--hub-id is given. May take minutes.",
-         {{"mode", "MODE", "ethernet or serial; required"},
-          {"full-speed", nullptr, "allow no more than 12 Mbit/s"},
-          {"default-ids", nullptr, "use the platform's vendor and product ids, not the legacy ones"},
-          {"unit-serial", nullptr, "use the unit's own serial number, not the legacy one"},
-          {"hub-id", "TEXT", "new hub identifier; empty deletes it"},
-          {"lte-connected", nullptr, "leave the applications running"}},
-         Usb},
-        {"system call",
-         "ID [KEY=TEXT|KEY:=JSON]...",
-         1,
-         kAnyNumber,
-         "perform any system call by its number",
-         "KEY=TEXT sends a text. KEY:=JSON sends another value: true and false, whole numbers, other "
-         "numbers,\n"
-         "lists and maps. Succeeds when \"return\" is 0, for call 103 when it is not negative.",
-         {},
-         AnyCall},
-    };
+    return cli::Success;
 }
 
 } // namespace
 
-const std::vector<Verb>& SystemVerbs()
+std::vector<Verb> SystemVerbs()
 {
-    static const std::vector<Verb> verbs = Joined(PowerVerbs(), ConfigurationVerbs());
-    return verbs;
+    const cli::Option yes{"yes", nullptr, "do not ask; needed where there is no terminal"};
+    return {
+        {"system reboot",
+         "restart the operating system at once",
+         Reboot,
+         "Does not have the applications stop first; 'kxctl restart' does.",
+         {yes}},
+        {"system poweroff", "switch the terminal off at once", PowerOff, "", {yes}},
+        {"system hwtest",
+         "run the hardware test",
+         HardwareTest,
+         "It runs in the background.",
+         {{"url", "URL", "page to open when the test ends"}}},
+        {"system console {enable|disable}", "switch the console",
+         [](const Request& r) {
+             return Perform(r, ConsoleCall, {{"command", r.arguments.first()}});
+         },
+         "All applications are stopped, and started again afterwards."},
+        {"system log TEXT", "write a text to the daemon's log",
+         [](const Request& r) {
+             return Perform(r, LogCall, {{"text", r.arguments.first()}});
+         }},
+        {"system kernel", "show which secure kernels run: 1, 2 or 3", Kernel},
+        {"system kernel set {1|2|3}", "choose the secure kernels",
+         [](const Request& r) {
+             return Perform(r, SetKernelVersionCall, {{"number", r.arguments.first()}});
+         },
+         "The secure daemon is restarted if another one runs."},
+        {"system battery", "measure the coin cell", Battery},
+        {"system keypad", "reset the keypad", [](const Request& r) { return Perform(r, KeypadResetCall); }},
+        {"system web",
+         "configure and restart the web server",
+         Web,
+         "What is not given stays as it is. The restart follows half a second later.",
+         {{"protocol", "{HTTP|HTTPS}", "protocol of the pages"},
+          {"caching", "{on|off}", "whether the browser may keep pages"},
+          {"buffering", "{on|off}", "whether responses are buffered"}}},
+        {"system usb",
+         "configure the USB device port",
+         Usb,
+         "A switch that is not given is off, a hub identifier that is not given stays. Applications are "
+         "stopped\n"
+         "meanwhile but with --lte-connected or --hub-id. May take minutes: --timeout 900 waits.",
+         {{"mode", "{ethernet|serial}", "what the port is; required"},
+          {"full-speed", nullptr, "allow no more than 12 Mbit/s"},
+          {"default-ids", nullptr, "use the platform's vendor and product ids, not the legacy ones"},
+          {"unit-serial", nullptr, "use the unit's own serial number, not the legacy one"},
+          {"hub-id", "TEXT", "new hub identifier; empty deletes it"},
+          {"lte-connected", nullptr, "leave the applications running"}}},
+        {"system call ID [KEY=TEXT|KEY:=JSON]...", "perform any system call by its number", AnyCall,
+         "KEY=TEXT sends a text, KEY:=JSON a number, true, false, a list or a map."},
+    };
 }
 
 } // namespace kxctl

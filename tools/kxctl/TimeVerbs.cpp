@@ -1,39 +1,31 @@
 #include "Daemon.h"
-#include "Output.h"
+#include "Json.h"
 #include "Verbs.h"
+#include "common/Output.h"
 
 #include "Registry.h"
 
 #include <QDateTime>
+#include <QDirIterator>
 #include <QFileInfo>
+#include <QRegularExpression>
 
 #include <algorithm>
-#include <array>
 
 namespace kxctl {
 namespace {
 
+using cli::Print;
+using cli::Printable;
+
 constexpr auto kTimeFormat = "yyyy-MM-dd HH:mm:ss";
-
-struct Code {
-    int value;
-    const char* meaning;
-};
-
-constexpr std::array<Code, 4> kSetTimeCodes{{
-    {-1, "this is neither YYYY-MM-DD HH:MM:SS nor one half of it, or no valid time"},
-    {-2, "the system clock could not be set"},
-    {-3, "the clock is set, but /etc/time_offset could not be written"},
-    {-4, "the present time could not be read"},
-}};
+constexpr auto kZones = "/usr/share/zoneinfo/";
 
 /// \return the zone that /etc/localtime names; UTC without that link
 QString Zone()
 {
-    const QString root = "/zoneinfo/";
     const QString target = QFileInfo("/etc/localtime").symLinkTarget();
-    const int at = target.indexOf(root);
-    return at < 0 ? (target.isEmpty() ? QStringLiteral("UTC") : target) : target.mid(at + root.size());
+    return target.isEmpty() ? "UTC" : target.mid(target.startsWith(kZones) ? QString(kZones).size() : 0);
 }
 
 /// \return who set the time, as the registry has it; empty when it is not known to this account
@@ -48,186 +40,180 @@ ExitStatus ShowTime(const Request& request)
     const QDateTime now = QDateTime::currentDateTime();
     const QString local = now.toString(kTimeFormat);
     const QString utc = now.toUTC().toString(kTimeFormat);
-    if (request.isJson) {
-        PrintJson(QVariantMap{{"local", local}, {"utc", utc}, {"zone", Zone()}, {"source", Source()}});
-        return Success;
-    }
     const QString source = Source();
-    Table table;
+    if (request.IsSet("json")) {
+        PrintJson(QVariantMap{{"local", local}, {"utc", utc}, {"zone", Zone()}, {"source", source}});
+        return cli::Success;
+    }
+    cli::Table table;
     table.Add({"local time", local});
     table.Add({"UTC", utc});
     table.Add({"zone", Zone()});
     table.Add({"source", source.isEmpty() ? "not known" : source});
     table.Print();
-    return Success;
+    return cli::Success;
 }
 
 /// Shows the answer of a method that returns 0 for success; \a meaning tells what another number means.
 ExitStatus Report(const Request& request, int result, const QString& meaning)
 {
-    if (request.isJson) {
+    if (request.IsSet("json")) {
         PrintJson(QVariantMap{{"result", result}});
     }
     if (result != 0) {
-        throw Failure(Refused, QStringLiteral("%1 (the daemon answered %2)").arg(meaning).arg(result));
+        throw Failure(cli::Refused,
+                      QStringLiteral("%1 (the daemon answered %2)").arg(meaning, QString::number(result)));
     }
-    return Success;
+    return cli::Success;
+}
+
+QString SetTimeFailure(int result)
+{
+    switch (result) {
+    case -1:
+        return "this is neither YYYY-MM-DD HH:MM:SS nor one half of it, or no valid time";
+    case -2:
+        return "the system clock could not be set";
+    case -3:
+        return "the clock is set, but /etc/time_offset could not be written";
+    default:
+        return "the present time could not be read";
+    }
 }
 
 ExitStatus SetTime(const Request& request)
 {
-    const int result = Wait(Daemon(request.timeout).tools.SetSystemTime(request.arguments.first())).value();
-    const auto* code = std::find_if(kSetTimeCodes.begin(), kSetTimeCodes.end(),
-                                    [&](const Code& entry) { return entry.value == result; });
-    return Report(request, result, code != kSetTimeCodes.end() ? code->meaning : "the time was not set");
+    const int result = Wait(Daemon(request).tools.SetSystemTime(request.arguments.first())).value();
+    return Report(request, result, SetTimeFailure(result));
 }
 
 ExitStatus ShowZone(const Request& request)
 {
-    if (request.isJson) {
+    if (request.IsSet("json")) {
         PrintJson(QVariantMap{{"zone", Zone()}});
     } else {
         Print(Printable(Zone()));
     }
-    return Success;
+    return cli::Success;
+}
+
+ExitStatus ListZones(const Request& request)
+{
+    QStringList zones;
+    QDirIterator files(kZones, QDir::Files, QDirIterator::Subdirectories);
+    while (files.hasNext()) {
+        QFile file(files.next());
+        const QString zone = files.filePath().mid(QString(kZones).size());
+        // Files of another kind and the copies with and without leap seconds are no names to choose.
+        if (!zone.startsWith("posix/") && !zone.startsWith("right/") && file.open(QIODevice::ReadOnly) &&
+            file.read(4) == "TZif") {
+            zones.append(zone);
+        }
+    }
+    zones.sort();
+    if (request.IsSet("json")) {
+        PrintJson(zones);
+    } else {
+        std::for_each(zones.begin(), zones.end(), [](const QString& zone) { Print(Printable(zone)); });
+    }
+    return cli::Success;
 }
 
 ExitStatus SetZone(const Request& request)
 {
     const QString zone = request.arguments.first();
-    return Report(request, Wait(Daemon(request.timeout).tools.SetTimeZone(zone)).value(),
-                  QStringLiteral("the zone '%1' was not set; is it one of /usr/share/zoneinfo?").arg(zone));
+    return Report(request, Wait(Daemon(request).tools.SetTimeZone(zone)).value(),
+                  QStringLiteral("the zone '%1' was not set; is it one of 'kxctl zone list'?").arg(zone));
+}
+
+/// \return why \a source was refused, as far as can be told from here
+QString TimeInfoFailure(const QString& source)
+{
+    const QStringList precedence{"HOST", "MANUAL", "HUB", "UNKNOWN"};
+    const QString current = Source();
+    return precedence.contains(current) && precedence.indexOf(source) > precedence.indexOf(current)
+               ? QStringLiteral("%1 does not overwrite what %2 has set; 'kxctl timeinfo reset' forgets %2")
+                     .arg(source, current)
+               : "time and zone were not set; the daemon's log tells why";
 }
 
 ExitStatus SetTimeInfo(const Request& request)
 {
     const QStringList& arguments = request.arguments;
-    return Report(
-        request,
-        Wait(Daemon(request.timeout).tools.SetTimeInfo(arguments.at(0), arguments.at(1), arguments.at(2)))
-            .value(),
-        "time and zone were not set; the daemon's log tells why");
+    const auto reply = Daemon(request).tools.SetTimeInfo(arguments.at(0), arguments.at(1), arguments.at(2));
+    const int result = Wait(reply).value();
+    return Report(request, result, result == 0 ? QString() : TimeInfoFailure(arguments.at(2)));
 }
 
 ExitStatus ResetTimeInfo(const Request& request)
 {
-    return Report(request, Wait(Daemon(request.timeout).tools.ResetTimeInfoSource()).value(),
+    return Report(request, Wait(Daemon(request).tools.ResetTimeInfoSource()).value(),
                   "the source was not reset");
 }
 
 ExitStatus SetVariable(const Request& request)
 {
-    const QStringList& arguments = request.arguments;
-    return Report(
-        request,
-        Wait(Daemon(request.timeout).tools.SaveVariableValue(arguments.at(0), arguments.at(1))).value(),
-        "the variable was not stored: values hold letters, digits and blanks only, and the file must exist");
-}
-
-ExitStatus ShowAudiopayd(const Request& request, bool isEnabled)
-{
-    if (request.isJson) {
-        PrintJson(QVariantMap{{"enabled", isEnabled}});
-    } else {
-        Print(isEnabled ? "on" : "off");
+    static const QRegularExpression identifier("^[A-Za-z_][A-Za-z0-9_]*$");
+    const QString name = request.arguments.at(0);
+    if (!identifier.match(name).hasMatch() && !request.IsSet("force")) {
+        throw request.Misused(
+            QStringLiteral("'%1' is no name of a shell variable; --force stores it").arg(name));
     }
-    return Success;
+    return Report(
+        request, Wait(Daemon(request).tools.SaveVariableValue(name, request.arguments.at(1))).value(),
+        "the variable was not stored: values hold letters, digits and blanks only, and the file must exist");
 }
 
 ExitStatus Audiopayd(const Request& request)
 {
-    Daemon daemon(request.timeout);
-    if (request.arguments.isEmpty()) {
-        return ShowAudiopayd(request, Wait(daemon.tools.IsAudiopaydEnabled()).value());
+    Daemon daemon(request);
+    const QString wanted = request.arguments.value(0);
+    if (!wanted.isEmpty()) {
+        Wait(daemon.tools.EnableAudiopayd(wanted == "on"));
     }
-    const QString wanted = request.arguments.first();
-    if (wanted != "on" && wanted != "off") {
-        throw Misused("audiopayd", QStringLiteral("'%1' is neither on nor off").arg(wanted));
-    }
-    Wait(daemon.tools.EnableAudiopayd(wanted == "on"));
-    // The call itself has no answer; the state tells whether it worked.
+    // Switching has no answer; the state tells whether it worked.
     const bool isEnabled = Wait(daemon.tools.IsAudiopaydEnabled()).value();
-    if (isEnabled != (wanted == "on")) {
-        throw Failure(Refused, "the audio-payment daemon could not be switched; the daemon's log tells why");
+    if (!wanted.isEmpty() && isEnabled != (wanted == "on")) {
+        throw Failure(cli::Refused,
+                      "the audio-payment daemon could not be switched; the daemon's log tells why");
     }
-    return ShowAudiopayd(request, isEnabled);
-}
-
-std::vector<Verb> ClockVerbs()
-{
-    return {
-        {"time",
-         "",
-         0,
-         0,
-         "show time, zone and who set them",
-         "Reads the system clock, the link /etc/localtime and the registry itself; the daemon is not asked.\n"
-         "The source is not known to accounts that may not read the registry.",
-         {},
-         ShowTime},
-        {"time set",
-         "TEXT",
-         1,
-         1,
-         "set the system clock",
-         "TEXT is local time: YYYY-MM-DD HH:MM:SS, or the date alone, or the time alone. The source becomes\n"
-         "MANUAL.",
-         {},
-         SetTime},
-        {"zone", "", 0, 0, "show the time zone", "Reads the link /etc/localtime.", {}, ShowZone},
-        {"zone set",
-         "NAME",
-         1,
-         1,
-         "set the time zone",
-         "NAME is a file below /usr/share/zoneinfo, such as Europe/Berlin; an empty NAME is UTC. The source\n"
-         "becomes MANUAL.",
-         {},
-         SetZone},
-        {"timeinfo",
-         "UTC ZONE SOURCE",
-         3,
-         3,
-         "set time and zone in the name of a source",
-         "UTC is YYYY-MM-DD HH:MM:SS, or empty to leave the clock alone. ZONE is as for 'zone set'. SOURCE "
-         "is\n"
-         "HOST, MANUAL, HUB or UNKNOWN; a source does not overwrite what one before it in this list has set.",
-         {},
-         SetTimeInfo},
-        {"timeinfo reset", "", 0, 0, "forget who set the time", "", {}, ResetTimeInfo},
-    };
-}
-
-std::vector<Verb> SettingVerbs()
-{
-    return {
-        {"var set",
-         "NAME VALUE",
-         2,
-         2,
-         "store a variable for the boot scripts",
-         "Replaces the first line of /etc/rc.d/rc.platform.conf that contains NAME, or appends one. VALUE "
-         "may\n"
-         "hold letters, digits and blanks.",
-         {},
-         SetVariable},
-        {"audiopayd",
-         "[on|off]",
-         0,
-         1,
-         "show or switch the start of the audio-payment daemon",
-         "Takes effect at the next boot.",
-         {},
-         Audiopayd},
-    };
+    if (request.IsSet("json")) {
+        PrintJson(QVariantMap{{"enabled", isEnabled}});
+    } else {
+        Print(isEnabled ? "on" : "off");
+    }
+    return cli::Success;
 }
 
 } // namespace
 
-const std::vector<Verb>& TimeVerbs()
+std::vector<Verb> TimeVerbs()
 {
-    static const std::vector<Verb> verbs = Joined(ClockVerbs(), SettingVerbs());
-    return verbs;
+    return {
+        {"time", "show time, zone and who set them", ShowTime,
+         "The daemon is not asked. Only root may see the source."},
+        {"time set TEXT", "set the system clock", SetTime,
+         "TEXT is local time: YYYY-MM-DD HH:MM:SS, or one half of it. The source becomes MANUAL."},
+        {"zone", "show the time zone", ShowZone},
+        {"zone list", "list the time zones", ListZones},
+        {"zone set NAME", "set the time zone", SetZone,
+         "NAME is one of 'kxctl zone list'; an empty NAME is UTC. The source becomes MANUAL."},
+        {"timeinfo UTC ZONE {HOST|MANUAL|HUB|UNKNOWN}", "set time and zone in the name of a source",
+         SetTimeInfo,
+         "UTC is YYYY-MM-DD HH:MM:SS, or empty to leave the clock alone. A source does not overwrite what "
+         "one\n"
+         "before it in the list has set."},
+        {"timeinfo reset", "forget who set the time", ResetTimeInfo},
+        {"var set NAME VALUE",
+         "store a variable for the boot scripts",
+         SetVariable,
+         "Replaces the first line of /etc/rc.d/rc.platform.conf that contains NAME, or appends one. VALUE "
+         "may\n"
+         "hold letters, digits and blanks.",
+         {{"force", nullptr, "take a NAME that is no name of a shell variable"}}},
+        {"audiopayd [on|off]", "show or switch the start of the audio-payment daemon", Audiopayd,
+         "Takes effect at the next boot."},
+    };
 }
 
 } // namespace kxctl

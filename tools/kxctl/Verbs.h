@@ -1,16 +1,22 @@
 #pragma once
 
-#include "CommandLine.h"
+#include "common/CommandLine.h"
 
 #include <vector>
 
-/// The table of the command line, one function for each group of verbs.
+/// The table of the command line, one function for each file of verbs.
 namespace kxctl {
 
-const std::vector<Verb>& ApplicationVerbs();
-const std::vector<Verb>& TimeVerbs();
-const std::vector<Verb>& SystemVerbs();
-const std::vector<Verb>& MonitorVerbs();
-const std::vector<Verb>& CheckVerbs();
+using cli::ExitStatus;
+using cli::Failure;
+using cli::Request;
+using cli::Verb;
+
+std::vector<Verb> ApplicationVerbs();
+std::vector<Verb> TimeVerbs();
+std::vector<Verb> SystemVerbs();
+Verb StatusVerb();
+Verb MonitorVerb();
+Verb CheckVerb();
 
 } // namespace kxctl

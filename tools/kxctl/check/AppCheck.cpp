@@ -1,10 +1,9 @@
 #include "AppCheck.h"
 
 #include "ElementCheck.h"
-#include "XmlDiagnosis.h"
+#include "Messages.h"
 #include "server/applications/appconf/AppConfigParser.h"
 #include "server/applications/appconf/XmlReader.h"
-#include "server/applications/processmanager/ProcessManager.h"
 
 #include <QDir>
 #include <QDomDocument>
@@ -19,47 +18,38 @@
 namespace kxctl::check {
 namespace {
 
-using core::applications::IsValidAppID;
-using core::applications::kFirstApplicationId;
-using core::applications::kLastApplicationId;
-using core::configuration::kMaxXmlSize;
 using core::configuration::Parser;
 
-Problem OfDirectory(Severity severity, const QString& text)
-{
-    return {severity, {}, 0, {}, text};
-}
+constexpr unsigned kFirstAccount = 4000;
+constexpr unsigned kLastAccount = 4999;
+constexpr int kMaxNameLength = 40; ///< of an application whose pages have addresses
 
-void CheckName(const QString& name, Problems& problems)
+void CheckName(Report& report)
 {
-    if (name.size() > kMaxNameLength) {
-        problems.append(
-            OfDirectory(Severity::Error,
-                        QStringLiteral("the name is longer than %1 characters, so its pages have no address")
-                            .arg(kMaxNameLength)));
+    if (report.name.size() > kMaxNameLength) {
+        report.Add(Severity::Error, {},
+                   "the name is longer than 40 characters, so its pages have no address");
     }
-    if (std::any_of(name.begin(), name.end(), [](QChar character) { return character.unicode() > '~'; })) {
-        problems.append(
-            OfDirectory(Severity::Warning, "the name is not ASCII, which does not work everywhere"));
+    if (report.name.toUtf8().size() != report.name.size()) {
+        report.Add(Severity::Warning, {}, "the name is not ASCII, which does not work everywhere");
     }
 }
 
-/// Only a home has to belong to the application; a developer's copy belongs to the developer.
-void CheckOwner(const QString& directory, const QString& name, Problems& problems)
+/// A developer's copy belongs to the developer.
+bool IsHome(const Report& report)
 {
-    if (directory != QFileInfo("/home/" + name).canonicalFilePath()) {
-        return;
-    }
+    return report.directory == QFileInfo("/home/" + report.name).canonicalFilePath();
+}
+
+void CheckOwner(Report& report)
+{
     unsigned uid = 0;
     unsigned gid = 0;
-    Parser::GetResourceUIDandGID(&directory, uid, gid);
-    if (!IsValidAppID(uid, gid)) {
-        problems.append(OfDirectory(
-            Severity::Warning, QStringLiteral("owned by %1:%2, which is no application account (%3 to %4)")
-                                   .arg(uid)
-                                   .arg(gid)
-                                   .arg(kFirstApplicationId)
-                                   .arg(kLastApplicationId)));
+    Parser::GetResourceUIDandGID(&report.directory, uid, gid);
+    if (std::min(uid, gid) < kFirstAccount || std::max(uid, gid) > kLastAccount) {
+        report.Add(Severity::Warning, {},
+                   QStringLiteral("owned by %1:%2, which is no application account (4000 to 4999)")
+                       .arg(QString::number(uid), QString::number(gid)));
     }
 }
 
@@ -73,49 +63,60 @@ QString ReadFailure(const QString& path)
     if (!S_ISREG(info.st_mode)) {
         return "not a regular file";
     }
-    return info.st_size > kMaxXmlSize ? QStringLiteral("larger than %1 bytes").arg(kMaxXmlSize)
-                                      : QStringLiteral("cannot be read");
+    return info.st_size > core::configuration::kMaxXmlSize ? "larger than 1 MiB" : "cannot be read";
 }
 
-void CheckAppConf(const QString& directory, const QString& name, Problems& problems)
+void CheckAppConf(Report& report)
 {
-    const QString path = directory + "/app.conf";
+    const QString path = report.directory + "/app.conf";
+    core::configuration::ApplicationConfig settings(report.name);
     QByteArray xml;
     QDomDocument document;
+    core::configuration::XmlError error;
     if (!core::configuration::ReadConfigFile(path, xml)) {
-        problems.append(
-            {Severity::Error, "app.conf", 0, {}, ReadFailure(path) + "; the application has no settings"});
-    } else if (!core::configuration::ParseXml(xml, document)) {
-        problems.append(DiagnoseXml(xml));
+        // A home need not be an application's.
+        const bool isMissing = !QDir(report.directory).entryList(QDir::AllEntries).contains("app.conf");
+        report.Add(isMissing && IsHome(report) ? Severity::Warning : Severity::Error, "app.conf",
+                   ReadFailure(path) + "; the application has no settings");
+    } else if (!core::configuration::ParseXml(xml, document, &error)) {
+        report.problems.append({Severity::Error,
+                                "app.conf",
+                                error.line,
+                                {},
+                                QStringLiteral("not well-formed: %1 (column %2); nothing of the file is read")
+                                    .arg(error.text, QString::number(error.column))});
     } else {
-        ElementCheck(directory, name, problems).CheckRoot(document.documentElement());
+        CheckElements(report, document.documentElement());
+        // Each element's messages have been taken in there.
+        MessagesOf([&] { Parser::ParseApplicationConfig(document, settings); });
     }
+    report.settings = settings;
 }
 
-/// Files of a directory that holds programs.
-void CheckPrograms(const QString& directory, const QString& folder, const QString& consequence,
-                   Problems& problems)
+/// \param folder  holds programs
+void CheckPrograms(Report& report, const QString& folder, const QString& consequence)
 {
-    const QDir programs(directory + '/' + folder);
-    for (const QFileInfo& file : programs.entryInfoList(QDir::Files, QDir::Name)) {
+    for (const QFileInfo& file :
+         QDir(report.directory + '/' + folder).entryInfoList(QDir::Files, QDir::Name)) {
         if (!file.permission(QFile::ExeOwner)) {
-            problems.append(
-                {Severity::Warning, folder + '/' + file.fileName(), 0, {}, "not executable, " + consequence});
+            report.Add(Severity::Warning, folder + '/' + file.fileName(), "not executable, " + consequence);
         }
     }
 }
 
 } // namespace
 
-Problems CheckApplication(const QString& directory, const QString& name)
+Report CheckApplication(const QString& directory, const QString& name)
 {
-    Problems problems;
-    CheckName(name, problems);
-    CheckOwner(directory, name, problems);
-    CheckAppConf(directory, name, problems);
-    CheckPrograms(directory, "bin", "so it cannot be started", problems);
-    CheckPrograms(directory, "cgi-bin", "so the web server may serve it as text", problems);
-    return problems;
+    Report report{name, directory, {}, {}};
+    CheckName(report);
+    if (IsHome(report)) {
+        CheckOwner(report);
+    }
+    CheckAppConf(report);
+    CheckPrograms(report, "bin", "so it cannot be started");
+    CheckPrograms(report, "cgi-bin", "so the web server may serve it as text");
+    return report;
 }
 
 } // namespace kxctl::check

@@ -1,9 +1,8 @@
 #pragma once
 
 #include <QString>
+#include <QVariantMap>
 #include <QVector>
-
-#include <functional>
 
 namespace kxctl::check {
 
@@ -23,15 +22,24 @@ struct Problem {
 
 using Problems = QVector<Problem>;
 
-/// Longest name of an application that has page addresses.
-constexpr int kMaxNameLength = 40;
+/// What was found in an application's directory.
+struct Report {
+    QString name;
+    QString directory;
+    /// The directory's own problems, then those of app.conf in file order, then those of its programs.
+    Problems problems;
+    QVariantMap settings; ///< as the daemon would have them
+
+    void Add(Severity severity, const QString& file, const QString& text)
+    {
+        problems.append({severity, file, 0, {}, text});
+    }
+};
 
 /// Checks an application directory as the daemon would take it if it were /home/<name>. Nothing is changed
 /// and no daemon is needed.
 ///
 /// \param directory  absolute path
-/// \return what was found: the directory's own problems, then those of app.conf in file order, then those of
-///         its programs
-Problems CheckApplication(const QString& directory, const QString& name);
+Report CheckApplication(const QString& directory, const QString& name);
 
 } // namespace kxctl::check

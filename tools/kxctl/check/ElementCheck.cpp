@@ -1,22 +1,24 @@
 #include "ElementCheck.h"
 
-#include "MessageCapture.h"
+#include "Messages.h"
 #include "misc/Utils.h"
 #include "server/applications/appconf/AppConfigParser.h"
+#include "server/applications/appconf/ApplicationConfig.h"
 
+#include <QDomElement>
 #include <QFileInfo>
+#include <QMap>
 #include <QRegularExpression>
+#include <QSet>
 
 #include <algorithm>
-#include <utility>
 
 namespace kxctl::check {
 namespace {
 
 using core::configuration::Parser;
 
-constexpr int kFirstPosition = 1;
-constexpr int kLastPosition = 100;
+using Config = core::configuration::ApplicationConfig;
 
 /// What editors need to find the schema.
 bool IsSchemaAttribute(const QString& name)
@@ -45,224 +47,204 @@ bool HasTextBetweenElements(const QDomElement& root)
     return false;
 }
 
-} // namespace
-
-const QVector<ElementCheck::Rule>& ElementCheck::Rules()
+/// The elements that are read, with their attributes.
+const QMap<QString, QStringList>& KnownElements()
 {
     static const QStringList icon{"icon_path", "icon_position", "title"};
-    static const QVector<Rule> rules{
-        {"resources", {}, false, &ElementCheck::CheckPath},
-        {"web_resources", {}, false, &ElementCheck::CheckPath},
-        {"prompts", {}, false, &ElementCheck::CheckPath},
-        {"home_button", {}, false, &ElementCheck::CheckPath},
-        {"card_ranges", {}, false, &ElementCheck::CheckPath},
-        {"bin_ranges", {}, false, &ElementCheck::CheckPath},
-        {"ca_cert", {}, false, &ElementCheck::CheckPath},
-        {"white_list", {"signature", "signature_path"}, false, &ElementCheck::CheckWhiteList},
-        {"run_on_boot", {}, false, &ElementCheck::CheckProgram},
-        {"show_on_boot", {}, false, &ElementCheck::CheckBootPage},
-        {"cgi_bin_default", {}, false, &ElementCheck::CheckDefaultCgi},
-        {"desktop_item", icon, true, &ElementCheck::CheckItem},
-        {"config_page", icon, true, &ElementCheck::CheckItem},
+    static const QMap<QString, QStringList> elements{
+        {"resources", {}},
+        {"web_resources", {}},
+        {"prompts", {}},
+        {"home_button", {}},
+        {"card_ranges", {}},
+        {"bin_ranges", {}},
+        {"ca_cert", {}},
+        {"run_on_boot", {}},
+        {"show_on_boot", {}},
+        {"cgi_bin_default", {}},
+        {"desktop_item", icon},
+        {"config_page", icon},
+        {"white_list", {"signature", "signature_path"}},
     };
-    return rules;
+    return elements;
 }
 
-const ElementCheck::Rule* ElementCheck::FindRule(const QString& tag)
-{
-    const auto* rule =
-        std::find_if(Rules().begin(), Rules().end(), [&](const Rule& entry) { return tag == entry.tag; });
-    return rule != Rules().end() ? rule : nullptr;
-}
+/// One element of app.conf.
+class ElementCheck {
+public:
+    ElementCheck(const Report& report, const QDomElement& element, Problems& problems)
+        : m_report(report),
+          m_home("/home/" + report.name),
+          m_element(element),
+          m_text(element.firstChild().nodeValue().trimmed()),
+          m_problems(problems)
+    {}
 
-ElementCheck::ElementCheck(QString directory, QString name, Problems& problems)
-    : m_directory(std::move(directory)), m_name(std::move(name)), m_problems(problems)
-{}
+    void Complain(Severity severity, const QString& text)
+    {
+        m_problems.append({severity, "app.conf", m_element.lineNumber(), m_element.tagName(), text});
+    }
 
-void ElementCheck::CheckRoot(QDomElement root)
+    void CheckAttributes(const QStringList& known)
+    {
+        for (const QString& name : AttributeNames(m_element)) {
+            if (!known.contains(name)) {
+                Complain(Severity::Error, QStringLiteral("unknown attribute '%1'; it is not read").arg(name));
+            }
+        }
+    }
+
+    void Check(bool isRepeated)
+    {
+        const QString tag = m_element.tagName();
+        if (isRepeated && tag != "desktop_item" && tag != "config_page") {
+            Complain(Severity::Warning, "given more than once; the last one counts");
+        }
+        CheckAttributes(KnownElements()[tag]);
+        Config parsed(m_report.name);
+        if (!CheckContent() || !Parse(parsed)) {
+            return;
+        }
+        if (m_text.isEmpty()) {
+            Complain(Severity::Warning, "blank, which is the same as leaving it out");
+        } else if (tag == "run_on_boot") {
+            CheckProgram(parsed);
+        } else if (tag == "cgi_bin_default") {
+            CheckDefaultCgi(parsed);
+        } else if (tag == "desktop_item" || tag == "config_page") {
+            CheckItem(parsed);
+        } else if (tag == "show_on_boot" && !parsed.m_showOnBoot.startsWith(m_home + "/html/")) {
+            Complain(Severity::Error,
+                     QStringLiteral("'%1' has no page address: pages lie below html").arg(m_text));
+        } else {
+            CheckTarget(m_text);
+            CheckSignature();
+        }
+    }
+
+private:
+    /// \return whether the parser reads the element at all
+    bool CheckContent()
+    {
+        const QDomNode first = m_element.firstChild();
+        if (first.isNull()) {
+            Complain(Severity::Error, "empty, so it is skipped with its attributes");
+            return false;
+        }
+        if (first.isComment() || !first.isCharacterData()) {
+            Complain(Severity::Error,
+                     "must begin with its text: only the first piece of its content is read, "
+                     "be it a comment or an element");
+            return false;
+        }
+        if (!first.nextSibling().isNull()) {
+            Complain(
+                Severity::Error,
+                QStringLiteral("only its text up to the first comment or element is read: '%1'").arg(m_text));
+        }
+        return true;
+    }
+
+    /// \return whether the parser had nothing to say
+    bool Parse(Config& parsed)
+    {
+        QDomDocument document;
+        QDomElement root = document.createElement("application");
+        root.appendChild(document.importNode(m_element, true));
+        const QStringList messages = MessagesOf([&] { Parser::ParseXMLRootNode(root, parsed); });
+        for (const QString& text : messages) {
+            Complain(Severity::Error, text);
+        }
+        return messages.isEmpty();
+    }
+
+    void CheckProgram(const Config& parsed)
+    {
+        const QString program = parsed.m_runOnBoot.section(' ', 0, 0);
+        const QFileInfo file(m_report.directory + program.mid(m_home.size()));
+        if (!file.exists()) {
+            Complain(Severity::Error, QStringLiteral("program '%1' does not exist").arg(program));
+        } else if (!file.isFile() || !file.permission(QFile::ExeOwner)) {
+            Complain(Severity::Error, QStringLiteral("program '%1' is not executable").arg(program));
+        }
+    }
+
+    void CheckDefaultCgi(const Config& parsed)
+    {
+        if (parsed.m_cgiBinDefault && !QFileInfo(m_report.directory + "/cgi-bin").isDir()) {
+            Complain(Severity::Error, "there is no directory cgi-bin");
+        }
+        if (m_text.toLower() != "true" && m_text.toLower() != "false") {
+            Complain(Severity::Warning, QStringLiteral("'%1' counts as false").arg(m_text));
+        }
+    }
+
+    /// The signature is an attribute of the white list.
+    void CheckSignature()
+    {
+        static const QRegularExpression hexadecimal("^([0-9a-fA-F]{2})*$");
+        CheckTarget(m_element.attribute("signature_path"));
+        if (!hexadecimal.match(m_element.attribute("signature")).hasMatch()) {
+            Complain(Severity::Warning, "'signature' is no hexadecimal text");
+        }
+    }
+
+    void CheckItem(const Config& parsed)
+    {
+        CheckTarget(m_text.section('?', 0, 0).section('#', 0, 0));
+        CheckTarget(m_element.attribute("icon_path"));
+        const int position = parsed.m_desktopItems.isEmpty() ? parsed.m_configPages.first().m_iconPosition
+                                                             : parsed.m_desktopItems.first().m_iconPosition;
+        if (!m_element.attribute("icon_position").isEmpty() && (position < 1 || position > 100)) {
+            Complain(Severity::Warning,
+                     QStringLiteral("'icon_position' should be 1 to 100 (actual value: %1)").arg(position));
+        }
+    }
+
+    /// Checks that what a path names is there.
+    void CheckTarget(const QString& path)
+    {
+        const QString target = FileSystem::NormalizeFilePath(path, m_home);
+        if (!target.isEmpty() && target != m_home && !target.startsWith(m_home + '/')) {
+            Complain(Severity::Warning, QStringLiteral("'%1' leads out of the home directory").arg(target));
+        } else if (!target.isEmpty() && !QFileInfo::exists(m_report.directory + target.mid(m_home.size()))) {
+            Complain(Severity::Error, QStringLiteral("'%1' does not exist").arg(target));
+        }
+    }
+
+    const Report& m_report;
+    QString m_home; ///< where the application will be
+    QDomElement m_element;
+    QString m_text;
+    Problems& m_problems;
+};
+
+} // namespace
+
+void CheckElements(Report& report, const QDomElement& root)
 {
-    m_element = root;
+    ElementCheck check(report, root, report.problems);
     if (root.tagName() != "application") {
-        const MessageCapture messages;
-        Config unused(m_name);
-        Parser::ParseXMLRootNode(root, unused);
-        Report(Severity::Error, messages.Texts().join(' ') + " The root element must be <application>");
+        check.Complain(Severity::Error, "unsupported format: the root element must be <application>");
         return;
     }
     QStringList known = AttributeNames(root);
     known.erase(std::remove_if(known.begin(), known.end(), std::not_fn(IsSchemaAttribute)), known.end());
-    CheckAttributes(known);
+    check.CheckAttributes(known);
     if (HasTextBetweenElements(root)) {
-        Report(Severity::Error, "text between the elements is not read");
+        check.Complain(Severity::Error, "text between the elements is not read");
     }
-    for (m_element = root.firstChildElement(); !m_element.isNull();
-         m_element = m_element.nextSiblingElement()) {
-        if (const Rule* rule = FindRule(m_element.tagName())) {
-            CheckElement(*rule);
+    QSet<QString> seen;
+    for (QDomElement element = root.firstChildElement(); !element.isNull();
+         element = element.nextSiblingElement()) {
+        ElementCheck elementCheck(report, element, report.problems);
+        if (KnownElements().contains(element.tagName())) {
+            elementCheck.Check(seen.contains(element.tagName()));
         } else {
-            Report(Severity::Error, "unknown element; it is not read");
+            elementCheck.Complain(Severity::Error, "unknown element; it is not read");
         }
+        seen.insert(element.tagName());
     }
-}
-
-void ElementCheck::CheckElement(const Rule& rule)
-{
-    CheckOccurrence(rule);
-    CheckAttributes(rule.attributes);
-    Config parsed(m_name);
-    if (!CheckContent() || !Parse(parsed)) {
-        return;
-    }
-    if (Text().isEmpty()) {
-        Report(Severity::Warning, "blank, which is the same as leaving it out");
-        return;
-    }
-    (this->*rule.check)(parsed);
-}
-
-void ElementCheck::CheckOccurrence(const Rule& rule)
-{
-    if (!rule.mayRepeat && m_seen.contains(rule.tag)) {
-        Report(Severity::Warning, "given more than once; the last one counts");
-    }
-    m_seen.insert(rule.tag);
-}
-
-void ElementCheck::CheckAttributes(const QStringList& known)
-{
-    for (const QString& name : AttributeNames(m_element)) {
-        if (!known.contains(name)) {
-            Report(Severity::Error, QStringLiteral("unknown attribute '%1'; it is not read").arg(name));
-        }
-    }
-}
-
-/// \return whether the parser reads the element at all
-bool ElementCheck::CheckContent()
-{
-    const QDomNode first = m_element.firstChild();
-    if (first.isNull()) {
-        Report(Severity::Error, "empty, so it is skipped with its attributes");
-        return false;
-    }
-    if (first.isComment() || !first.isCharacterData()) {
-        Report(Severity::Error,
-               "must begin with its text: only the first piece of its content is read, be it a "
-               "comment or an element");
-        return false;
-    }
-    if (!first.nextSibling().isNull()) {
-        Report(Severity::Error,
-               QStringLiteral("only its text up to the first comment or element is read: '%1'").arg(Text()));
-    }
-    return true;
-}
-
-/// \return whether the parser had nothing to say
-bool ElementCheck::Parse(Config& parsed)
-{
-    QDomDocument document;
-    QDomElement root = document.createElement("application");
-    root.appendChild(document.importNode(m_element, true));
-
-    const MessageCapture messages;
-    Parser::ParseXMLRootNode(root, parsed);
-    for (const QString& text : messages.Texts()) {
-        Report(Severity::Error, text);
-    }
-    return messages.Texts().isEmpty();
-}
-
-void ElementCheck::CheckPath(const Config& /*parsed*/)
-{
-    CheckTarget(Text());
-}
-
-void ElementCheck::CheckBootPage(const Config& parsed)
-{
-    if (!parsed.m_showOnBoot.startsWith(Home() + "/html/")) {
-        Report(Severity::Error, QStringLiteral("'%1' has no page address: pages lie below html").arg(Text()));
-        return;
-    }
-    CheckTarget(Text());
-}
-
-void ElementCheck::CheckProgram(const Config& parsed)
-{
-    const QString program = parsed.m_runOnBoot.section(' ', 0, 0);
-    const QFileInfo file(m_directory + program.mid(Home().size()));
-    if (!file.exists()) {
-        Report(Severity::Error, QStringLiteral("program '%1' does not exist").arg(program));
-    } else if (!file.isFile() || !file.permission(QFile::ExeOwner)) {
-        Report(Severity::Error, QStringLiteral("program '%1' is not executable").arg(program));
-    }
-}
-
-void ElementCheck::CheckDefaultCgi(const Config& parsed)
-{
-    if (parsed.m_cgiBinDefault && !QFileInfo(m_directory + "/cgi-bin").isDir()) {
-        Report(Severity::Error, "there is no directory cgi-bin");
-    }
-    const QString text = Text().toLower();
-    if (text != "true" && text != "false") {
-        Report(Severity::Warning, QStringLiteral("'%1' counts as false").arg(Text()));
-    }
-}
-
-void ElementCheck::CheckWhiteList(const Config& parsed)
-{
-    static const QRegularExpression hexadecimal("^([0-9a-fA-F]{2})*$");
-    CheckTarget(Text());
-    CheckTarget(m_element.attribute("signature_path"));
-    if (!hexadecimal.match(parsed.m_whiteListSignature).hasMatch()) {
-        Report(Severity::Warning, "'signature' is no hexadecimal text");
-    }
-}
-
-void ElementCheck::CheckItem(const Config& parsed)
-{
-    CheckTarget(Text().section('?', 0, 0).section('#', 0, 0));
-    CheckTarget(m_element.attribute("icon_path"));
-    const core::configuration::BaseItem& item =
-        parsed.m_desktopItems.isEmpty()
-            ? static_cast<const core::configuration::BaseItem&>(parsed.m_configPages.first())
-            : parsed.m_desktopItems.first();
-    const bool isPlaced = !m_element.attribute("icon_position").isEmpty();
-    if (isPlaced && (item.m_iconPosition < kFirstPosition || item.m_iconPosition > kLastPosition)) {
-        Report(Severity::Warning, QStringLiteral("'icon_position' should be %1 to %2 (actual value: %3)")
-                                      .arg(kFirstPosition)
-                                      .arg(kLastPosition)
-                                      .arg(item.m_iconPosition));
-    }
-}
-
-/// Checks that what a path names is there.
-void ElementCheck::CheckTarget(const QString& path)
-{
-    const QString target = FileSystem::NormalizeFilePath(path, Home());
-    if (target.isEmpty()) {
-        return;
-    }
-    if (target != Home() && !target.startsWith(Home() + '/')) {
-        Report(Severity::Warning, QStringLiteral("'%1' leads out of the home directory").arg(target));
-    } else if (!QFileInfo::exists(m_directory + target.mid(Home().size()))) {
-        Report(Severity::Error, QStringLiteral("'%1' does not exist").arg(target));
-    }
-}
-
-QString ElementCheck::Text() const
-{
-    return m_element.firstChild().nodeValue().trimmed();
-}
-
-QString ElementCheck::Home() const
-{
-    return "/home/" + m_name;
-}
-
-void ElementCheck::Report(Severity severity, const QString& text)
-{
-    m_problems.append({severity, "app.conf", m_element.lineNumber(), m_element.tagName(), text});
 }
 
 } // namespace kxctl::check

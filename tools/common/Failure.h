@@ -4,7 +4,7 @@
 
 #include <stdexcept>
 
-namespace kxctl {
+namespace cli {
 
 /// What scripts may rely on.
 enum ExitStatus {
@@ -27,4 +27,4 @@ private:
     ExitStatus m_status;
 };
 
-} // namespace kxctl
+} // namespace cli

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <QDateTime>
+#include <QString>
+#include <QVector>
+
+namespace kxctl {
+
+struct Process {
+    int pid;
+    uint uid;
+    QString program;
+    QDateTime since;
+    qint64 memory; ///< resident, in bytes
+};
+
+/// \return the process; with pid 0 when there is none
+Process ReadProcess(int pid);
+
+/// \return the processes of a user, by pid
+QVector<Process> ProcessesOf(uint uid);
+
+} // namespace kxctl
