@@ -13,8 +13,7 @@ ROOTS, PACKAGES = pathlib.Path(os.environ["KX_ROOTS"]), os.environ["KX_PACKAGES"
 NEXT_VERSION = pathlib.Path(__file__).parent.parent / "packaging/next-version"
 REBOOT, POWER_OFF = 133, 0  # how systemd-nspawn ends
 POLICY = "etc/dbus-1/system.d/com.veltrasys.kx.core.conf"
-DENIAL = """<busconfig><policy group="kxcore">
-  <deny send_destination="com.veltrasys.kx.core"/></policy></busconfig>"""
+DENIAL = '<busconfig><policy group="kxcore"><deny send_path="/Applications"/></policy></busconfig>'
 FILES = {
     "home/pay/app.conf": "<application><run_on_boot>bin/serve</run_on_boot></application>",
     "home/pay/bin/serve": "#!/bin/sh\necho SPOKEN; echo SPOKEN >&2; exec sleep 1000000\n",
@@ -59,9 +58,8 @@ class Machine:
 
     def boot(self):
         nspawn = "systemd-nspawn --register=no --keep-unit --quiet --private-network --boot -D".split()
-        log = open(f"{self.root}.log", "w")
-        self.container = subprocess.Popen([*nspawn, self.root], stdin=subprocess.DEVNULL, stdout=log,
-                                          stderr=log)
+        log = open(f"{self.root}.log", "w+")
+        self.container = subprocess.Popen([*nspawn, self.root], stdin=log, stdout=log, stderr=log)
         assert wait(self.serves)
 
     def init(self):
@@ -94,11 +92,14 @@ class Machine:
 @pytest.fixture(scope="module", params=["systemd", "sysvinit"])
 def machine(request):
     machine = Machine(request.param)
-    machine.boot()
-    yield machine
-    # The container outlives its systemd-nspawn, but not its own first process.
-    os.kill(int(machine.init()), signal.SIGKILL)
-    machine.container.wait()
+    try:
+        machine.boot()
+        yield machine
+    finally:
+        # The container outlives its systemd-nspawn, but not its own first process.
+        if machine.container.poll() is None:
+            os.kill(int(machine.init()), signal.SIGKILL)
+            machine.container.wait()
 
 
 def test_boot(machine):
