@@ -8,12 +8,12 @@
 #include <QPointer>
 #include <QSaveFile>
 
-#include <cerrno>
-#include <stdexcept>
-
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+
+#include <cerrno>
+#include <stdexcept>
 
 namespace com::veltrasys {
 

@@ -1,4 +1,4 @@
-"""What Enumerate says of an application: its identity, the elements of app.conf, and what is no app.conf."""
+# What Enumerate says of an application: its identity, the elements of app.conf, and what is no app.conf.
 import ctypes
 import json
 import os
@@ -18,7 +18,7 @@ DEFAULTS = dict.fromkeys(TEXTS, "") | {
 
 
 def settings(daemon, conf):
-    """What the record has that one without app.conf has not, and the records."""
+    # What the record has that one without app.conf has not, and the records.
     install("pay", 4002, group=4003)
     put(CONF, conf)
     daemon.log()
@@ -95,7 +95,7 @@ def nested(levels):
 
 
 def entity(length, uses, where="<a>{}</a>"):
-    """An entity, and references to it, whose product is limited to 4 Mi."""
+    # An entity, and references to it, whose product is limited to 4 Mi.
     return document(where.format("&e;" * uses), f"<!ENTITY e '{'x' * length}'>")
 
 
@@ -130,7 +130,7 @@ def test_file(shared, conf, expected):
 
 
 def test_record(shared):
-    """Identity and kind come from the home, and a link to a file is followed."""
+    # Identity and kind come from the home, and a link to a file is followed.
     install("pay", 4002, "<desktop_item icon_position='7'>html/a</desktop_item>", group=4003)
     install("none", 4999, group=4998)
     put("/home/none/cgi-bin", "/")

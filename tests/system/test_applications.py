@@ -1,20 +1,19 @@
-"""Installed applications: what is published, what a start of the terminal does, which page is shown."""
+# Installed applications: what is published, what a start of the terminal does, which page is shown.
 import os
 
 import pytest
 from gi.repository import Gio, GLib
 
-from kx import SLEEP, bus, call, content, install, owner_and_mode, processes, put, remove, wait
+from kx import (PATIENCE, SERVICE, SLEEP, bus, call, content, install, owner_and_mode, processes, put, remove,
+                wait)
 
 BROWSER, INTERFACE = "com.veltrasys.browser", "com.veltrasys.browser.Server"
 POLICY = f"""<busconfig><policy user="root"><allow own="{BROWSER}"/><allow send_destination="{BROWSER}"/>
 </policy></busconfig>"""
 SHOW = "http://localhost/cgi-bin/page/show?path="
-DESKTOP, PAY = SHOW + "desktop/index.html", SHOW + "pay/index.html"
-NO_APPS, ONCE, ONCE_FILE = (SHOW + "platform/misc/noapps.html", SHOW + "platform/show_once.html",
-                            "/home/platform/html/show_once.html")
-DEFAULT_CGI, IDLE = "/run/www/cgi-bin-default", "/home/pay/bin/idle"
-FOLDERS = ["cgi-bin", "html", "files"]
+DESKTOP, NO_APPS = SHOW + "desktop/index.html", SHOW + "platform/misc/noapps.html"
+ONCE, ONCE_FILE = SHOW + "platform/show_once.html", "/home/platform/html/show_once.html"
+DEFAULT_CGI, FOLDERS = "/run/www/cgi-bin-default", ["cgi-bin", "html", "files"]
 
 
 def bus_call(method, signature="", *arguments):
@@ -22,8 +21,8 @@ def bus_call(method, signature="", *arguments):
     call("." + method, signature, *arguments, service=bus_itself, path="/", interface=bus_itself)
 
 
+# Stands in for the browser, on the connection of the tests: what the daemon sends arrives in order.
 class Browser:
-    """Stands in for the browser, on the connection of the tests: what the daemon sends arrives in order."""
     def __init__(self):
         self.shown = []
         put("/etc/dbus-1/system.d/browser.conf", POLICY)
@@ -36,14 +35,8 @@ class Browser:
         self.shown.append(*arguments.unpack())
         invocation.return_value(GLib.Variant("(i)", (0,)))
 
-    def come(self):
-        bus_call("RequestName", "su", BROWSER, 0)
-
-    def go(self):
-        bus_call("ReleaseName", "s", BROWSER)
-
+    # Those since the last time; with the answer to a call, what was sent before has arrived.
     def pages(self):
-        """Those since the last time; with the answer to a call, what was sent before has arrived."""
         call("Applications.Enumerate"), call("Applications.Enumerate")
         while GLib.MainContext.default().iteration(False):
             pass
@@ -58,20 +51,23 @@ def loaded(success):
     bus.emit_signal(None, "/", INTERFACE, "loadCompleted", GLib.Variant("(b)", (success,)))
 
 
+# The browser, when it has shown what there was to show.
 @pytest.fixture
 def shown(shared):
-    """The browser, when it has shown what there was to show."""
     remove("/run/www", "/run/sockets")
-    browser.come()
+    bus_call("RequestName", "su", BROWSER, 0)
     browser.pages()
     shared.log(), shared.events(0)
     yield browser
     call("Applications.Terminate")
 
 
+# The answer comes before what is started ends what runs.
 def restart(daemon):
-    assert call("Applications.Start", "a{sv}", {}) == {"return": True}
-    assert daemon.events(2) == ["OnTerminate", "OnStarted"]
+    bus.call(SERVICE, "/Applications", SERVICE + ".Applications", "Start", GLib.Variant("(a{sv})", ({},)),
+             None, 0, int(PATIENCE * 1000), None,
+             lambda _, answer: daemon.signals.append((bus.call_finish(answer).print_(True), ({},))))
+    assert daemon.events(3) == ["({'return': <true>},)", "OnTerminate", "OnStarted"]
 
 
 def form(name):
@@ -91,25 +87,19 @@ def test_publishing(own):
         assert links == {name: f"-> /home/{name}/{folder}" for name in ("pay", "shop")}
     assert os.listdir("/run/sockets") == [] and os.path.exists("/run/www/kept") and daemon.log() == []
     before = os.lstat("/run/www/html/pay").st_ino
-    remove("/home"), os.mkdir("/home")
+    call("Applications.Enumerate"), remove("/home"), os.mkdir("/home")
     assert call("Applications.Enumerate") == [] and os.lstat("/run/www/html/pay").st_ino == before
 
 
-def failures(*what):
-    return [f"warn CreateSymlinksForLighttpd Failed to create {text}" for text in what]
-
-
-EACH = [text for folder in FOLDERS
+FAILED = "warn CreateSymlinksForLighttpd Failed to create "
+EACH = [f"{FAILED}{text}" for folder in FOLDERS
         for text in (f'directory  "/var/run/www/{folder}"', f'symlink  "{folder}"  to  "pay"')]
 
 
 @pytest.mark.parametrize("obstacles, log", [
-    ({"/run/www": "", "/run/sockets": ""}, failures("www directory", *EACH, "sockets directory")),
-    ({"/run/www/html": "-> /etc"},
-     ["err CreateDirIfNeeded Failed to create dir =  20", *failures(*EACH[2:4])]),
-    ({"/run/www/html/pay": "/"}, failures(EACH[3])),
-    ({"/run/www/html/pay": "text"}, []),
-])
+    ({"/run/www": "", "/run/sockets": ""}, [FAILED + "www directory", *EACH, FAILED + "sockets directory"]),
+    ({"/run/www/html": "-> /etc"}, ["err CreateDirIfNeeded Failed to create dir =  20", *EACH[2:4]]),
+    ({"/run/www/html/pay": "/", "/run/www/files/pay": "text"}, [EACH[3]])])
 def test_publishing_that_fails(shown, shared, obstacles, log):
     install("pay", 4002)
     call("Applications.Enumerate")
@@ -119,8 +109,8 @@ def test_publishing_that_fails(shown, shared, obstacles, log):
     assert shared.log() == log and owner_and_mode("/etc") == "0:0 755" and not os.path.lexists("/etc/pay")
 
 
+# Programs of boot, and their sockets.
 def test_start_sequence(shared, shown):
-    """Programs of boot, their sockets; the answer comes before what is started ends what runs."""
     install("pay", 4002, "<run_on_boot>bin/stubborn</run_on_boot>",
             bin_stubborn="#!/bin/sh\ntrap '' TERM\nexec sleep 1000\n")
     restart(shared)
@@ -128,8 +118,7 @@ def test_start_sequence(shared, shown):
     assert "APP_FASTCGI_SOCKET=/var/run/sockets/pay/fcgi" in content(f"/proc/{pid}/environ").split("\0")
     assert owner_and_mode("/run/sockets/pay") == "4002:4002 770" and shared.log() == []
     put("/run/sockets/pay/stale")
-    assert call("Applications.Start", "a{sv}", {}) == {"return": True} and shared.signals == []
-    assert shared.events(2) == ["OnTerminate", "OnStarted"]
+    restart(shared)
     assert wait(lambda: len(processes("sleep")) == 1) and not os.path.exists(f"/proc/{pid}")
     assert content("/run/sockets/pay/stale") is None and shown.pages() == [NO_APPS] * 2
 
@@ -138,13 +127,12 @@ LONGEST, TOO_LONG = "n" * 40, "n" * 41
 
 
 @pytest.mark.parametrize("name, page, address", [
-    ("pay", "html/index.html", "pay/index.html"), ("pay", "./html/a//../index.html", "pay/index.html"),
-    ("pay", "html/a b", "pay/a%20b"), ("pay", "html/%1", "pay/%251"), ("pay", "html/\xe4", "pay/%C3%A4"),
+    ("pay", "./html/a//../index.html", "pay/index.html"), ("pay", "html/a b%1\xe4", "pay/a%20b%251%C3%A4"),
     ("pay", "/home/pay/html/b/html/c", "pay/html/b/c"), (LONGEST, "html/f", LONGEST + "/f"),
     (TOO_LONG, "html/f", None), ("pay", "cgi-bin/f", None)])
 def test_page_addresses(shared, shown, name, page, address):
     install(name, 4002, f"<show_on_boot>{page}</show_on_boot>")
-    put(os.path.normpath(f"/home/{name}/{page}" if page[0] != "/" else page))
+    put(os.path.normpath(os.path.join("/home", name, page)))
     restart(shared)
     assert shown.pages() == [address and SHOW + address or ""] and shared.log() == []
 
@@ -152,24 +140,20 @@ def test_page_addresses(shared, shown, name, page, address):
 BOOT, CGI = "<show_on_boot>html/index.html</show_on_boot>", "<cgi_bin_default>true</cgi_bin_default>"
 MISSING = "<show_on_boot>html/none</show_on_boot>"
 BROKEN = "<run_on_boot>bin/none</run_on_boot>" + BOOT + CGI
+TOO_MANY = f"Multiple applications have {CGI} configured. Only one is allowed."
 
 
+# An application that does not start counts for the link, but not for the page.
 @pytest.mark.parametrize("applications, page, cgi, log", [
-    ({}, NO_APPS, None, []), ({"pay": ""}, NO_APPS, None, []),
-    ({"desktop": "", "pay": ""}, DESKTOP, None, []),
-    ({"desktop": "", "pay": BOOT}, PAY, None, []),
+    ({}, NO_APPS, None, []),
+    ({"desktop": "", "pay": BOOT}, SHOW + "pay/index.html", None, []),
     ({"desktop": "", "pay": BOOT, "shop": BOOT}, DESKTOP, None, []),
-    ({"pay": BOOT, "shop": BOOT}, NO_APPS, None, []),
-    ({"pay": MISSING}, "", None,
-     ['err PathToURI Requested form doesn\'t exist ( "/home/pay/html/none" ) errno: 2']),
+    ({"pay": MISSING}, "", None, [
+        'PathToURI Requested form doesn\'t exist ( "/home/pay/html/none" ) errno: 2']),
     ({"pay": CGI, "shop": ""}, NO_APPS, "-> /home/pay/cgi-bin", []),
-    ({"pay": CGI, "shop": CGI}, NO_APPS, None, [
-        "err StartApplication Multiple applications have <cgi_bin_default>true</cgi_bin_default> configured. "
-        "Only one is allowed."]),
-    # The one that does not start counts for the link, but not for the page.
+    ({"pay": CGI, "shop": CGI}, NO_APPS, None, ["StartApplication " + TOO_MANY]),
     ({"pay": BROKEN, "shop": BOOT}, SHOW + "shop/index.html", "-> /home/pay/cgi-bin",
-     ['err StartApplication Failed to start application  "pay"']),
-])
+     ['StartApplication Failed to start application  "pay"'])])
 def test_boot_page(shared, shown, applications, page, cgi, log):
     for number, (name, conf) in enumerate(applications.items()):
         install(name, 4001 + number, conf)
@@ -177,18 +161,19 @@ def test_boot_page(shared, shown, applications, page, cgi, log):
     put(DEFAULT_CGI, "-> /home/old/cgi-bin")
     restart(shared)
     assert shown.pages() == [page] and content(DEFAULT_CGI) == cgi
-    assert [record for record in shared.log() if " StartProcess " not in record] == log
+    assert [record for record in shared.log() if " StartProcess " not in record] == [
+        "err " + record for record in log]
+
+
+def default(**more):
+    return call("Applications.Start", "a{sv}", {"default": True} | more), browser.pages()
 
 
 def test_default_page(shared, shown):
-    def default(**more):
-        return call("Applications.Start", "a{sv}", {"default": True} | more), shown.pages()
-    assert default() == ({}, [NO_APPS])
     for name in ("systemutils", "systemconfig", "productiontest", "desktop"):
         form(name)
         assert default() == ({}, [f"{SHOW}{name}/index.html"])
     remove("/home/desktop/html/index.html"), os.mkdir("/home/desktop/html/index.html")
-    assert default() == ({}, [SHOW + "productiontest/index.html"])
     install("pay", 4002, bin_idle=SLEEP)
     call("Applications.Enumerate")
     pay = {"application": "pay", "binary": "idle"}
@@ -202,34 +187,25 @@ def test_default_page(shared, shown):
 def test_page_that_is_shown_once(shared, shown, success):
     install("pay", 4002, "<run_on_boot>bin/idle 9</run_on_boot>" + CGI, bin_idle=SLEEP)
     put(ONCE_FILE), put(DEFAULT_CGI, "-> /home/old/cgi-bin")
-    assert call("Applications.Start", "a{sv}", {}) == {"return": True}
+    call("Applications.Start", "a{sv}", {})
     assert shown.pages() == [ONCE] and content(DEFAULT_CGI) is None
-    assert shared.events(0) == [] and not processes(IDLE) and os.path.exists(ONCE_FILE)
+    assert shared.events(0) == [] and not processes("/home/pay/bin/idle") and os.path.exists(ONCE_FILE)
     for _ in range(2):  # each load tries, until another page is asked for
         put(ONCE_FILE)
         loaded(success)
         assert wait(lambda: not os.path.exists(ONCE_FILE))
-    call("Applications.Start", "a{sv}", {"default": True})
-    put(ONCE_FILE)
+    put(ONCE_FILE), default()
     loaded(success)
-    shown.pages()
-    assert os.path.exists(ONCE_FILE)
+    assert shown.pages() == [] and os.path.exists(ONCE_FILE)
 
 
+# The last page that was asked for while there was no browser is shown, and only once.
 def test_browser_that_goes_and_returns(shared, shown):
-    def default():
-        call("Applications.Start", "a{sv}", {"default": True})
-
-    def restart_browser(between=lambda: None):
-        shown.go()
-        between()
-        shown.come()
-        return shown.pages()
-
-    def ask_twice():
-        form("desktop"), default()
-        remove("/home/desktop"), default()
-    default()
-    assert shown.pages() == [NO_APPS] and restart_browser() == []
-    form("desktop"), default()
-    assert shown.pages() == [DESKTOP] and restart_browser(ask_twice) == [NO_APPS] and restart_browser() == []
+    assert default()[1] == [NO_APPS]
+    for pages, shows in ((), []), (("desktop", None), [NO_APPS]), ((), []):
+        bus_call("ReleaseName", "s", BROWSER)
+        for name in pages:
+            form(name) if name else remove("/home/desktop")
+            assert default()[1] == []
+        bus_call("RequestName", "su", BROWSER, 0)
+        assert shown.pages() == shows

@@ -1,4 +1,4 @@
-"""kxctl as an operator and a script see it: command line, exit status, standard output, standard error."""
+# kxctl as an operator and a script see it: command line, exit status, standard output, standard error.
 import json
 import os
 import re

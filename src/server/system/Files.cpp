@@ -22,7 +22,7 @@ constexpr mode_t kDirectoryMode = 0775;
 [[noreturn]] void ThrowSystemError(const char* action, const char* path)
 {
     const char* const reason = std::strerror(errno);
-    throw std::runtime_error(std::string("could not ") + action + " '" + path + "', " + reason);
+    throw std::runtime_error(std::string(action) + " '" + path + "', " + reason);
 }
 
 } // namespace
@@ -37,14 +37,14 @@ void WriteFile(const char* path, const QByteArray& content)
 {
     const UniqueFd fd(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
     if (!fd) {
-        ThrowSystemError("open file", path);
+        ThrowSystemError("could not open file", path);
     }
     const char* rest = content.constData();
     const char* const end = rest + content.size();
     while (rest != end) {
         const ssize_t written = write(fd.Get(), rest, static_cast<size_t>(end - rest));
         if (written == -1) {
-            ThrowSystemError("write to file", path);
+            ThrowSystemError("could not write to file", path);
         }
         rest += written;
     }
@@ -53,7 +53,7 @@ void WriteFile(const char* path, const QByteArray& content)
 void DeleteFile(const char* path)
 {
     if (Exists(path) && unlink(path) != 0) {
-        ThrowSystemError("delete file", path);
+        ThrowSystemError("could not delete file", path);
     }
 }
 
@@ -64,7 +64,7 @@ void SetFlagFile(bool present, const char* path)
     } else if (!Exists(path)) {
         const UniqueFd fd(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFlagFileMode));
         if (!fd) {
-            ThrowSystemError("create file", path);
+            ThrowSystemError("could not create file", path);
         }
     }
 }
@@ -72,7 +72,7 @@ void SetFlagFile(bool present, const char* path)
 void CreateDirectory(const char* path)
 {
     if (!Exists(path) && mkdir(path, kDirectoryMode) != 0) {
-        ThrowSystemError("create directory", path);
+        ThrowSystemError("could not create directory", path);
     }
 }
 

@@ -21,7 +21,7 @@ namespace core::system {
 /// the system in line with keys of the registry.
 ///
 /// Lives on the main thread; every function blocks it until it returns, shell commands included. No exception
-/// leaves a slot. An operation's int result is 0 for success, else a shell's exit status or -1.
+/// leaves SystemCall. An operation's int result is 0 for success, else a shell's exit status or -1.
 class Server : public QObject {
     Q_OBJECT
 
@@ -112,9 +112,10 @@ private:
     /// \return enabled triggers in the order of the listing; empty on any error
     std::list<std::string> GetWowlanFeaturesList();
 
-    /// \return 1 when wake-on-WLAN is enabled, else 0. On the Murata module one without magic packet among
-    /// its
-    ///         triggers is switched off and counts as 0.
+    /// On the Murata module, wake-on-WLAN without magic packet among its triggers is switched off and counts
+    /// as 0.
+    ///
+    /// \return 1 when wake-on-WLAN is enabled, else 0
     int CheckWifiWowlanStatus();
 
     /// On a terminal with Wi-Fi, subscribes the wake-on-magic key and applies it (default: enabled).

@@ -1,6 +1,7 @@
+#include "server/system/Server.h"
+
 #include "misc/Log.h"
 #include "misc/Utils.h"
-#include "server/system/Server.h"
 
 #include <QTimer>
 
@@ -23,8 +24,9 @@ constexpr auto kSource = "/pkgs/kx-core/src/server/system/Server";
 constexpr std::chrono::milliseconds kRestartDelay{500};
 
 /// Makes \a link lead to \a target. A link that leads to no readable file is not removed and counts as
-/// failure. \throws std::runtime_error "Unlink failed: <reason>" or "Symlink failed: <reason>", logged at
-/// error level
+/// failure.
+///
+/// \throws std::runtime_error "Unlink failed: <reason>" or "Symlink failed: <reason>", logged at error level
 void ReplaceLink(const char* target, const char* link)
 {
     if (access(link, R_OK) == 0 && unlink(link) == -1) {

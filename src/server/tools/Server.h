@@ -15,8 +15,8 @@ namespace core::tools {
 /// the boot scripts and switches the audio-payment daemon on or off.
 ///
 /// Everything it keeps lives outside the process: the clock, files below /etc and the registry key
-/// "%platform.timeInfoSource". To be used from the event loop's thread only. No slot throws; whether the
-/// registry could be written is not checked.
+/// "%platform.timeInfoSource". To be used from the event loop's thread only. Whether the registry
+/// could be written is not checked.
 class Server : public QObject {
     Q_OBJECT
 

@@ -11,7 +11,6 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <system_error>
 
@@ -25,7 +24,7 @@ constexpr auto kLocalTime = "/etc/localtime";
 constexpr auto kZoneRoot = "/usr/share/zoneinfo/";
 
 /// \return the path with all links resolved; empty when it does not exist. QFileInfo would return an
-///         unresolved path for links that go in circles.
+///         unresolved path for links that go in circles and for names that are too long.
 QString CanonicalPath(const QString& path)
 {
     std::error_code error;
@@ -88,8 +87,6 @@ int Server::SetTimeZone(const QString& timeZone, const QString& infoSource)
         }
     }
 
-    // Makes glibc notice the new time zone, which log records carry.
-    tzset();
     if (!infoSource.isEmpty()) {
         AnnounceTimeInfo(timeZone, infoSource);
     }

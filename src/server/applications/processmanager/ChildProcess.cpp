@@ -42,7 +42,8 @@ void LogFailed(const FailedCall& failed)
 std::vector<gid_t> GroupsOf(const QByteArray& user, gid_t gid)
 {
     int count = 16;
-    std::vector<gid_t> groups(count, gid); // a failed search leaves these, not the zeros of root's group
+    // If the search fails, only the application's own group is set, never group 0.
+    std::vector<gid_t> groups(count, gid);
     while (getgrouplist(user.constData(), gid, groups.data(), &count) < 0 &&
            static_cast<size_t>(count) > groups.size()) {
         groups.resize(count, gid);

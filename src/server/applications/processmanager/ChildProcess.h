@@ -23,7 +23,8 @@ public:
 
     /// Runs in the forked child: enters the home directory, takes on the identity and executes the program.
     /// Uses async-signal-safe calls only until something fails. A failure is logged, and its errno written to
-    /// \a writeEnd if the program could not be executed. An exception must not lead back into the daemon.
+    /// \a writeEnd if the program could not be executed. noexcept: an exception ends the child, it must
+    /// not unwind into the parent's code.
     ///
     /// \param readEnd   the parent's end of the pipe, closed first
     /// \param writeEnd  the child's end, close-on-exec

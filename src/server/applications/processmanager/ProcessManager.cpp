@@ -26,21 +26,21 @@ namespace {
 constexpr auto kSource = "/pkgs/kx-core/src/server/applications/processmanager/ProcessManager";
 constexpr unsigned kPrivateMode = 0770;
 constexpr unsigned kPublicMode = 0777;
-constexpr int kExecTimeout = 10'000; ///< in ms
+constexpr struct timespec kExecTimeout = {10, 0};
 
 /// \return as read does; -1 with ETIMEDOUT when nothing arrives in time
 ssize_t ReadInTime(int fd, int& value)
 {
+    // An application could interrupt the wait for ever with the SIGCHLD of programs that it stops and
+    // continues.
+    sigset_t all = {};
+    sigfillset(&all);
     struct pollfd entry = {fd, POLLIN, 0};
-    int ready = -1;
-    do {
-        ready = poll(&entry, 1, kExecTimeout);
-    } while (ready < 0 && errno == EINTR); // the child's SIGCHLD
+    const int ready = ppoll(&entry, 1, &kExecTimeout, &all);
     if (ready == 0) {
         errno = ETIMEDOUT;
-        return -1;
     }
-    return read(fd, &value, sizeof(value));
+    return ready > 0 ? read(fd, &value, sizeof(value)) : -1;
 }
 
 } // namespace
