@@ -8,14 +8,18 @@ function(_kx_qdbusxml2cpp_path variable)
   set(${variable} "${_path}" PARENT_SCOPE)
 endfunction()
 
-# kx_dbus_adaptor(TARGET XML CLASS): adds CLASS.h and CLASS.cpp, an adaptor that forwards every member to its
-# parent by name.
+# kx_dbus_adaptor(TARGET XML CLASS [INCLUDE]): adds CLASS.h and CLASS.cpp, an adaptor that forwards every member to
+# its parent by name. INCLUDE names a header with types that the interface carries.
 function(kx_dbus_adaptor target xml class)
   _kx_qdbusxml2cpp_path(tool)
   set(base "${CMAKE_CURRENT_BINARY_DIR}/${class}")
+  set(include "")
+  if(ARGC GREATER 3)
+    set(include -i "${ARGV3}")
+  endif()
   add_custom_command(
     OUTPUT "${base}.h" "${base}.cpp"
-    COMMAND "${tool}" -a "${class}" -c "${class}" "${xml}"
+    COMMAND "${tool}" -a "${class}" -c "${class}" ${include} "${xml}"
     COMMAND "${CMAKE_COMMAND}" "-DBASE=${base}" "-DXML=${xml}" -P "${_kx_dbus_dir}/FinishAdaptor.cmake"
     DEPENDS "${xml}" "${_kx_dbus_dir}/FinishAdaptor.cmake"
     WORKING_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}"
@@ -24,7 +28,7 @@ function(kx_dbus_adaptor target xml class)
 endfunction()
 
 # kx_dbus_proxy(TARGET XML CLASS [INCLUDE]): adds CLASS.h and CLASS.cpp, a client proxy whose methods return
-# QDBusPendingReply. INCLUDE names a header with types that the interface carries.
+# QDBusPendingReply. INCLUDE as above.
 function(kx_dbus_proxy target xml class)
   _kx_qdbusxml2cpp_path(tool)
   set(base "${CMAKE_CURRENT_BINARY_DIR}/${class}")

@@ -25,6 +25,14 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # The package's own shared libraries are found in the build tree; what needs them names their package below.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
   "${CMAKE_BINARY_DIR}/platform/qtplatform" "${CMAKE_BINARY_DIR}/platform/veltradebug")
+if(CMAKE_CROSSCOMPILING)
+  # dpkg-shlibdeps knows only the packages of this machine. What it finds for them:
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${_kx_arch})
+  set(_platform_libraries "libc6 (>= 2.34), libgcc-s1, libqt5core5a (>= 5.15.1), libstdc++6 (>= 11)")
+  set(_tools_libraries ", ${_platform_libraries}, libqt5dbus5 (>= 5.14.1), libqt5xml5 (>= 5.1.0)")
+  set(_daemon_libraries "${_tools_libraries}, libcurl4 (>= 7.16.2)")
+endif()
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
@@ -33,7 +41,7 @@ set(_this "(= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME kxcore)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS
-  "kxcore-platform, adduser, default-dbus-system-bus | dbus-system-bus, dbus-bin")
+  "kxcore-platform, adduser, default-dbus-system-bus | dbus-system-bus, dbus-bin${_daemon_libraries}")
 set(CPACK_DEBIAN_DAEMON_PACKAGE_RECOMMENDS "kxcore-tools")
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SUGGESTS "lighttpd")
 set(CPACK_DEBIAN_DAEMON_PACKAGE_CONTROL_EXTRA
@@ -51,6 +59,7 @@ accounts 4000 to 4999 and re-owns directories.")
 
 set(CPACK_DEBIAN_PLATFORM_PACKAGE_NAME kxcore-platform)
 set(CPACK_DEBIAN_PLATFORM_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_PLATFORM_PACKAGE_DEPENDS "${_platform_libraries}")
 set(CPACK_DEBIAN_PLATFORM_PACKAGE_CONTROL_EXTRA
   "${CPACK_KX_DEBIAN_DIR}/platform/postrm" "${CPACK_KX_DEBIAN_DIR}/platform/triggers")
 install(FILES debian/platform/lintian-overrides
@@ -64,7 +73,7 @@ conflicts with and replaces this one.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kxcore-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "kxcore-platform")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "kxcore-platform${_tools_libraries}")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "bash-completion")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
   "command line for the core management daemon of a payment terminal

@@ -39,7 +39,7 @@ void WholeParser(benchmark::State& state)
 {
     Parser parser;
     while (state.KeepRunning()) {
-        ApplicationConfig config(QStringLiteral("pay"));
+        ApplicationConfig config("pay");
         parser.ParseApplicationConfig(kConfiguration.constData(), config);
         benchmark::DoNotOptimize(config.m_prompts);
     }
@@ -47,7 +47,7 @@ void WholeParser(benchmark::State& state)
 
 void RecordToMap(benchmark::State& state)
 {
-    ApplicationConfig config(QStringLiteral("pay"));
+    ApplicationConfig config("pay");
     Parser().ParseApplicationConfig(kConfiguration.constData(), config);
     while (state.KeepRunning()) {
         benchmark::DoNotOptimize(static_cast<QVariantMap>(config));
@@ -56,8 +56,8 @@ void RecordToMap(benchmark::State& state)
 
 void PathNormalizing(benchmark::State& state)
 {
-    const QString path = QStringLiteral("./html/../html/index.html");
-    const QString home = QStringLiteral("/home/pay");
+    const QString path = "./html/../html/index.html";
+    const QString home = "/home/pay";
     while (state.KeepRunning()) {
         benchmark::DoNotOptimize(FileSystem::NormalizeFilePath(path, home));
     }

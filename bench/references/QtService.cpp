@@ -39,8 +39,8 @@ int main(int argc, char** argv)
     static_cast<void>(std::signal(SIGCHLD, SIG_IGN));
     QtService service;
     QDBusConnection bus = QDBusConnection::systemBus();
-    if (!bus.registerObject(QStringLiteral("/"), &service, QDBusConnection::ExportAllSlots) ||
-        !bus.registerService(QStringLiteral("com.veltrasys.bench.Qt"))) {
+    if (!bus.registerObject("/", &service, QDBusConnection::ExportAllSlots) ||
+        !bus.registerService("com.veltrasys.bench.Qt")) {
         return 1;
     }
     return QCoreApplication::exec();

@@ -14,8 +14,7 @@ class RecordService : public QObject {
 public:
     RecordService()
     {
-        for (const QString& name :
-             QDir(QStringLiteral("/home")).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        for (const QString& name : QDir("/home").entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
             m_records.append(core::configuration::Parser::GatherApplicationData(name));
         }
     }
@@ -33,8 +32,8 @@ int main(int argc, char** argv)
     RegisterApplicationList();
     RecordService service;
     QDBusConnection bus = QDBusConnection::systemBus();
-    if (!bus.registerObject(QStringLiteral("/"), &service, QDBusConnection::ExportAllSlots) ||
-        !bus.registerService(QStringLiteral("com.veltrasys.bench.Records"))) {
+    if (!bus.registerObject("/", &service, QDBusConnection::ExportAllSlots) ||
+        !bus.registerService("com.veltrasys.bench.Records")) {
         return 1;
     }
     return QCoreApplication::exec();

@@ -10,11 +10,14 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <syslog.h>
+#include <time.h>
 
 static void Send(int priority, const char* category, const char* tag, const char* file, const char* function,
                  int line, const char* text)
 {
     const int level = LOG_PRI(priority);
+    /* Makes glibc notice a new time zone, in which syslog stamps the record. */
+    tzset();
     if (*file == '\0' && *function == '\0' && line == 0) {
         syslog(level, "%s/%s: %s", category, tag, text);
     } else {

@@ -36,7 +36,7 @@ void Require(bool holds, const char* property)
 }
 
 /// The first field, which is taken out of the input.
-QByteArray Take(QByteArray& input)
+QByteArray NextField(QByteArray& input)
 {
     const int end = input.indexOf('\t');
     const QByteArray field = input.left(end);
@@ -44,9 +44,9 @@ QByteArray Take(QByteArray& input)
     return field;
 }
 
-QString TakeText(QByteArray& input)
+QString NextText(QByteArray& input)
 {
-    return QString::fromUtf8(Take(input)).remove(QChar::Null);
+    return QString::fromUtf8(NextField(input)).remove(QChar::Null);
 }
 
 void PutFile(const QString& path, const QByteArray& content)
@@ -76,10 +76,10 @@ void TryAppConf(QByteArray input)
 {
     using core::configuration::Parser;
     constexpr int kLargestPart = 512 * 1024;
-    const int count = Take(input).toInt();
+    const int count = NextField(input).toInt();
     QByteArray xml;
     for (const bool repeats : {false, true, false, true, false}) {
-        const QByteArray part = Take(input);
+        const QByteArray part = NextField(input);
         xml += part.repeated(repeats ? qBound(0, count, kLargestPart / (part.size() + 1)) : 1);
     }
     PutFile("/home/pay/app.conf", xml);
@@ -96,8 +96,8 @@ void TryAppConf(QByteArray input)
 /// A path of app.conf or of a caller, then the application that has it as a page.
 void TryPath(QByteArray input)
 {
-    const QString path = TakeText(input);
-    QString name = TakeText(input);
+    const QString path = NextText(input);
+    QString name = NextText(input);
     const QString normal = FileSystem::NormalizeFilePath(path, "/home/pay");
     Require(path.isEmpty() ? normal.isEmpty() : normal.startsWith('/'), "a path is absolute");
     Require(!normal.contains("//") && !(normal + '/').contains("/./"), "a path is clean");
@@ -110,13 +110,13 @@ void TryPath(QByteArray input)
 /// A system call: its number, exit statuses, what a command prints, then keys and values in turn.
 void TrySystemCall(QByteArray input)
 {
-    const int number = Take(input).toInt();
-    g_statuses = Take(input);
-    g_output = Take(input);
+    const int number = NextField(input).toInt();
+    g_statuses = NextField(input);
+    g_output = NextField(input);
     QVariantMap arguments;
     while (!input.isEmpty()) {
-        const QString key = TakeText(input);
-        const QString value = TakeText(input);
+        const QString key = NextText(input);
+        const QString value = NextText(input);
         arguments.insert(key, value.startsWith('[') ? QVariant(value.split(' ')) : value);
     }
     const QVariantMap result = g_daemon->system.SystemCall(number, arguments);
@@ -133,8 +133,8 @@ void TrySystemCall(QByteArray input)
 /// A key of the registry, its value, what `iw dev` prints.
 void TryRegistryValue(QByteArray input)
 {
-    const QString key = TakeText(input);
-    const QString value = TakeText(input);
+    const QString key = NextText(input);
+    const QString value = NextText(input);
     g_output = input;
     QMetaObject::invokeMethod(&g_daemon->system, "valueChanged", Q_ARG(QString, key), Q_ARG(QString, value));
     static const QRegularExpression plain("\\A(SYSLOGD_OPTIONS=\"( -L -R [0-9.]{7,15}:[0-9]+)?\"\\n)?\\z");
@@ -145,8 +145,8 @@ void TryRegistryValue(QByteArray input)
 /// A time, a zone, the hardware clock's file.
 void TryTime(QByteArray input)
 {
-    const QString text = TakeText(input);
-    const QString zone = TakeText(input);
+    const QString text = NextText(input);
+    const QString zone = NextText(input);
     PutFile("/sys/class/rtc/rtc0/since_epoch", input);
     g_clock.clear();
     g_daemon->tools.SetTimeZone("");
@@ -164,8 +164,8 @@ void TryTime(QByteArray input)
 void TryVariable(QByteArray input)
 {
     const QString path = "/etc/rc.d/rc.platform.conf";
-    const QString name = TakeText(input).left(64); // a long pattern may take long
-    const QString value = TakeText(input);
+    const QString name = NextText(input).left(64); // a long pattern may take long
+    const QString value = NextText(input);
     const QByteArray before = input.replace('\r', ' ').replace('\0', ' ');
     PutFile(path, before);
     const bool saved = g_daemon->tools.SaveVariableValue(name, value) == 0;

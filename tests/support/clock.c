@@ -1,5 +1,5 @@
-/* Preloaded into the daemon: a wall clock that is so many seconds ahead of the machine's as /tmp/clock says (eight
- * bytes), and that is set, as far as the kernel would let it, by changing that. */
+/* Preloaded into the daemon: a wall clock that is so many seconds ahead of the machine's as /tmp/clock says
+ * (eight bytes), and that is set, as far as the kernel would let it, by changing that. */
 #define _GNU_SOURCE
 #include <errno.h>
 #include <fcntl.h>

@@ -1,9 +1,7 @@
-"""A numbered operation of the system server and all that it does: answer, calls, records, files."""
+# A numbered operation of the system server and all that it does: answer, calls, records, files.
 import dataclasses
 from fnmatch import fnmatchcase
 from itertools import zip_longest
-
-from gi.repository import GLib
 
 from kx import answer, calls, content, put, system, wait
 
@@ -31,7 +29,7 @@ class Case:
                 "log": list(self.log), "files": self.after}
 
     def seen(self, daemon):
-        """Does it; \return what is to be compared with what was expected."""
+        # Does it; \return what is to be compared with what was expected.
         for path, text in self.before.items():
             put(path, text)
         answer(**self.answers)
@@ -47,13 +45,3 @@ class Case:
 
     def counts(self, record):
         return self.progress or not record.startswith("info")
-
-
-# Values that no argument should have.
-HOSTILE = {
-    "long": "'" * 1000000, "shell": "'\"`reboot`$(reboot);reboot\n|reboot&%1%s%n\x80", "empty": "",
-    "NUL": b"serial\0reboot", "bytes": b"\xff" * 1000000, "list": ["serial", "HTTP"],
-    "map": {"mode": {"mode": "x"}}, "variants": GLib.Variant("v", GLib.Variant("v", GLib.Variant("i", 2))),
-    "NaN": float("nan"), "true": True,
-    "path": GLib.Variant("o", "/System"), "pair": GLib.Variant("(ii)", (1, 2)), "byte": GLib.Variant("y", 50),
-    "least": GLib.Variant("x", -2**63), "most": GLib.Variant("t", 2**64 - 1)}

@@ -1,4 +1,4 @@
-"""The installed bus policy, account by account, and the interface that the daemon shows."""
+# The installed bus policy, account by account, and the interface that the daemon shows.
 import os
 import pwd
 import re
@@ -41,7 +41,7 @@ METHODS = [
 
 
 def connect(account):
-    """A connection to the bus under that account."""
+    # A connection to the bus under that account.
     user = pwd.getpwnam(account)
     os.setgroups(os.getgrouplist(account, user.pw_gid)), os.seteuid(user.pw_uid)
     try:
@@ -53,7 +53,7 @@ def connect(account):
 
 
 def outcome(connection, thing, member, signature, arguments, *interface, service=SERVICE):
-    """The types of what is answered, or the name of the error."""
+    # The types of what is answered, or the name of the error.
     to, = interface or (f"{SERVICE}.{thing}",)
     message = Gio.DBusMessage.new_method_call(service, "/" + thing, to, member)
     message.set_body(GLib.Variant(f"({signature})", arguments))

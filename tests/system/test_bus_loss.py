@@ -1,4 +1,4 @@
-"""The bus dies under the daemon: the terminal reboots, unless software is being installed."""
+# The bus dies under the daemon: the terminal reboots, unless software is being installed.
 import fcntl
 import os
 import signal

@@ -1,4 +1,4 @@
-"""What follows the registry: options of syslog, hub identifier, wake-on-WLAN."""
+# What follows the registry: options of syslog, hub identifier, wake-on-WLAN.
 import pytest
 
 from kx import answer, calls, content, put, run, wait
@@ -21,7 +21,7 @@ def registry(**keys):
 
 
 def state(name):
-    """What a file or a key of the registry holds, or None."""
+    # What a file or a key of the registry holds, or None.
     if name[0] == "/":
         return content(name)
     missing, value, _ = run("kxregistry", "get", name)

@@ -1,4 +1,4 @@
-"""The restart of the terminal, with a web server in different moods."""
+# The restart of the terminal, with a web server in different moods.
 import socket
 import subprocess
 import time

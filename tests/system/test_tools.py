@@ -1,4 +1,4 @@
-"""Time, zone and their source; platform variables; the audio-payment switch."""
+# Time, zone and their source; platform variables; the audio-payment switch.
 import datetime
 import os
 import re
@@ -45,7 +45,7 @@ def clock(with_clock):
 
 
 def announced(daemon, seconds, zone, source, log=()):
-    """One signal, at that time or some seconds later; the source is stored."""
+    # One signal, at that time or some seconds later; the source is stored.
     (name, (at, *rest)), = daemon.heard(1)
     late = datetime.datetime.fromisoformat(at + "+00:00").timestamp() - seconds
     assert (name, *rest, stored()) == ("TimeInfoChanged", zone, source, source) and 0 <= late < PATIENCE

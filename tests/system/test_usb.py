@@ -1,4 +1,4 @@
-"""System call 96: the settings of the USB gadget, and which modules are unloaded and loaded."""
+# System call 96: the settings of the USB gadget, and which modules are unloaded and loaded.
 import pytest
 
 from kx import owner_and_mode, remove, system

@@ -1,4 +1,4 @@
-"""System call 97: links of the web server's configuration, its restart and the browser's."""
+# System call 97: links of the web server's configuration, its restart and the browser's.
 import time
 
 import pytest
@@ -54,7 +54,7 @@ def test_each_accepted_call_restarts_later(shared):
 
 
 def test_browser_follows_caching_once(shared):
-    """In this order: whether the browser restarts depends on what came before."""
+    # In this order: whether the browser restarts depends on what came before.
     failed = "err OnRestartLighttpdTimer /etc/{} restart returned  {}"
     for arguments, web, browser, called, log in (
             ({"caching": "off"}, 1, 0, [WEB], [failed.format("rc.d/init.d/lighthttpd", 1)]),

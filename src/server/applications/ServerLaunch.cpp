@@ -1,5 +1,6 @@
-#include "misc/Log.h"
 #include "server/applications/Server.h"
+
+#include "misc/Log.h"
 
 #include <QFileInfo>
 

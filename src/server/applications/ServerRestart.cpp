@@ -1,7 +1,8 @@
+#include "server/applications/Server.h"
+
 #include "misc/Guard.h"
 #include "misc/Log.h"
 #include "misc/Utils.h"
-#include "server/applications/Server.h"
 
 #include <QTimer>
 

@@ -1,6 +1,7 @@
+#include "server/applications/Server.h"
+
 #include "misc/Log.h"
 #include "misc/Utils.h"
-#include "server/applications/Server.h"
 
 #include <QFile>
 #include <QRegExp>

@@ -1,7 +1,8 @@
+#include "server/system/Server.h"
+
 #include "misc/Log.h"
 #include "server/system/Files.h"
 #include "server/system/RegistryKeys.h"
-#include "server/system/Server.h"
 
 #include <Registry.h>
 

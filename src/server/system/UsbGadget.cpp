@@ -1,9 +1,10 @@
+#include "server/system/Server.h"
+
 #include "misc/Log.h"
 #include "misc/Utils.h"
 #include "server/applications/Server.h"
 #include "server/system/CommandOutput.h"
 #include "server/system/Files.h"
-#include "server/system/Server.h"
 
 #include <QStringList>
 

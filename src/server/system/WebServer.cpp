@@ -1,6 +1,7 @@
+#include "server/system/Server.h"
+
 #include "misc/Log.h"
 #include "misc/Utils.h"
-#include "server/system/Server.h"
 
 #include <QTimer>
 

@@ -1,8 +1,9 @@
+#include "server/system/Server.h"
+
 #include "misc/Log.h"
 #include "misc/Utils.h"
 #include "server/system/CommandOutput.h"
 #include "server/system/RegistryKeys.h"
-#include "server/system/Server.h"
 
 #include <Registry.h>
 

@@ -51,7 +51,8 @@ bool WriteTimeOffset()
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered)) {
         return false;
     }
-    return offset == 0 || file.write(QByteArray::number(offset)) >= 0;
+    const QByteArray text = offset == 0 ? QByteArray() : QByteArray::number(offset);
+    return file.write(text) == text.size();
 }
 
 } // namespace

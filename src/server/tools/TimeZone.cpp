@@ -11,7 +11,6 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <system_error>
 
@@ -88,8 +87,6 @@ int Server::SetTimeZone(const QString& timeZone, const QString& infoSource)
         }
     }
 
-    // Makes glibc notice the new time zone, which log records carry.
-    tzset();
     if (!infoSource.isEmpty()) {
         AnnounceTimeInfo(timeZone, infoSource);
     }

@@ -13,15 +13,15 @@ int main(int argc, char** argv)
     const QCoreApplication application(argc, argv);
     RegisterApplicationList();
     RegisterVectorOfPairSS();
-    const QString service = QStringLiteral("com.veltrasys.kx.core");
-    ApplicationsProxy applications(service, QStringLiteral("/Applications"), QDBusConnection::systemBus());
+    const QString service = "com.veltrasys.kx.core";
+    ApplicationsProxy applications(service, "/Applications", QDBusConnection::systemBus());
     QDBusPendingReply<ApplicationList> reply = applications.Enumerate();
     reply.waitForFinished();
     if (reply.isError() || reply.value().size() != 1) {
         return 1;
     }
     com::veltrasys::Registry registry;
-    const QVariant stored = reply.value().first().value(QStringLiteral("name"));
-    registry.setValue(QStringLiteral("consumer"), stored);
-    return registry.getValue(QStringLiteral("consumer")) == stored ? 0 : 2;
+    const QVariant stored = reply.value().first().value("name");
+    registry.setValue("consumer", stored);
+    return registry.getValue("consumer") == stored ? 0 : 2;
 }

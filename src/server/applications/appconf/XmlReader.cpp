@@ -114,8 +114,11 @@ bool ReadConfigFile(const QString& path, QByteArray& content)
     if (!handle || fstat(handle.Get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size > kMaxXmlSize) {
         return false;
     }
-    QFile file("/proc/self/fd/" + QString::number(handle.Get()));
-    if (!file.open(QIODevice::ReadOnly)) {
+    // Without blocking: an application could hold a lease on its file, which delays other openers by 45 s.
+    const QByteArray link = "/proc/self/fd/" + QByteArray::number(handle.Get());
+    const UniqueFd fd(open(link.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    QFile file;
+    if (!fd || !file.open(fd.Get(), QIODevice::ReadOnly)) {
         return false;
     }
     content = file.read(info.st_size);

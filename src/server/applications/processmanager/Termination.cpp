@@ -1,7 +1,8 @@
+#include "server/applications/processmanager/ProcessManager.h"
+
 #include "misc/Log.h"
 #include "misc/Utils.h"
 #include "server/applications/appconf/AppConfigParser.h"
-#include "server/applications/processmanager/ProcessManager.h"
 
 #include <QDir>
 #include <QRegExp>
