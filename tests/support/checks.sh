@@ -16,27 +16,20 @@ check() {
 }
 
 # check_equal TEXT EXPECTED ACTUAL
-check_equal() {
-    check "$1" test "$2" = "$3"
-}
+check_equal() { check "$1" test "$2" = "$3"; }
 
 not() { ! "$@"; }
 
-# status_of COMMAND...: prints how it ended, and nothing else
-status_of() {
-    local status=0
-    "$@" >/dev/null 2>&1 || status=$?
-    echo "$status"
-}
+# status_of COMMAND...: prints how it ended, and nothing else; for $(...), where errexit is off
+status_of() { "$@" >/dev/null 2>&1; echo "$?"; }
 
 # eventually COMMAND...: waits until the command succeeds, ten seconds at most on a machine of the usual speed
 eventually() {
-    local tries
-    for ((tries = 0; tries < 100 * ${KX_TIME_FACTOR:-1}; ++tries)); do
-        ! "$@" >/dev/null 2>&1 || return 0
+    local tries=$((100 * ${KX_TIME_FACTOR:-1}))
+    until "$@" >/dev/null 2>&1; do
+        ((tries-- > 0)) || return 1
         sleep 0.1
     done
-    return 1
 }
 
 # finish: exits with what came of all checks
