@@ -37,6 +37,11 @@ def wait(condition, seconds=PATIENCE):
     return value
 
 
+# Rows of a table, whose columns are divided by bars.
+def rows(text):
+    return [re.split(r" *\| *", line.strip()) for line in text.strip().splitlines()]
+
+
 # --- files: a path and bytes or text; None for nothing there, "-> target" for a link, "/" for a directory
 
 def remove(*paths):
