@@ -81,8 +81,9 @@ def test_offset_of_the_hardware_clock(clock, hardware, offset):
 
 
 def test_time_that_cannot_be_stored(clock):
-    for place, before, after, result in (("/", START, 1715953500, -3), ("-> /dev/full", START, 1715953500, -3),
-                                         (None, 10 ** 18, 10 ** 18, -4)):  # cannot be broken down
+    late = 10 ** 18  # cannot be broken down
+    for place, before, after, result in (
+            ("/", START, 1715953500, -3), ("-> /dev/full", START, 1715953500, -3), (None, late, late, -4)):
         set_clock(before), put(OFFSET, place)
         assert (call("Tools.SetSystemTime", "s", NOON), clock.heard(0), stored()) == (result, [], None)
         assert shows(after)
