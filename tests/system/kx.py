@@ -95,12 +95,16 @@ def install(name, owner, conf=None, group=None, **files):
 called = []  # of the platform's programs, by this test
 
 
-# What they were called with since the last time.
-def calls():
-    text = content(ANSWERS + "calls") or ""
-    os.truncate(ANSWERS + "calls", 0)
-    called.extend(text.splitlines())
-    return text.splitlines()
+# What they were called with since the last time; so many at least unless they do not come.
+def calls(count=0):
+    mark = len(called)
+
+    def more():
+        called.extend((content(ANSWERS + "calls") or "").splitlines())
+        os.truncate(ANSWERS + "calls", 0)
+        return len(called) - mark >= count
+    wait(more)
+    return called[mark:]
 
 
 # Their outputs and statuses, for certain arguments:
