@@ -36,7 +36,7 @@ def options(target):
     # The reset of the key is a change of its own.
     *((TARGET, value, {}, {}, RESTART * 2, [REFUSED], {SYSLOG: options(""), TARGET: ""})
       for value in ("192.168.001.10:514", "256.1.1.1:514", "10.0.0.1:", "10.0.0:514", "10.0.0.0.1:514", " ",
-                    "localhost:514", "10.0.0.1:514 ", "10.0.0.1:514\n", '1.0.0.1:514"; reboot', "10a0b0c1:514")),
+                    "localhost:514", "10.0.0.1:514 ", "1.0.0.1:514\n", '1.0.0.1:514";reboot', "1a0b0c1:514")),
     *((TARGET, "", before, {}, [], [CHANGED + error], {}) for before, error in (
         ({"/etc/sysconfig": "-> /none"}, "could not create directory /etc/sysconfig :  File exists"),
         ({SYSLOG: "/"}, f"could not open file '{SYSLOG}', Is a directory"),
