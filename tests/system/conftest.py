@@ -18,10 +18,10 @@ def finish(daemon):
     assert (daemon.end(), reports()) == (0, [])
 
 
-# One daemon for a file of tests, which ends as asked to after the last.
+# One daemon for a file of tests, with what the file adds to its environment; ends as asked after the last.
 @pytest.fixture(scope="module")
-def shared():
-    daemon = kx.Daemon()
+def shared(request):
+    daemon = kx.Daemon(env=getattr(request.module, "ENVIRONMENT", None))
     assert daemon.serving()
     yield daemon
     finish(daemon)

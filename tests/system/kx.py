@@ -37,6 +37,11 @@ def wait(condition, seconds=PATIENCE):
     return value
 
 
+# Rows of a table, whose columns are divided by bars.
+def rows(text):
+    return [re.split(r" *\| *", line.strip()) for line in text.strip().splitlines()]
+
+
 # --- files: a path and bytes or text; None for nothing there, "-> target" for a link, "/" for a directory
 
 def remove(*paths):
@@ -91,15 +96,19 @@ called = []  # of the platform's programs, by this test
 read = 0  # so much of their calls
 
 
-# What they were called with since the last time.
-def calls():
-    global read
-    with open(ANSWERS + "calls") as file:
-        file.seek(read)
-        lines = file.read().splitlines()
-        read = file.tell()
-    called.extend(lines)
-    return lines
+# What they were called with since the last time; so many at least unless they do not come.
+def calls(count=0):
+    mark = len(called)
+
+    def more():
+        global read
+        with open(ANSWERS + "calls") as file:
+            file.seek(read)
+            called.extend(file.read().splitlines())
+            read = file.tell()
+        return len(called) - mark >= count
+    wait(more)
+    return called[mark:]
 
 
 # Their outputs and statuses, for certain arguments:

@@ -33,10 +33,9 @@ class Case:
         for path, text in self.before.items():
             put(path, text)
         answer(**self.answers)
-        called, log = calls()[:0], daemon.log()[:0]
-        daemon.events(0)
-        result = system(self.number, self.arguments)
-        wait(lambda: called.extend(calls()) or len(called) >= len(self.calls))
+        calls(), daemon.events(0)
+        log = daemon.log()[:0]
+        result, called = system(self.number, self.arguments), calls(len(self.calls))
         wait(lambda: log.extend(filter(self.counts, daemon.log())) or len(log) >= len(self.log))
         log = [wanted if fnmatchcase(record, wanted) else record
                for record, wanted in zip_longest(log, self.log, fillvalue="")]

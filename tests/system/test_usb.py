@@ -29,10 +29,19 @@ def case(name, arguments, calls, result=0, **more):
     return Case(name, 96, arguments, result, calls, **more)
 
 
-def refused(name, arguments, text, before=None, after=None):
+def refused(name, arguments, text, before={}, after={}):
     old = {HUB_ID: "old"}
     return case(name, ETHERNET | arguments, [], 1, log=["err DoConfigureUSBGadget " + text],
-                before=old | (before or {}), after=old | (after or {}))
+                before=old | before, after=old | after)
+
+
+def obstacle(path, content, arguments, text):
+    text = f"could not {text}".replace("PATH", f"'{path}'")
+    return refused(text, arguments, text, {path: content}, {path: None if content == "/" else content})
+
+
+def progress(function, *texts):
+    return [f"info {function} {text}" for text in texts]
 
 
 @pytest.mark.parametrize("case", [
@@ -53,21 +62,17 @@ def refused(name, arguments, text, before=None, after=None):
          ["lsmod", *unload(ETHERNET_STOP, ["g_ether", "u_ether"]), *unload(SERIAL_STOP), *LOAD_SERIAL[1:],
           BY_NUMBER], progress=True, events=RESTARTED,
          answers={"lsmod": "u_ether 2\n", "rmmod": {None: "gone\n", "g_ether": 2, "u_ether": 1}},
-         log=["info DoConfigureUSBGadget USB configuration started",
-              "info DoConfigureUSBGadget creating USB config related files and directories",
-              "info DoConfigureUSBGadget stopping apps server",
-              "info DoConfigureUSBGadget beginning reload process of USB modules",
-              "info reloadGadgetUsbModules checking active USB modules",
-              "info reloadGadgetUsbModules stopping USB modules",
+         log=[*progress("DoConfigureUSBGadget", "USB configuration started",
+                        "creating USB config related files and directories", "stopping apps server",
+                        "beginning reload process of USB modules"),
+              *progress("reloadGadgetUsbModules", "checking active USB modules", "stopping USB modules"),
               "err stopUsbModules Failed to stop module g_ether. Continue.",
               "err stopUsbModules Failed to stop module u_ether. Continue.",
-              "info reloadGadgetUsbModules stopping USB modules (ret == 3)",
-              "info reloadGadgetUsbModules starting ci_hdrc_imx USB module",
-              "info reloadGadgetUsbModules starting other USB modules",
-              "info reloadGadgetUsbModules starting g_serial USB module",
-              "info DoConfigureUSBGadget USB modules reloaded, continuing",
-              "info DoConfigureUSBGadget starting apps server",
-              "info DoConfigureUSBGadget USB configuration completed successfully"]),
+              *progress("reloadGadgetUsbModules", "stopping USB modules (ret == 3)",
+                        "starting ci_hdrc_imx USB module", "starting other USB modules",
+                        "starting g_serial USB module"),
+              *progress("DoConfigureUSBGadget", "USB modules reloaded, continuing", "starting apps server",
+                        "USB configuration completed successfully")]),
     case("a module does not load", SERIAL, LOAD_SERIAL, 1, log=[RELOAD + "5"],
          answers={"modprobe": {"-a": 5}}),
     case("the controller does not load", ETHERNET | {"hubid": "UNCHANGED"}, LOAD_ETHERNET[:2], 1,
@@ -75,26 +80,21 @@ def refused(name, arguments, text, before=None, after=None):
          before={HUB_ID: "old"}, after={HUB_ID: "old"}),
     *(case(f"hub id {given[:5]!r}", ETHERNET | {"hubid": given}, LOAD_ETHERNET,
            before={HUB_ID: old}, after={HUB_ID: new})
-      for given, old, new in (("ABC", "longer", "abc"), ("\xc4", None, "\xe4"), ("A" * 999, None, "a" * 999),
-                              ("", "old", None), ("", None, None))),
+      for given, old, new in (("ABC", "longer", "abc"), ("\xc4" * 999, None, "\xe4" * 999), ("", "old", None),
+                              ("", None, None))),
     *(Case("no " + key, 96, {k: v for k, v in ETHERNET.items() if k != key}, 1, after={FOLDER[:-1]: None},
            log=[f"err DoConfigureUSBGadget '{key}' argument is missing"]) for key in ETHERNET),
     refused("mode", {"mode": "BOTH"}, "invalid mode 'both'", after={FOLDER[:-1]: None}),
     refused("speed", {"usbForceFullspeed": "Yes"}, "invalid  usbForceFullspeed : 'yes'"),
     refused("ids", {"dflt": 2}, "invalid legacy vendor and product ids : '2'"),
     refused("unique id", {"usbuid": []}, "invalid legacy serial number : ''"),
-    *(refused("folder", {}, f"could not create directory '{path}', File exists", {path: "-> /none"})
-      for path in ("/etc/platform/usb_gadget", "/etc/platform/usbphy0")),
-    refused("hub id not opened", {"hubid": "1"}, f"could not open file '{HUB_ID}', No such file or directory",
-            {HUB_ID: "-> /none/x"}, {HUB_ID: "-> /none/x"}),
-    refused("hub id not written", {"hubid": "1"},
-            f"could not write to file '{HUB_ID}', No space left on device",
-            {HUB_ID: "-> /dev/full"}, {HUB_ID: "-> /dev/full"}),
-    refused("hub id not removed", {"hubid": ""}, f"could not delete file '{HUB_ID}', Is a directory",
-            {HUB_ID: "/"}, {HUB_ID: None}),
-    refused("flag not made", {"usbuid": "1"},
-            f"could not create file '{UID_FLAG}', No such file or directory", {UID_FLAG: "-> /none/file"}),
-    refused("flag not removed", {}, f"could not delete file '{UID_FLAG}', Is a directory", {UID_FLAG: "/"}),
+    obstacle(FOLDER[:-1], "-> /none", {}, "create directory PATH, File exists"),
+    obstacle("/etc/platform/usbphy0", "-> /none", {}, "create directory PATH, File exists"),
+    obstacle(HUB_ID, "-> /none/x", {"hubid": "1"}, "open file PATH, No such file or directory"),
+    obstacle(HUB_ID, "-> /dev/full", {"hubid": "1"}, "write to file PATH, No space left on device"),
+    obstacle(HUB_ID, "/", {"hubid": ""}, "delete file PATH, Is a directory"),
+    obstacle(UID_FLAG, "-> /none/file", {"usbuid": "1"}, "create file PATH, No such file or directory"),
+    obstacle(UID_FLAG, "/", {}, "delete file PATH, Is a directory"),
 ], ids=lambda case: case.name)
 def test_usb(shared, case):
     assert case.seen(shared) == case.expected

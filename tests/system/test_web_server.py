@@ -3,7 +3,7 @@ import time
 
 import pytest
 
-from kx import calls, put, system, wait
+from kx import calls, put, system
 from operation import Case
 
 FOLDER = "/etc/lighttpd/"
@@ -19,9 +19,9 @@ def accepted(name, arguments, after, *called):
                 before=IMAGE, after=IMAGE | after)
 
 
-def refused(name, arguments, text, before=None, after=None):
-    return Case(name, 97, arguments, {"return": -1, "response": text}, before=IMAGE | (before or {}),
-                after=IMAGE | (after or {}), log=["err DoLighttpdRestart " + text.strip()])
+def refused(name, arguments, text, before={}, after={}):
+    return Case(name, 97, arguments, {"return": -1, "response": text}, before=IMAGE | before,
+                after=IMAGE | after, log=["err DoLighttpdRestart " + text.strip()])
 
 
 @pytest.mark.parametrize("case", [
@@ -29,10 +29,8 @@ def refused(name, arguments, text, before=None, after=None):
     accepted("HTTPS", {"newconf": "HTTPS"}, HTTPS),
     accepted("all", {"newconf": "HTTP", "caching": "off", "buffer-resp": "on"}, {
         CACHING: f"-> {FOLDER}disable_cache.conf", BUFFER: f"-> {FOLDER}buffer-resp-on.conf"}, BROWSER),
-    accepted("on and off", {"caching": "on", "buffer-resp": "off"}, {
-        BUFFER: f"-> {FOLDER}buffer-resp-off.conf"}),
-    refused("protocol", {"newconf": "https"}, "Invalid protocol: https"),
-    refused("long protocol", {"newconf": "%1%s" * 20}, "Invalid protocol: " + "%1%s" * 20),
+    accepted("off", {"buffer-resp": "off"}, {BUFFER: f"-> {FOLDER}buffer-resp-off.conf"}),
+    refused("protocol", {"newconf": "https%1%s"}, "Invalid protocol: https%1%s"),
     refused("buffering", {"buffer-resp": ""}, "Invalid buffer-resp value: "),
     refused("link before", {"newconf": "HTTPS", "caching": "ON"}, "Invalid caching status: ON", {}, HTTPS),
     refused("dangling link", {"newconf": "HTTPS"}, "Symlink failed: File exists",
@@ -45,12 +43,9 @@ def test_links(shared, case):
 
 
 def test_each_accepted_call_restarts_later(shared):
-    for arguments in ({"newconf": "?"}, {}, {}):
-        system(97, arguments)
-    began, called = time.monotonic(), []
-    assert calls() == []
-    assert wait(lambda: called.extend(calls()) or len(called) == 2) and called == [WEB, WEB]
-    assert time.monotonic() - began >= 0.49
+    system(97, {"newconf": "?"}), system(97), system(97)
+    began = time.monotonic()
+    assert calls() == [] and calls(2) == [WEB, WEB] and time.monotonic() - began >= 0.49
 
 
 def test_browser_follows_caching_once(shared):
