@@ -150,11 +150,10 @@ def run(*command, account=None, input=None, env=None):
 def variant(value):
     if isinstance(value, GLib.Variant):
         return value
-    if isinstance(value, bytes):
-        return GLib.Variant.new_from_bytes(GLib.VariantType("ay"), GLib.Bytes.new(value), True)
     if isinstance(value, dict):
         return GLib.Variant("a{sv}", {key: variant(item) for key, item in value.items()})
-    return GLib.Variant({bool: "b", int: "i", float: "d", str: "s", list: "as"}[type(value)], value)
+    kinds = {bool: "b", int: "i", float: "d", str: "s", list: "as", bytes: "ay"}
+    return GLib.Variant(kinds[type(value)], value)
 
 
 class Refused(Exception):  # with the name of the error
@@ -212,8 +211,7 @@ class Daemon:
 
     # Its exit status.
     def end(self, signo=signal.SIGTERM):
-        if self.process.poll() is None:
-            self.process.send_signal(signo)
+        self.process.send_signal(signo)  # does nothing when it has ended
         bus.signal_unsubscribe(self.subscription)
         try:
             return self.process.wait(2 * PATIENCE)
