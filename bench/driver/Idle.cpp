@@ -74,8 +74,7 @@ Section MeasureIdle(const Options& options)
               {{"wake-ups", Samples(static_cast<double>(sleeps)), 0},
                {"system calls", Samples(static_cast<double>(calls)), 0}}}},
             {{"no wake-ups", static_cast<double>(sleeps), 0, "see the table"},
-             {"no system calls", static_cast<double>(calls), 0, "see the table"}},
-            {}};
+             {"no system calls", static_cast<double>(calls), 0, "see the table"}}};
 }
 
 } // namespace kxbench
