@@ -13,15 +13,8 @@ int main(int argc, char** argv)
     const QCoreApplication application(argc, argv);
     RegisterApplicationList();
     RegisterVectorOfPairSS();
-    const QString service = "com.veltrasys.kx.core";
-    ApplicationsProxy applications(service, "/Applications", QDBusConnection::systemBus());
-    QDBusPendingReply<ApplicationList> reply = applications.Enumerate();
-    reply.waitForFinished();
-    if (reply.isError() || reply.value().size() != 1) {
-        return 1;
-    }
+    ApplicationsProxy applications("com.veltrasys.kx.core", "/Applications", QDBusConnection::systemBus());
     com::veltrasys::Registry registry;
-    const QVariant stored = reply.value().first().value("name");
-    registry.setValue("consumer", stored);
-    return registry.getValue("consumer") == stored ? 0 : 2;
+    registry.setValue("consumer", applications.Enumerate().value().value(0).value("name"));
+    return registry.getValue("consumer") == "pay" ? 0 : 1;
 }
