@@ -49,8 +49,7 @@ Section MeasureRoundTrip(const Options& options)
            {"bare QtDBus service", qt, ratio},
            {"bare sd-bus service", plain, Ratio(core, plain)}}}},
         {{"at most 1.10 x bare QtDBus", ratio, 1.10,
-          "the generated adaptor looks the slot up by name a second time"}},
-        {}};
+          "the generated adaptor looks the slot up by name a second time"}}};
 }
 
 } // namespace kxbench

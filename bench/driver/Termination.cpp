@@ -78,7 +78,6 @@ Section MeasureTermination(const Options& options)
               {{"kxcore `Terminate`", core, 0},
                {"the kernel, 100 children", kernel, 0},
                {"the pause of 250 ms and the kernel", floor, Ratio(core, floor)}}}},
-            {},
             {}};
 }
 
