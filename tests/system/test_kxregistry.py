@@ -41,7 +41,7 @@ def test_no_change_of_simultaneous_writers_is_lost():
 @natively
 def test_killed_writer_leaves_old_or_new():
     registry("set", "a", old := "x" * 90000)
-    for moment in "write", "fchmod", "fdatasync", "rename":
+    for moment in "write", "fchmod", "fdatasync", "linkat", "rename":
         strace = "strace", "-qqfo", "/dev/null", "-e", f"inject={moment}:signal=KILL:when=1"
         assert run(*strace, "kxregistry", "set", "a", new := moment + "y" * 80000)[0] == -9
         assert registry("get", "a")[1] in (old + "\n", new + "\n")
