@@ -1,31 +1,24 @@
 # kxctl as an operator and a script see it: command line, exit status, standard output, standard error.
 import json
-import os
 import re
 import signal
-import subprocess
+from subprocess import PIPE, Popen
 
 import pytest
 
-from kx import PATIENCE, SLEEP, calls, content, install, put, run, wait
+from kx import PATIENCE, SLEEP, calls, content, install, put, rows, run, wait
 
-VERBS = "apps", "start pay receipt", "restart --yes", "status", "monitor", "zone set UTC", "system web"
-PAY = """<run_on_boot>bin/idle 100</run_on_boot><show_on_boot>html/index.html</show_on_boot>
-<desktop_item icon_path="html/pay.svg" title="Pay&#x9b;2J" icon_position="2">html/index.html</desktop_item>"""
+PAY = """<run_on_boot>bin/idle 100</run_on_boot><show_on_boot>html/x</show_on_boot>
+<desktop_item icon_path="html/x" title="Pay&#x9b;2J" icon_position="2">html/x</desktop_item>"""
 
 
-def kxctl(*arguments, **options):
-    return run("kxctl", *arguments, **options)
+def kxctl(*arguments):
+    return run("kxctl", *arguments)
 
 
 # Whether "status output errors" is of a form.
 def matches(found, form):
     return re.fullmatch(form, "{} {}{}".format(*found).strip(), re.S)
-
-
-# Rows of a table, whose columns are divided by arrows.
-def rows(text):
-    return [line.strip().split(" -> ") for line in text.strip().splitlines()]
 
 
 # With a terminal for input and output.
@@ -35,105 +28,54 @@ def on_terminal(command, typed="\n"):
 
 @pytest.fixture
 def apps(shared):
-    install("pay", 4002, PAY, bin_idle=SLEEP, bin_receipt='#!/bin/sh\necho "$@" >$APP_TMP_DIR/receipt',
-            **{"html_index.html": "x"})
-    install("shop\033[31m", 4003)
-    put("/etc/rc.d/rc.platform.conf"), put("/etc/platform/99-audiopayd", mode=0o644)
+    install("pay", 4002, PAY, html_x="", bin_idle=SLEEP, bin_receipt='#!/bin/sh\necho "$@" >$APP_TMP_DIR/x')
+    install("shop\033[31m", 4003, "<show_on_boot>html/x</show_on_boot>", html_x="")
     assert kxctl("start", "--wait") == (0, "all applications are started\n", "")
-    calls()
     return shared
 
 
-@pytest.mark.parametrize("command", VERBS)
-def test_without_daemon(command):
-    assert kxctl(*command.split()) == (3, "", "kxctl: the daemon is not running\n")
-
-
 def test_start_waits_until_it_is_done(own):
+    for command in "apps", "start pay receipt", "restart --yes", "status", "monitor", "system web":
+        assert kxctl(*command.split()) == (3, "", "kxctl: the daemon is not running\n")
     put("/home/platform/html/show_once.html")  # with which nothing is started
     assert (daemon := own()).serving()
-    late = kxctl("start", "--wait", "--timeout", "1")
-    assert matches(late, "3 kxctl: the applications were not started.*")
+    assert matches(kxctl("start", "--wait", "--timeout", "1"), "3 kxctl: the applications were not started.*")
     put(marker := "/var/run/sockets/marker")
-    starting = subprocess.Popen(["kxctl", "start", "--wait"], stderr=subprocess.PIPE, text=True)
-    assert wait(lambda: not os.path.exists(marker)) and daemon.end() == 0
+    starting = Popen(["kxctl", "start", "--wait"], stderr=PIPE, text=True)
+    assert wait(lambda: content(marker) is None) and daemon.end() == 0
     assert starting.wait() == 3 and "the daemon ended before" in starting.stderr.read()
 
 
-@pytest.mark.parametrize("command, reason", rows("""
-    bogus -> unknown verb 'bogus'; see kxctl --help
-    apps --bogus -> apps: unknown option 'bogus'
-    --timeout soon apps -> --timeout: 'soon' is no number of seconds
-    restart -> restart: not without --yes when there is no terminal to ask on
-    system -> system: needs an operation
-    timeinfo now UTC host -> timeinfo: 'host' is none of HOST, MANUAL, HUB, UNKNOWN
-    var set A-B x -> var set: 'A-B' is no name of a shell variable; --force stores it
-    system call 99 text -> system call: 'text' is neither KEY=TEXT nor KEY:=JSON
-    system call 99 text:={ -> system call: 'text:={' holds no JSON value that can be sent
-"""))
-def test_misuse(command, reason):
-    verb = re.match("([a-z ]+): ", reason)
-    hint = f"; see kxctl {verb[1]} --help" if verb else ""
-    assert kxctl(*command.split()) == (2, "", f"kxctl: {reason}{hint}\n")
-
-
 @pytest.mark.parametrize("command, form", rows(r"""
-    apps -> 0 NAME +USER .*\npay +pay +4002/4002 +FastCGI +idle +/home/pay/bin/idle 100 .*\nshop\\u001b.*
-    apps --names --json -> 0 \[\n    "pay",\n    "shop\\u001b\[31m"\n\]
-    app pay -> 0 name +pay\nuser +pay \(4002\)\n(?!.*prompts).*\n  2 +Pay\\u009b2J +/html/pay/index.html .*
-    start pay -> 2 kxctl: start: needs a BINARY of pay: idle, receipt; see kxctl start --help
-    start --json none x -> 1 \{\n *"errorCode": -1,.*\}\nkxctl: Application none doesn't exist
-    home -> 0 no application has a default form; .* is shown when a browser comes; none runs
-    stop -> 0 all applications are stopped
-    status -> 0 daemon +pid \d+, since \d{4}-.* MiB\n.*\npay +\d+ +idle +00:00:\d\d .* MiB\nshop.*
-    var set --force A-B x -> 0
-    system battery -> 1 kxctl: the operation failed.* \(the daemon answered -1\)
-    system call 97 caching=maybe -> 1 kxctl: Invalid caching status: maybe \(the daemon answered -1\)
+    kxctl bogus | 2 kxctl: unknown verb 'bogus'; see kxctl --help
+    kxctl restart | 2 kxctl: restart: not without --yes when there is no terminal .*; see kxctl restart --help
+    kxctl timeinfo '' UTC HUB; kxctl timeinfo '' UTC UNKNOWN | 1 kxctl: UNKNOWN does not overwrite what HUB .*
+    kxctl var set A-B x; kxctl var set --force A-B x | 0 .*: 'A-B' is no name of a shell variable; --force .*
+    kxctl system call 99 text:={ | 2 .*: 'text:={' holds no JSON value that can be sent; .*
+    kxctl apps | 0 NAME +USER .*\npay +pay +4002/4002 +FastCGI +idle +/home/pay/bin/idle 100 .*\nshop\\u001b.*
+    kxctl app pay | 0 name +pay\nuser +pay \(4002\)\n(?!.*prompts).*\n  2 +Pay\\u009b2J +/html/pay/x .*
+    kxctl start --json none x | 1 \{\n *"errorCode": -1,.*\}\nkxctl: Application none doesn't exist
+    kxctl home; kxctl status | 0 no application .*\ndaemon +pid \d+, .*\nconflict +pay: .*\npay +\d+ +idle .*
+    kxctl apps >/dev/full | 1 kxctl: cannot write to standard output
+    setpriv --reuid guest --clear-groups kxctl apps | 1 kxctl: the system bus does not let this account .*
+    DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/none kxctl apps | 3 kxctl: cannot reach the system bus: .*
 """))
 def test_answers(apps, command, form):
-    assert matches(kxctl(*command.split()), form)
-
-
-@pytest.mark.parametrize("command, expected", rows("""
-    poweroff --yes -> poweroff
-    hwtest --url http://localhost/x -> hwtest -f OPEN_ON_EXIT_URL=http://localhost/x
-    web --protocol HTTPS --caching off --buffering on -> lighthttpd restart
-    usb --mode serial --unit-serial --hub-id AB --lte-connected -> modprobe g_serial .*gadget_uid=y
-"""))
-def test_reaches_the_platform(apps, command, expected):
-    assert kxctl("system", *command.split())[::2] == (0, "")
-    called = []
-    assert wait(lambda: called.extend(calls()) or any(re.fullmatch(expected, line) for line in called))
+    assert matches(run("bash", "-c", command), form)
 
 
 def test_passes_parameters_and_json(apps):
     assert kxctl("start", "pay", "receipt", "a", "--json") == (0, "pay: started receipt\n", "")
-    assert wait(lambda: content("/tmp/pay/receipt")) == "a --json\n"
+    assert wait(lambda: content("/tmp/pay/x")) == "a --json\n"
+    assert kxctl("system", "usb", "--mode", "serial", "--unit-serial")[0] == 0 and "uid=y" in calls()[-1]
     assert "\x9b" not in (text := kxctl("--json", "apps")[1])  # as much to a terminal as ESC [
     pay, shop = json.loads(text)
     assert json.loads(kxctl("app", "pay", "--json")[1]) == pay and len(pay) == 23
     assert (pay["uid"], pay["desktopItems"][0]["title"], shop["name"]) == (4002, "Pay\x9b2J", "shop\x1b[31m")
 
 
-def test_default_form_and_conflicts(apps):
-    install("desktop", 4004, "<show_on_boot>html/index.html</show_on_boot>", **{"html_index.html": "x"})
-    assert matches(kxctl("home"), "0 the form html/index.html of desktop is shown when a browser .*")
-    assert re.search(r"\ndefault form +desktop\nconflict +desktop: .*\nconflict +pay: <show_on_boot> is also "
-                     "set by desktop; the default form is shown instead\n", kxctl("status")[1])
-    assert json.loads(kxctl("status", "--json")[1])["daemon"]["pid"] == apps.pid
-
-
-def test_weaker_source_is_told_why(shared):
-    assert kxctl("timeinfo", "", "UTC", "HUB") == (0, "", "")
-    assert '"source": "HUB"' in kxctl("time", "--json")[1]
-    reason = "UNKNOWN does not overwrite what HUB has set; 'kxctl timeinfo reset' forgets HUB"
-    assert kxctl("timeinfo", "", "UTC", "UNKNOWN")[2] == f"kxctl: {reason} (the daemon answered 1)\n"
-    assert kxctl("timeinfo", "reset")[0] == 0 and kxctl("timeinfo", "", "UTC", "UNKNOWN") == (0, "", "")
-
-
 def test_monitor(apps):
-    monitor = subprocess.Popen(["timeout", str(PATIENCE), "kxctl", "monitor"], text=True,
-                               stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    monitor = Popen(["timeout", str(PATIENCE), "kxctl", "monitor"], text=True, stdout=PIPE, stderr=PIPE)
     assert monitor.stderr.readline() == "kxctl: monitoring, Ctrl-C ends\n"
     kxctl("zone", "set", "Europe/Berlin"), kxctl("start")
     for event in "/Tools  TimeInfoChanged .*Europe/Berlin  MANUAL", ".*  OnTerminate  {}", ".*OnStarted  {}":
@@ -149,36 +91,23 @@ def test_on_a_terminal(apps):
     for command in "restart", "system reboot", "system poweroff":
         refused = on_terminal("kxctl " + command, "n\n")
         assert refused[0] == 1 and re.search(r"\? \[y/N\] .*nothing was done", refused[1], re.S)
-    assert on_terminal("kxctl system reboot", "y\n")[0] == 0 and calls() == ["reboot"]
-
-
-def test_waits_and_gives_up(shared):
-    os.kill(shared.pid, signal.SIGSTOP)
+    assert on_terminal("kxctl system reboot", "y\n")[0] == 0 and calls().count("reboot") == 1
+    assert "?" not in on_terminal("kxctl system poweroff --yes", "n\n")[1] and calls(1) == ["poweroff"]
+    apps.process.send_signal(signal.SIGSTOP)
     late, (status, out) = kxctl("apps", "--timeout", "1"), on_terminal("kxctl apps --timeout 3")
-    os.kill(shared.pid, signal.SIGCONT)
-    assert matches(late, "3 kxctl: the daemon did not answer in time.*")
-    assert status == 3 and re.search("waiting for the daemon….*did not answer in time", out, re.S)
-
-
-def test_refusals_of_the_system(shared):
-    assert matches(kxctl("apps", account="guest"), "1 kxctl: the system bus does not let this account .*")
-    assert run("sh", "-c", "kxctl apps >/dev/full") == (1, "", "kxctl: cannot write to standard output\n")
-    without_bus = kxctl("apps", env={"DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/run/none"})
-    assert matches(without_bus, "3 kxctl: cannot reach the system bus: .*")
+    apps.process.send_signal(signal.SIGCONT)
+    assert late[0] == status == 3 and re.search("waiting for the daemon….*did not answer in time", out, re.S)
 
 
 @pytest.mark.parametrize("conf, problem", rows(r"""
-    <prompts>x -> error: not well-formed: .*; nothing of the file is read
-    <Prompts>x</Prompts> -> error: <Prompts>: unknown element; it is not read
-    <prompts>res/list<!-- x --></prompts> -> error: <prompts>: only its text up to .*: 'res/list'
-    <prompts>/etc/x</prompts> -> error: <prompts>: File '/etc/x' isn't located in .* Ignored.
-    <run_on_boot>bin/no</run_on_boot> -> error: <run_on_boot>: program '.*/no' does not exist
-    <show_on_boot>res/list</show_on_boot> -> error: <show_on_boot>: 'res/list' has no page address: .*
-    <prompts>res/list</prompts><prompts>res/list</prompts> -> warning: <prompts>: given more than once; .*
-    <desktop_item icon_position='101'>html/index.html</desktop_item> -> warning: .* 1 to 100 .*: 101\)
-    <resources>../shop</resources> -> warning: <resources>: '/home/shop' leads out of .*
-    <white_list signature='0aFF' signature_path='./res/list'>res/list</white_list> -> ok
-    <show_on_boot>~/html/index.html</show_on_boot><config_page>html/index.html?page=1</config_page> -> ok
+    <prompts>x | error: not well-formed: .*; nothing of the file is read
+    <Prompts>x</Prompts> | error: <Prompts>: unknown element; it is not read
+    <prompts>res/list<!-- x --></prompts> | error: <prompts>: only its text up to .*: 'res/list'
+    <prompts>/etc/x</prompts> | error: <prompts>: File '/etc/x' isn't located in .* Ignored.
+    <run_on_boot>bin/no</run_on_boot> | error: <run_on_boot>: program '.*/no' does not exist
+    <prompts>res/list</prompts><prompts>res/list</prompts> | warning: <prompts>: given more than once; .*
+    <desktop_item icon_position='101'>html/index.html</desktop_item> | warning: .* 1 to 100 .*: 101\)
+    <show_on_boot>~/html/index.html</show_on_boot><config_page>html/index.html?page=1</config_page> | ok
 """))
 def test_check(conf, problem):
     put("/tmp/pay/app.conf", f"<application>\n{conf}</application>")
@@ -189,22 +118,17 @@ def test_check(conf, problem):
 
 
 def test_check_of_all_homes():
-    page = "<show_on_boot>html/index.html</show_on_boot><cgi_bin_default>true</cgi_bin_default>"
     for name, owner in ("pay", 4002), ("shop", 1000):
-        install(name, owner, page, **{"html_index.html": "x", "cgi-bin_x": "x"})
+        install(name, owner, "<show_on_boot>html/x</show_on_boot>", html_x="")
     install("user", 4001), install(long := "n" * 41, 4003, ""), put("/home/pay/bin/x", mode=0o644)
-    also = ("{0}/app.conf: error: <show_on_boot> is also set by {1}; the default form is shown instead\n"
-            "{0}/app.conf: error: <cgi_bin_default> is also set by {1}; none becomes the default\n")
-    assert kxctl("check") == (1, (
-        f"/home/{long}: error: the name is longer than 40 characters, so its pages have no address\n"
-        f"{long}: errors: 1, warnings: 0\n"
-        "/home/pay/bin/x: warning: not executable, so it cannot be started\n"
-        f"{also.format('/home/pay', 'shop')}pay: errors: 2, warnings: 1\n"
-        "/home/shop: warning: owned by 1000:1000, which is no application account (4000 to 4999)\n"
-        f"{also.format('/home/shop', 'pay')}shop: errors: 2, warnings: 1\n"
-        "/home/user/app.conf: warning: No such file or directory; the application has no settings\n"
-        "user: errors: 0, warnings: 1\n"), "")
-    assert len(json.loads(kxctl("check", "/home/pay", "/home/shop", "--json")[1])) == 2
+    assert ["{name}/{file}: {severity}: {text}".format(**home, **problem)
+            for home in json.loads(kxctl("check", "--json")[1]) for problem in home["problems"]] == [
+        f"{long}/: error: the name is longer than 40 characters, so its pages have no address",
+        "pay/bin/x: warning: not executable, so it cannot be started",
+        "pay/app.conf: error: <show_on_boot> is also set by shop; the default form is shown instead",
+        "shop/: warning: owned by 1000:1000, which is no application account (4000 to 4999)",
+        "shop/app.conf: error: <show_on_boot> is also set by pay; the default form is shown instead",
+        "user/app.conf: warning: No such file or directory; the application has no settings"]
 
 
 def test_help_and_manual_know_every_verb():
@@ -221,13 +145,9 @@ _kxctl "${1%% *}"; echo "${COMPREPLY[*]}" """
 
 
 @pytest.mark.parametrize("line, offered", [
-    ("kxctl a", "app apps audiopayd"), ("kxctl system kernel ", "set"), ("kxctl --json app ", "pay shop"),
-    ("kxctl start pay re", "receipt refund"), ("kxctl system console ", "disable enable"),
-    ("kxctl system usb --mode ", "ethernet serial"), ("kxctl apps --timeout 5 --n", "--names"),
-    ("kxctl check /tmp/ap", "/tmp/application"), ("kxctl zone set Europe/Berl", "Europe/Berlin"),
-    ("kxctl apps ", "--help --json --names --timeout"), ("kxctl timeinfo '' Europe/Berlin H", "HOST HUB"),
-    ("kxregistry ", "delete get list set watch"), ("kxregistry get a:", "b"),
-])
+    ("kxctl a", "app apps audiopayd"), ("kxctl --json app ", "pay shop"),
+    ("kxctl start pay re", "receipt refund"), ("kxctl system usb --mode ", "ethernet serial"),
+    ("kxctl check /tmp/ap", "/tmp/application"), ("kxregistry get a:", "b")])
 def test_completes(shared, line, offered):
     install("pay", 4002, "", **{"bin_" + name: "" for name in ("receipt", "refund", "re;boot", "re$(id)")})
     install("shop", 4003), put("/tmp/application", "/"), run("kxregistry", "set", "a:b", "1")
