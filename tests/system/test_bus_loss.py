@@ -37,8 +37,8 @@ def lost(own):
 
 # Takes the lock of a file as long as what is returned lives; fails when the daemon has it.
 def lock(path):
-    file = open(path, "a")
-    fcntl.lockf(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    file = open(path, "a+")
+    fcntl.lockf(file, fcntl.LOCK_SH | fcntl.LOCK_NB)
     return file
 
 
@@ -52,13 +52,15 @@ def test_reboots(lost):
 
 @pytest.mark.parametrize("kept", [b"", 9600 * b"r"])
 def test_power_off_record(lost, kept):
-    put(RECORD, kept or None), lost()
+    put(RECORD, kept or None)
+    daemon = lost()
     assert wait(lambda: processes("sleep")) and owner_and_mode(RECORD) == "0:0 644"
     before, record = (text := open(RECORD, "rb").read())[:len(kept)], text[len(kept):]
     kind, line, name, user = struct.unpack_from("=hxx4x32s4s32s", record)
     seconds, = struct.unpack_from("i", record, 340 if len(record) == 384 else 344)
     assert (before, kind, name) == (kept, 1, b"~~\0\0") and 0 <= time.time() - seconds < 10
     assert (line.rstrip(b"\0"), user.rstrip(b"\0")) == (b"~~", b"poweroff")
+    assert daemon.end() == 0 and processes("sleep")  # it has not waited for the reboot
 
 
 @pytest.mark.parametrize("plant", [os.mkfifo, lambda path: put(path, "-> /tmp/elsewhere")])

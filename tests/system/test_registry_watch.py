@@ -46,7 +46,8 @@ def options(target):
       for value, function in (("", "valueChanged"), (None, "keyDeleted"))),
     *((TARGET, value, {}, {}, [], [], {SYSLOG: None}) for value in ("Error: no store", None)),
     *((HUB, value, {HUB_ID: "older"} | mode, {}, [], [], {HUB_ID: after}) for value, mode, after in (
-        ("Hub-7", {}, "Hub-7"), ("", {}, ""), ("7", {MODE: "Apply"}, "older"), ("Error: x", {}, "older"))),
+        ("Hub-7", {}, "Hub-7"), ("", {}, ""), ("7", {MODE: "Apply"}, "older"), ("Error: x", {}, "older"),
+        ("x Error: y", {}, "older"))),
     (HUB, "7", {HUB_ID: "/"}, {}, [], [CHANGED + f"could not open file '{HUB_ID}', Is a directory"], {}),
     (WAKE, "1", {}, PHY, ENABLE, [], {}), (WAKE, "0", {}, PHY, DISABLE, [], {}),
     (WAKE, None, {}, PHY, ENABLE, [], {}), (WAKE, "1", {}, {}, ["iw dev"], [MISSING], {}),
@@ -72,8 +73,8 @@ def test_follows_the_registry(own, key, value, before, answers, called, log, aft
 
 
 ON, OFF = "WoWLAN is enabled:\n * wake up on magic packet\n", "WoWLAN is disabled.\n"
-OTHER, BOTH, UNNAMED = (f"WoWLAN is enabled:\n * wake up on {what}\n"
-                        for what in ("disconnect", "disconnect or magic packet", "a pattern"))
+OTHER, REKEY, BOTH, UNNAMED = (f"WoWLAN is enabled:\n * wake up on {what}\n" for what in (
+    "disconnect", "GTK rekeying failure", "disconnect or magic packet", "a pattern"))
 
 
 @pytest.mark.parametrize("presence, wake, shown, subtype, called, log", [
@@ -82,6 +83,7 @@ OTHER, BOTH, UNNAMED = (f"WoWLAN is enabled:\n * wake up on {what}\n"
     ("1", "1", OFF, 3, LOOK + ENABLE, []), ("1", "0", ON, 3, LOOK + DISABLE, []),
     ("1", "1", ON, 4, LOOK * 2, []), ("1", "1", BOTH, 4, LOOK * 2, []), ("1", "1", UNNAMED, 4, LOOK * 2, []),
     ("1", "0", OFF, 4, LOOK, []), ("1", "1", OTHER, 4, LOOK * 2 + DISABLE + ENABLE, []),
+    ("1", "1", REKEY, 4, LOOK * 2 + DISABLE + ENABLE, []),
     ("1", "1", None, 3, ["iw dev"] * 2, ["err CheckWifiWowlanStatus wifi is missing", MISSING]),
     ("1", None, 234, 3, ENABLE, ["err SetWifiWowlanParam Wowlan feature couldn't be set"]),
 ])

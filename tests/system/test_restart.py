@@ -31,10 +31,10 @@ def test_asks_every_application(own, web_server):
     install("shop", 4003, "<run_on_boot>bin/idle 60</run_on_boot>", bin_idle=SLEEP)
     # Ends in the two seconds that applications have, which are not cut short by that.
     install("pay", 4002, "<run_on_boot>bin/idle 1</run_on_boot>", bin_idle=SLEEP)
-    install("mute", 4005)  # has no stop program, which is no error
     put(PAGES + "/cgi-bin/pay/stop", "answer\n"), put(PAGES + "/cgi-bin/shop/stop", "answer\n")
     daemon = own()
     assert daemon.serving() and wait(lambda: processes("/home/shop/bin/idle"))
+    install("mute", 4005)  # new, and without a stop program, which is no error
     begin = time.monotonic()
     assert call("Applications.Restart", "s", "tomorrow", seconds=1) is None
     assert wait(calls) == ["reboot"] and 2 < time.monotonic() - begin

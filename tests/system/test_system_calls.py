@@ -1,12 +1,12 @@
 # The other numbered system calls.
 import pytest
 
-from kx import calls, system
+from kx import calls, content, natively, processes, put, system, wait
 from operation import RESTARTED, Case
 
 KERNELS, POWEROFF = "/etc/platform/settings/L2KernelsVersion", "/tmp/kxcore_poweroff"
 PIDOF, RESTART = ["pidof sredd", "pidof sredd2", "pidof sredd3"], ["34-sredd restart"]
-KEYPAD = "/sys/kernel/keypad/kbdreset"
+KEYPAD, HWTEST = "/sys/kernel/keypad/kbdreset", "/sred/root/hwtest/hwtest"
 IIO = "/sys/bus/iio/devices/iio:device"
 BOARD = {"0/name": "accelerometer\n", "2/name": "4003b000.adc\n", "2/in_voltage8_raw": "2048\n",
          "2/in_voltage_scale": "0.805664\n", "4/name": "400cc000.dac\n", "4/out_voltage_raw": "7\n"}
@@ -21,11 +21,11 @@ def battery(name, changes, result, left):
 
 def stored(number, running, called):
     return Case(f"kernels: {number!r} set, {running} runs", 102, {"number": number}, 0, called,
-                answers={"pidof": {running: 0}}, after={KERNELS: f"{number}\n"})
+                answers={"pidof": {running: 0}}, before={KERNELS: "1\n"}, after={KERNELS: f"{number}\n"})
 
 
 @pytest.mark.parametrize("case", [
-    Case("reboot", 1, {}, 7, ["reboot"], answers={"reboot": 7}),
+    Case("reboot", 1, {}, 200, ["reboot"], answers={"reboot": 200}),
     *(Case(f"power off, {before}", 101, {}, 3, ["poweroff"], ["notice DoPoweroff Powering Off...."],
            answers={"poweroff": 3}, before={POWEROFF: before}, after={POWEROFF: "", "/tmp/elsewhere": None})
       for before in (None, "-> /tmp/elsewhere")),
@@ -68,6 +68,20 @@ def stored(number, running, called):
 ], ids=lambda case: case.name)
 def test_system_call(shared, case):
     assert case.seen(shared) == case.expected
+
+
+@natively
+def test_battery_circuit_that_does_not_open_again(shared):
+    case = battery("", {}, MEASURED, "3300\n")
+    with shared.failing("openat", "error=EIO:when=9"):  # five names, on, two readings, off
+        assert case.seen(shared) == case.expected
+
+
+def test_hardware_test_is_not_waited_for(shared):
+    program = content(HWTEST)
+    put(HWTEST, "#!/bin/sh\nexec sleep 9\n", mode=0o755)
+    assert system(98) == {"return": 0} and wait(lambda: processes("sleep"))
+    put(HWTEST, program, mode=0o755)
 
 
 def test_hardware_test_gets_its_page(shared):

@@ -44,6 +44,14 @@ def progress(function, *texts):
     return [f"info {function} {text}" for text in texts]
 
 
+# Before the shared daemon, which stands in the root directory.
+def test_unique_id_is_looked_up_from_the_working_directory(own):
+    daemon = own(under=("env", "-C", "/tmp"))
+    assert daemon.serving()
+    uid = case("", SERIAL | {"usbuid": True}, [*LOAD_SERIAL, BY_NUMBER])
+    assert uid.seen(daemon) == uid.expected
+
+
 @pytest.mark.parametrize("case", [
     case("nothing is loaded", ETHERNET, LOAD_ETHERNET, answers={"lsmod": "x 1 2\n"}, events=RESTARTED,
          before=dict.fromkeys(FLAGS, ""), after=dict.fromkeys(FLAGS)),
@@ -61,7 +69,7 @@ def progress(function, *texts):
     case("modules that do not unload", SERIAL | {"lteConnected": False},
          ["lsmod", *unload(ETHERNET_STOP, ["g_ether", "u_ether"]), *unload(SERIAL_STOP), *LOAD_SERIAL[1:],
           BY_NUMBER], progress=True, events=RESTARTED,
-         answers={"lsmod": "u_ether 2\n", "rmmod": {None: "gone\n", "g_ether": 2, "u_ether": 1}},
+         answers={"lsmod": "u_ether 2\nu_serial 1\n", "rmmod": {None: "gone\n", "g_ether": 2, "u_ether": 1}},
          log=[*progress("DoConfigureUSBGadget", "USB configuration started",
                         "creating USB config related files and directories", "stopping apps server",
                         "beginning reload process of USB modules"),
@@ -73,6 +81,8 @@ def progress(function, *texts):
                         "starting g_serial USB module"),
               *progress("DoConfigureUSBGadget", "USB modules reloaded, continuing", "starting apps server",
                         "USB configuration completed successfully")]),
+    case("g_serial does not load", SERIAL, [*LOAD_SERIAL, BY_NUMBER], 1, log=[RELOAD + "6"],
+         answers={"modprobe": {"g_serial": 6}}),
     case("a module does not load", SERIAL, LOAD_SERIAL, 1, log=[RELOAD + "5"],
          answers={"modprobe": {"-a": 5}}),
     case("the controller does not load", ETHERNET | {"hubid": "UNCHANGED"}, LOAD_ETHERNET[:2], 1,
