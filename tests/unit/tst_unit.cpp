@@ -9,7 +9,6 @@
 
 #include <QtTest>
 
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,7 +21,7 @@ using core::configuration::ApplicationConfig;
 
 namespace {
 
-QByteArray g_failing; ///< the function of the C library that fails
+bool g_hasMemory = true;
 
 /// Waits for a record.
 bool IsLogged(const QByteArray& record)
@@ -35,16 +34,10 @@ bool IsLogged(const QByteArray& record)
 
 } // namespace
 
-// In place of the C library's; what a child reports to the daemon is as long as an int.
-extern "C" ssize_t write(int fd, const void* buf, size_t n)
-{
-    errno = EIO;
-    return syscall(SYS_write, fd, buf, n == sizeof(int) && g_failing == "write" ? 2 : n);
-}
-
+// In place of the C library's.
 extern "C" char* strdup(const char* s) noexcept
 {
-    return g_failing == "strdup" ? nullptr : strndup(s, std::strlen(s));
+    return g_hasMemory ? strndup(s, std::strlen(s)) : nullptr;
 }
 
 /// Is a browser too, which sees values as they arrive from another process.
@@ -53,11 +46,7 @@ class UnitTest : public QObject {
     Q_CLASSINFO("D-Bus Interface", "com.veltrasys.browser.Server")
 
 public slots:
-    int ShowPage(const QDBusMessage& call)
-    {
-        m_call = call;
-        return 0;
-    }
+    void ShowPage(const QDBusMessage& call) { m_call = call; }
 
 private slots:
     void initTestCase() { QVERIFY(m_bus.registerObject("/", this, QDBusConnection::ExportAllSlots)); }
@@ -100,8 +89,7 @@ private slots:
         map["cacertPath"] = "ca";
         other = std::move(config);
         QCOMPARE(QVariantMap(ApplicationConfig(std::move(other))), map);
-        const ApplicationConfig odd({{"gid", "abc"}, {"name", 5}, {"desktopItems", QVariantList{1}}});
-        QVERIFY(odd.m_uid == 0 && odd.m_gid == 0 && odd.m_desktopItems.isEmpty() && odd.m_name == "5");
+        QCOMPARE(ApplicationConfig(QVariantMap()).m_uid, 0U);
     }
 
     void Pairs()
@@ -117,25 +105,20 @@ private slots:
     {
         ApplicationConfig config("pay");
         config.m_uid = config.m_gid = 4002;
-        // The failing function, whether the program counts as started, exit status of the child, record.
-        for (const QString row :
-             {"chdir 1 255 chdir( config.m_homeDir.toLatin1().data() )  errno  2",
-              "strdup 0 1 GetPosixParameters() memory allocation error",
-              "strdup 0 1 \"Start: Failed to execute child (Cannot allocate memory)\"",
-              "write 0 1 Start: Incorrect number of bytes read from pipe: 2",
-              "write 0 1 write( fd[ 1 ], &err, sizeof( err ) )  errno  5   Input/output"}) {
-            g_failing = row.section(' ', 0, 0).toLatin1();
-            config.m_homeDir = g_failing == "chdir" ? "/none" : "/";
-            const bool started = ProcessManager().StartProcess("/none 1", config);
-            g_failing.clear();
+        // Home, exit status of the child, record. Memory is short where there is a home.
+        for (const QString row : {"/none 255 chdir( config.m_homeDir.toLatin1().data() )  errno  2",
+                                  "/ 1 GetPosixParameters() memory allocation error",
+                                  "/ 1 \"Start: Failed to execute child (Cannot allocate memory)\""}) {
+            config.m_homeDir = row.section(' ', 0, 0);
+            g_hasMemory = config.m_homeDir != "/";
+            QCOMPARE(ProcessManager().StartProcess("/none 1", config), g_hasMemory);
+            g_hasMemory = true;
             int status = 0;
-            QVERIFY(waitpid(-1, &status, 0) > 0);
-            QCOMPARE(QString("%1 %2").arg(started).arg(WEXITSTATUS(status)), row.section(' ', 1, 2));
-            QVERIFY2(IsLogged(row.section(' ', 3).toLatin1()), qPrintable(row));
+            QVERIFY(waitpid(-1, &status, 0) > 0 && WEXITSTATUS(status) == row.section(' ', 1, 1).toInt());
+            QVERIFY2(IsLogged(row.section(' ', 2).toLatin1()), qPrintable(row));
         }
+        config.m_name = QString(256, 'n'); // too long for a directory of sockets
         QVERIFY(ProcessManager().StartProcess("", config));
-        config.m_name = QString(256, 'n');                  // too long for a directory
-        QVERIFY(ProcessManager().StartProcess("", config)); // without a socket
         config.m_fastCgi = true;
         QVERIFY(!ProcessManager().StartProcess("", config) && IsLogged("Failed to create socket dir dir"));
         QVERIFY(ProcessManager::TerminateProcess(1, 0) < 0 && IsLogged("TerminateProcess: invalid PID"));
