@@ -64,16 +64,11 @@ def restart(daemon):
     assert daemon.events(3) == ["({'return': <true>},)", "OnTerminate", "OnStarted"]
 
 
-def form(name):
-    put(f"/home/{name}/html/index.html")
-
-
 def test_publishing(own):
     install("pay", 4002), install("shop", 4003), put("/home/file")
     put("/run/www/html/gone/page"), put("/run/www/files/.old"), put("/run/www/kept")
     put("/run/www/cgi-bin/pay", "-> /elsewhere"), put("/run/sockets/stale")
-    daemon = own()
-    assert daemon.serving()
+    assert (daemon := own()).serving()
     for path in ("sockets", "www", *(f"www/{folder}" for folder in FOLDERS)):
         assert owner_and_mode(f"/run/{path}") == "0:0 777"
     for folder in FOLDERS:
@@ -118,8 +113,8 @@ def test_start_sequence(shared, browser):
 
 
 @pytest.mark.parametrize("name, page, address", [
-    ("pay", "./html/a//../index.html", "pay/index.html"), ("pay", "html/a b%1\xe4", "pay/a%20b%251%C3%A4"),
-    ("pay", "/home/pay/html/b/html/c", "pay/html/b/c"), ("pay", "html/a/b", "pay/a/b"),
+    ("pay", "./html/a//../index.html", "pay/index.html"), ("pay", "html/a b/%1\xe4", "pay/a%20b/%251%C3%A4"),
+    ("pay", "/home/pay/html/b/html/c", "pay/html/b/c"),
     ("n" * 40, "html/f", "n" * 40 + "/f"), ("n" * 41, "html/f", None), ("pay", "cgi-bin/f", None)])
 def test_page_addresses(shared, browser, name, page, address):
     install(name, 4002, f"<show_on_boot>{page}</show_on_boot>")
@@ -129,30 +124,26 @@ def test_page_addresses(shared, browser, name, page, address):
 
 
 BOOT, CGI = "<show_on_boot>html/index.html</show_on_boot>", "<cgi_bin_default>true</cgi_bin_default>"
-BROKEN = "<run_on_boot>bin/none</run_on_boot>" + BOOT + CGI
-TOO_MANY = f"Multiple applications have {CGI} configured. Only one is allowed."
+TOO_MANY = f"err StartApplication Multiple applications have {CGI} configured. Only one is allowed."
 
 
 # An application that does not start counts for the link, but not for the page.
 @pytest.mark.parametrize("applications, page, cgi, log", [
-    ({}, NO_APPS, None, []),
     ({"desktop": "", "pay": BOOT}, SHOW + "pay/index.html", None, []),
     ({"desktop": "", "pay": BOOT, "shop": BOOT}, SHOW + "desktop/index.html", None, []),
     ({"pay": "<show_on_boot>html/none</show_on_boot>"}, "", None, [
-        'PathToURI Requested form doesn\'t exist ( "/home/pay/html/none" ) errno: 2']),
+        'err PathToURI Requested form doesn\'t exist ( "/home/pay/html/none" ) errno: 2']),
     ({"pay": CGI, "shop": ""}, NO_APPS, "-> /home/pay/cgi-bin", []),
-    ({"pay": CGI, "shop": CGI}, NO_APPS, None, ["StartApplication " + TOO_MANY]),
-    ({"pay": BROKEN, "shop": BOOT}, SHOW + "shop/index.html", "-> /home/pay/cgi-bin",
-     ['StartApplication Failed to start application  "pay"'])])
+    ({"pay": CGI, "shop": CGI}, NO_APPS, None, [TOO_MANY]),
+    ({"pay": "<run_on_boot>bin/none</run_on_boot>" + BOOT + CGI, "shop": BOOT}, SHOW + "shop/index.html",
+     "-> /home/pay/cgi-bin", ['err StartApplication Failed to start application  "pay"'])])
 def test_boot_page(shared, browser, applications, page, cgi, log):
     for number, (name, conf) in enumerate(applications.items()):
-        install(name, 4001 + number, conf)
-        form(name)
+        install(name, 4001 + number, conf, **{"html_index.html": ""})
     put("/tmp/old/kept"), put(DEFAULT_CGI, "-> /tmp/old")
     restart(shared)
     assert pages() == [page] and content(DEFAULT_CGI) == cgi and content("/tmp/old/kept") == ""
-    assert [record for record in shared.log() if " StartProcess " not in record] == [
-        "err " + record for record in log]
+    assert [record for record in shared.log() if " StartProcess " not in record] == log
 
 
 def default(**more):
@@ -160,17 +151,14 @@ def default(**more):
 
 
 def test_default_page(shared, browser):
+    install("pay", 4002, bin_idle=SLEEP)
     for name in ("systemutils", "systemconfig", "productiontest", "desktop"):
-        form(name)
+        put(f"/home/{name}/html/index.html")
         assert default() == ({}, [f"{SHOW}{name}/index.html"])
     remove("/home/desktop/html/index.html"), os.mkdir("/home/desktop/html/index.html")
-    install("pay", 4002, bin_idle=SLEEP)
-    call("Applications.Enumerate")
     pay = {"application": "pay", "binary": "idle"}
     assert default(**pay) == ({"errorCode": 0}, [SHOW + "productiontest/index.html"])
-    assert default(**pay, default=False) == ({"errorCode": 0}, [])
-    nobody = {"errorCode": -1, "errorText": "Application  doesn't exist"}
-    assert default(default=False) == (nobody, []) and shared.events(0) == []
+    assert default(**pay, default=False) == ({"errorCode": 0}, []) and shared.events(0) == []
 
 
 def test_page_that_is_shown_once(shared, browser):
@@ -180,8 +168,7 @@ def test_page_that_is_shown_once(shared, browser):
     assert pages() == [SHOW + "platform/show_once.html"] and content(DEFAULT_CGI) is None
     assert shared.events(0) == [] and not processes("/home/pay/bin/idle") and os.path.exists(ONCE_FILE)
     for success in True, False:  # each load tries, until another page is asked for
-        put(ONCE_FILE)
-        loaded(success)
+        put(ONCE_FILE), loaded(success)
         assert wait(lambda: not os.path.exists(ONCE_FILE))
     put(ONCE_FILE), default(), loaded(True)
     assert pages() == [] and os.path.exists(ONCE_FILE)
@@ -190,10 +177,10 @@ def test_page_that_is_shown_once(shared, browser):
 # The last page that was asked for while there was no browser is shown, and only once.
 def test_browser_that_goes_and_returns(shared, browser):
     assert default()[1] == [NO_APPS]
-    for names, shows in ((), []), (("desktop", None), [NO_APPS]), ((), []):
+    for forms, shows in ((), []), (("", None), [NO_APPS]), ((), []):
         bus_call("ReleaseName", "s", BROWSER)
-        for name in names:
-            form(name) if name else remove("/home/desktop")
+        for form in forms:
+            put("/home/desktop/html/index.html", form)
             assert default()[1] == []
         bus_call("RequestName", "su", BROWSER, 0)
         assert pages() == shows
