@@ -7,13 +7,11 @@ import time
 import pytest
 
 from kx import (PATIENCE, SLEEP, call, content, install, natively, owner_and_mode, processes, put, remove,
-                status, wait)
+                rows, status, wait)
 
 IDLE, STARTED = "/home/pay/bin/idle", {"errorCode": 0}
 SHOW = "#!/bin/sh\nprintf '%s|' \"$0\" \"$@\" >$APP_TMP_DIR/shown\n"
-# Programs that stay when asked to end: one is stopped, one goes on as another process. A file tells that
-# they are ready.
-STOPPED = "#!/bin/sh\ntrap '' TERM\nsetsid sleep 900 &\ntouch $APP_TMP_DIR/ready\nkill -STOP $$\n"
+# A program that goes on as another process when it is asked to end. A file tells that it is ready.
 HYDRA = """#!/usr/bin/python3
 import ctypes, os, signal
 def be_another(*_):
@@ -30,20 +28,17 @@ def start(binary="idle", params="100", application="pay"):
     return call("Applications.Start", "a{sv}", request, seconds=2 * PATIENCE)
 
 
-def started(*programs):
-    return wait(lambda: [pid for program in programs for pid in processes(program)])
-
-
-# Rows of a table, whose columns are divided by bars.
-def rows(text):
-    return [re.split(r" *\| *", line.strip()) for line in text.strip().splitlines()]
+def started(program=IDLE):
+    return wait(lambda: processes(program))
 
 
 @pytest.fixture(autouse=True)
 def applications(shared):
     remove("/tmp/pay", "/shared", "/var/run/sockets")
-    install("pay", 4002, bin_idle=SLEEP, bin_plain="text", bin_show=SHOW, bin_out="-> /bin/sh",
-            bin_dangling="-> /none", bin2_idle=SLEEP)
+    install("shop", 4003, bin_idle=SLEEP), install("rooted", 0)
+    install("nobin", 4005), install("linked", 4005, bin="-> /home/pay/bin")
+    install("pay", 4002, bin_idle=SLEEP, bin_show=SHOW, bin_out="-> /bin/sh", bin_dangling="-> /none",
+            bin_hydra=HYDRA, bin2_idle=SLEEP)
     call("Applications.Enumerate")
     shared.log(), shared.events(0)
     yield
@@ -63,11 +58,8 @@ def applications(shared):
     pay    | private         | Failed to start /home/pay/bin/private -x binary
 """))
 def test_refusals(shared, application, binary, text):
-    install("nobin", 4005), install("linked", 4005, bin="-> /home/pay/bin")
-    install("rooted", 0, bin_mixed=SLEEP)
-    os.chown("/home/rooted/bin/mixed", 4002, 0), os.chmod("/home/pay/bin/plain", 0o655)
+    put("/home/rooted/bin/mixed", SLEEP, 4002, 0, 0o755), put("/home/pay/bin/plain", mode=0o655)
     put("/home/pay/bin/private", SLEEP, mode=0o700)
-    call("Applications.Enumerate")
     assert start(binary, "-x", application) == {"errorCode": -1, "errorText": text}
     assert shared.log()[-1] == f'err StartApplicationBinary "{text}"'
 
@@ -80,8 +72,7 @@ def test_identity(owner, group, binary, uid, gid):
     os.chown(IDLE, owner, group), os.chmod(IDLE, 0o755)
     put("/home/pay/bin/sub/alias", "-> ../idle")
     assert start(binary) == STARTED
-    pid, = started(IDLE, "/home/pay/bin2/idle")
-    seen = status(pid)
+    seen = status(*started("/home/pay/bin2/idle" if "bin2" in binary else IDLE))
     assert set(seen["Uid"].split()) == {str(uid)} and set(seen["Gid"].split()) == {str(gid)}
     assert set(map(int, seen["Groups"].split())) == {gid, *os.getgrouplist("pay", gid)}
     assert {seen[name] for name in ("CapInh", "CapPrm", "CapEff", "CapAmb")} == {"0" * 16}
@@ -91,19 +82,20 @@ def test_identity(owner, group, binary, uid, gid):
 @natively
 def test_steps_and_surroundings(shared):
     steps = "chdir,setgroups,prctl,setgid,setresgid,setuid,setresuid,setpgid,chdir,execve"
+    put(program := "/home/pay/bin/idl\xe9", SLEEP, mode=0o755)
     with shared.failing(steps, "delay_exit=1"):
-        assert start() == STARTED
+        assert start("idl\xe9") == STARTED
     assert re.findall(r"^\d+ +(\w+)\(", content("/tmp/strace"), re.M) == steps.split(",")
-    pid, = started(IDLE)
-    own, seen = (dict(entry.split("=", 1) for entry in content(f"/proc/{number}/environ").split("\0")[:-1])
-                 for number in (shared.pid, pid))
-    assert seen == own | {"APP_NAME": "pay", "APP_HOME_DIR": "/home/pay", "APP_TMP_DIR": "/tmp/pay",
-                          "APP_SHARED_DIR": "/shared", "HOME": "/home/pay", "OLDPWD": "/home/pay",
-                          "USER": "pay", "LOGNAME": "pay"}
+    pid, = started(program)
+    own, seen = (content(f"/proc/{number}/environ").split("\0")[:-1] for number in (shared.pid, pid))
+    variables = dict(entry.split("=", 1) for entry in own) | {
+        "APP_NAME": "pay", "APP_HOME_DIR": "/home/pay", "APP_TMP_DIR": "/tmp/pay", "HOME": "/home/pay",
+        "APP_SHARED_DIR": "/shared", "OLDPWD": "/home/pay", "USER": "pay", "LOGNAME": "pay"}
+    assert sorted(seen) == sorted("=".join(entry) for entry in variables.items())  # none twice
     assert os.readlink(f"/proc/{pid}/cwd") == "/home/pay" and os.getpgid(pid) == pid
     assert sorted(os.listdir(f"/proc/{pid}/fd")) == ["0", "1", "2"]
-    assert {status(pid)[name] for name in ("SigBlk", "SigCgt")} == {"0" * 16}
-    assert status(pid)["SigIgn"] == status(shared.pid)["SigIgn"]
+    assert [status(pid)[name] for name in ("SigBlk", "SigCgt", "SigIgn")] == [
+        "0" * 16, "0" * 16, status(shared.pid)["SigIgn"]]
 
 
 def test_parameters():
@@ -112,8 +104,6 @@ def test_parameters():
 
 
 def test_directories_are_prepared_once_in_a_row():
-    install("shop", 4003, bin_idle=SLEEP)
-    call("Applications.Enumerate")
     for application, prepared in ("pay", True), ("pay", False), ("shop", False), ("pay", True):
         remove("/tmp/pay")
         assert start("idle", "0", application) == STARTED and os.path.exists("/tmp/pay") == prepared
@@ -130,7 +120,7 @@ FATAL = "function  {}  errno  1   Operation not permitted  failed. Fatal error -
     fcntl | error=EIO:when=1 | refused | Failed to start application, fcntl errno= 5   Input/output error
     read | error=EIO | refused | "Start: Error reading from pipe (Input/output error)"
     ppoll | retval=0 | refused | "Start: Error reading from pipe (Connection timed out)"
-    execve | error=EACCES | refused | "Start: Failed to execute child (Permission denied)"
+    execve,close | error=EIO | refused | function  close( fd[ 1 ] )  errno  5   Input/output error
     execve | error=EACCES | refused | "Start: Failed to execute process (Permission denied) 13"
     setgroups | error=EPERM | runs | "Start: initgroups() call failed (Operation not permitted)"
     chdir | error=EIO:when=2 | runs | \
@@ -144,26 +134,22 @@ FATAL = "function  {}  errno  1   Operation not permitted  failed. Fatal error -
     setpgid | error=EPERM | ends | setpgid ( 0, 0 )
 """))
 def test_steps_that_fail(shared, syscall, how, outcome, record):
-    start("none")  # the directories are prepared, and the log is open
-    shared.log()
+    start("none"), shared.log()  # the directories are prepared, and the log is open
     with shared.failing(syscall, how):
-        assert start()["errorCode"] == (-1 if outcome == "refused" else 0)
+        assert start()["errorCode"] == -(outcome == "refused")
         assert wait(lambda: processes(IDLE) if outcome == "runs" else not processes(parent=shared.pid))
     assert "err StartProcess " + (FATAL.format(record) if outcome == "ends" else record) in shared.log()
 
 
-@pytest.mark.parametrize("obstacle, content, log", [
-    ("/tmp/pay", "-> /etc", ["CreateDirIfNeeded Failed to create dir =  20",
-                             "PrepareEnviornment Failed to create tmp dir"]),
-    ("/shared", "file", ["PrepareEnviornment Failed to create shared dir"])])
-def test_directories_that_cannot_be_prepared(shared, obstacle, content, log):
-    put(obstacle, content, 4002)
+@pytest.mark.parametrize("path, obstacle, name", [("/tmp/pay", "-> /etc", "tmp"), ("/shared", "", "shared")])
+def test_directories_that_cannot_be_prepared(shared, path, obstacle, name):
+    put(path, obstacle, 4002)
     assert start()["errorCode"] == -1 and owner_and_mode("/etc") == "0:0 755"
-    assert shared.log()[:-1] == ["err " + record for record in log]
+    assert shared.log()[-2] == f"err PrepareEnviornment Failed to create {name} dir"
 
 
 # A process that is not the daemon's child.
-def stray(uid, gid, sigterm):
+def stray(uid, gid, sigterm="default"):
     process = subprocess.Popen(["setpriv", f"--reuid={uid}", f"--regid={gid}", "--clear-groups", "env",
                                 f"--{sigterm}-signal=TERM", "sleep", "1000"])
     wait(lambda: content(f"/proc/{process.pid}/cmdline").startswith("sleep"))
@@ -172,10 +158,9 @@ def stray(uid, gid, sigterm):
 
 # The end of the child that obeys does not shorten the pause that the others have.
 def test_terminate_ends_applications_only(shared):
-    assert start() == STARTED and started(IDLE)
-    strays = {stray(*identity, "default"): end for *identity, end in (
-        (4000, 4000, -15), (4999, 4999, -15), (4001, 3999, None), (3999, 4000, None), (5000, 4000, None),
-        (4000, 5000, None))} | {stray(4001, 4002, "ignore"): -9}
+    assert start() == STARTED and started()
+    strays = {stray(4000, 4000): -15, stray(4999, 4999): -15, stray(4001, 4002, "ignore"): -9} | {
+        stray(*identity): None for identity in ((4001, 3999), (3999, 4000), (5000, 4000), (4000, 5000))}
     began = time.monotonic()
     call("Applications.Terminate")
     assert time.monotonic() - began >= 0.25 and shared.events(1) == ["OnTerminate"]
@@ -186,26 +171,23 @@ def test_terminate_ends_applications_only(shared):
 
 
 @natively
-def test_process_that_is_gone(shared):
+def test_process_that_is_gone_and_none_without_a_pause(shared):
     assert start() == STARTED
-    pid, = started(IDLE)
+    pid, = started()
     with shared.failing("kill", "error=ESRCH:when=1"):
         call("Applications.Terminate")
-    text = f'"TerminateProcess: kill() call failed for PID={pid} (No such process)"'
-    assert shared.log() == ["info TerminateProcess " + text]
+    assert shared.log() == [
+        f'info TerminateProcess "TerminateProcess: kill() call failed for PID={pid} (No such process)"']
+    with shared.failing("kill,clock_nanosleep", "error=EINVAL"):
+        call("Applications.Terminate")
+    assert content("/tmp/strace") == ""
 
 
-def test_child_that_is_no_application_is_waited_for(shared):
+# One of them is no application's, one becomes another process.
+def test_terminate_waits_for_all_children(shared):
     install("service", 4005, "<run_on_boot>bin/idle 1</run_on_boot>", group=100, bin_idle=SLEEP)
     call("Applications.Start", "a{sv}", {})
-    pid, = started("/home/service/bin/idle")
-    call("Applications.Terminate")
-    assert not os.path.exists(f"/proc/{pid}") and shared.log() == []
-
-
-@pytest.mark.parametrize("program", [STOPPED, HYDRA])
-def test_unruly_programs_end(shared, program):
-    put("/home/pay/bin/unruly", program, 4002, mode=0o755)
-    assert start("unruly") == STARTED and wait(lambda: os.path.exists("/tmp/pay/ready"))
+    assert started("/home/service/bin/idle") and start("hydra") == STARTED
+    assert wait(lambda: os.path.exists("/tmp/pay/ready"))
     call("Applications.Terminate", seconds=2 * PATIENCE)
-    assert not processes(parent=shared.pid) and wait(lambda: not processes("sleep"))
+    assert not processes(parent=shared.pid)
