@@ -96,7 +96,7 @@ def test_on_a_terminal(apps):
     apps.process.send_signal(signal.SIGSTOP)
     late, (status, out) = kxctl("apps", "--timeout", "1"), on_terminal("kxctl apps --timeout 3")
     apps.process.send_signal(signal.SIGCONT)
-    assert late[0] == status == 3 and re.search("waiting for the daemon….*did not answer in time", out, re.S)
+    assert late[0] == status == 3 and re.search("waiting for the daemon.*did not answer in time", out, re.S)
 
 
 @pytest.mark.parametrize("conf, problem", rows(r"""

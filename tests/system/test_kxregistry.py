@@ -16,7 +16,7 @@ def registry(*arguments, **options):
     get a                                    | 1 kxregistry: no key 'a'
     set '' x | 2 kxregistry: set: a key must not be empty; see kxregistry set --help
     set -- -x ''; get -- -x; set x -y; get x | 0 ¶-y
-    set b $'ü\ny\e[2J'; set a 1; set a x:=y; set c 1; delete c; delete c; list | 0 a=x:=y¶b=ü\u000ay\u001b[2J
+    set b $'ü\ny\e[2J'; set a 1; set a :=y; set c 1; delete c; delete c; list | 0 a=:=y¶b=ü\u000ay\u001b[2J
 """))
 def test_commands(commands, expected):
     status, out, err = run("bash", "-ec", "kxregistry " + commands.replace("; ", "; kxregistry "))

@@ -14,8 +14,8 @@ enum class Style { Bold = 1, Red = 31, Yellow = 33 };
 /// \return \a text in that style if \a stream is a terminal and the user wants colours (NO_COLOR, TERM)
 QString Styled(const QString& text, Style style, FILE* stream = stdout);
 
-/// \return \a text with control characters as \uXXXX: names and titles come from applications, which could
-///         otherwise send commands to an administrator's terminal
+/// \return \a text with control characters as \u and four digits: names and titles come from applications,
+///         which could otherwise send commands to an administrator's terminal
 QString Printable(const QString& text);
 
 /// Writes a line to standard output at once, as UTF-8 whatever the locale.
