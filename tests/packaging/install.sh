@@ -5,7 +5,7 @@ set -euo pipefail
 
 self=$(readlink -f "${BASH_SOURCE[0]}")
 source_dir=${self%/tests/*}
-packages=$(readlink -f "${1:?"the directory of the packages"}")
+packages=$(readlink -m "${1:?"the directory of the packages"}")
 if [[ ${2:-} != --inside ]]; then
     ls "$packages"/*.deb >/dev/null 2>&1 || { echo "no packages in $1; scripts/package makes them"; exit 77; } # skipped
     exec "$source_dir/scripts/sandbox" --packages --bind "$source_dir" --bind "$packages" -- "$self" "$packages" --inside
