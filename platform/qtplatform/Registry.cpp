@@ -45,7 +45,7 @@ QJsonObject Read()
 
 QVariant ValueOf(const QJsonObject& store, const QString& key)
 {
-    // An empty value is a text that is not null, unlike an absent key.
+    // The text of an empty value may be null, which callers would read as an absent key.
     return store.contains(key) ? QVariant("" + store.value(key).toVariant().toString()) : QVariant();
 }
 
@@ -124,7 +124,7 @@ void Registry::Private::ReportChanges()
     try {
         store = Read();
     } catch (const std::runtime_error&) {
-        return; // the next readable store tells
+        return; // reported with the next change that can be read
     }
     // A receiver may unsubscribe any key or delete the registry.
     const QPointer<Registry> owner(m_owner);

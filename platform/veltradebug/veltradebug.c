@@ -36,7 +36,7 @@ void VLS_PrintLog(int priority, const char* category, const char* tag, const cha
         text = NULL;
     }
     va_end(arguments);
-    /* Out of memory: the bare format still says what happened and where. */
+    /* Out of memory: file, function and line remain. */
     Send(priority, category, tag, file, function, line, text != NULL ? text : format);
     free(text);
     errno = saved;

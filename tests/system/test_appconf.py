@@ -96,6 +96,10 @@ def entity(length, uses, where="<a>{}</a>"):
     return document(where.format("&e;" * uses), f"<!ENTITY e '{'x' * length}'>")
 
 
+def group(levels):
+    return f"<!ELEMENT a {'(' * levels}b{')' * levels}>"
+
+
 REFERRING = "<!ENTITY a 'x'>", "<!ENTITY b '&a;'>"  # counts as 4096 characters
 MANY = [f"<!ENTITY e{n} 'x'>" for n in range(257)]
 
@@ -113,7 +117,9 @@ READ = {"resources": "/home/pay/r"}, []
     (entity(4096, 1024), READ), (entity(4096, 1025), NOTHING), (entity(4096, 1025, "<a b='{}'/>"), NOTHING),
     (document("&b;" * 1023, *REFERRING), READ), (document("&b;" * 1024, *REFERRING), NOTHING),
     (document("<p>&e;</p>", "<!ENTITY e SYSTEM '/etc/passwd'>", "<!ENTITY % p 'x'>"), READ),
-    (document("", "<!ELEMENT a ANY>" * 20000), READ),
+    (document("", "<!ELEMENT a ANY>" * 20000), READ), (document("", group(5000)), READ),
+    (document("", group(70000)), NOTHING),
+    (document("", f"<!ENTITY % p '{'(' * 2000}'>", f"<!ENTITY % q '<!ELEMENT a {'%p;' * 42}'>%q;"), NOTHING),
     (document("<a " + " ".join(f"a{n}='&nbsp;'" for n in range(30000)) + "/><x:y:z/><a b='1'c='2'/>"), READ),
     ("<?xml version='1.1'?>" + nested(1), READ), ("<?xml version='1.0' encoding='none'?>" + nested(1), READ),
 ])

@@ -22,8 +22,8 @@ namespace {
 
 constexpr auto kSource = "/pkgs/kx-core/src/server/dbus/DbusMonitor";
 
-/// Writes ut_tv.tv_sec where the C library and readers of the file expect it, as wide as the session before
-/// it. On a 32-bit machine built with 64 bits of time, the header's structure has ut_tv elsewhere.
+/// Writes ut_tv.tv_sec as readers of the file expect it: directly behind ut_session and of the same width.
+/// On a 32-bit machine built with 64 bits of time, the header's structure has ut_tv elsewhere.
 void SetTime(struct utmp& record, std::time_t now)
 {
     const auto seconds = static_cast<decltype(record.ut_session)>(now);

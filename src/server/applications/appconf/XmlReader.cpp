@@ -20,10 +20,17 @@ namespace {
 
 constexpr int kMaxDepth = 100;
 constexpr int kMaxEntities = 256;
+constexpr int kMaxGroups = 10000;
 constexpr qint64 kMaxExpansion = 4LL * 1024 * 1024;
 
 /// Qt's own bound on the expansion of nested entities, in characters.
 constexpr qint64 kNestedExpansion = 4096;
+
+/// Qt's reader calls itself for each "(" in the declaration of an element, and reports none of them.
+bool HasTooManyGroups(const QString& declarations)
+{
+    return declarations.count('(') > kMaxGroups;
+}
 
 /// Stands in front of the DOM's handlers and stops the reader where a file could harm the daemon.
 class LimitingHandler : public QXmlDefaultHandler {
@@ -53,6 +60,9 @@ public:
         const qint64 length = isNested ? std::max<qint64>(value.size(), kNestedExpansion) : value.size();
         if (m_references * length > kMaxExpansion) {
             return Refuse("entities could expand to too much text");
+        }
+        if (HasTooManyGroups(value)) {
+            return Refuse("too many groups in an entity");
         }
         return CountEntity() && m_declarations->internalEntityDecl(name, value);
     }
@@ -136,8 +146,9 @@ bool ParseXml(const QByteArray& xml, QDomDocument& document, XmlError* error)
     reader.setFeature("http://xml.org/sax/features/namespace-prefixes", true);
     reader.setFeature("http://trolltech.com/xml/features/report-whitespace-only-CharData", true);
     QDomDocument parsed;
-    XmlError reason;
-    if (!parsed.setContent(&source, &reader, &reason.text, &reason.line, &reason.column)) {
+    XmlError reason = {"too many groups in declarations of elements"};
+    if ((text.contains("<!ELEMENT") && HasTooManyGroups(text)) ||
+        !parsed.setContent(&source, &reader, &reason.text, &reason.line, &reason.column)) {
         if (error != nullptr) {
             *error = reason;
         }

@@ -21,8 +21,9 @@ struct XmlError {
 bool ReadConfigFile(const QString& path, QByteArray& content);
 
 /// Parses \a xml without namespace processing, keeping text that is only blanks. Elements nested deeper than
-/// 100 levels, more than 256 declarations of entities, and entities that could expand to more than 4 Mi
-/// characters count as not well-formed: the DOM reader would exhaust the stack, the memory or the time.
+/// 100 levels, more than 256 declarations of entities, entities that could expand to more than 4 Mi
+/// characters, and more than 10,000 "(" where elements are declared count as not well-formed: the DOM reader
+/// would exhaust the stack, the memory or the time.
 ///
 /// \param error  receives the reason of a failure; may be null
 /// \return false, with \a document untouched, when \a xml is not well-formed

@@ -31,8 +31,7 @@ constexpr struct timespec kExecTimeout = {10, 0};
 /// \return as read does; -1 with ETIMEDOUT when nothing arrives in time
 ssize_t ReadInTime(int fd, int& value)
 {
-    // An application could interrupt the wait for ever with the SIGCHLD of programs that it stops and
-    // continues.
+    // Any SIGCHLD would end the wait with EINTR.
     sigset_t all = {};
     sigfillset(&all);
     struct pollfd entry = {fd, POLLIN, 0};
