@@ -88,7 +88,7 @@ QDebug qEmerg()
 
 QString GetPrefix(const QString& file, const QString& function, int line, bool withTime)
 {
-    const QString name = file.split('/').last();
+    const QString name = file.mid(file.lastIndexOf('/') + 1);
     const QString number = QString::number(line);
     if (!withTime) {
         return QStringLiteral("%1|%2|%3|").arg(name, function, number);

@@ -102,7 +102,7 @@ QString NormalizeFilePath(const QString& path, const QString& homeDir)
     if (path.startsWith("./") || path.startsWith("~/")) {
         return QDir::cleanPath(homeDir + "/" + path.mid(2));
     }
-    if (path.startsWith("/")) {
+    if (path.startsWith('/')) {
         return QDir::cleanPath(path);
     }
     return QDir::cleanPath(homeDir + "/" + path);
@@ -124,7 +124,7 @@ bool RemoveFile(const QString& path)
 
 bool CreateDirIfNeeded(const QString& path, unsigned uid, unsigned gid, unsigned mode)
 {
-    if (!QDir(path).exists() && !QDir().mkpath(path)) {
+    if (!QFileInfo(path).isDir() && !QDir().mkpath(path)) {
         return false;
     }
     const UniqueFd dir = OpenDirectory(path);

@@ -51,7 +51,7 @@ void Server::valueChanged(const QString& key, const QString& value)
             return;
         }
         try {
-            const QString options = target.isEmpty() ? "" : " -L -R " + target;
+            const QString options = target.isEmpty() ? QString() : " -L -R " + target;
             const QString line = "SYSLOGD_OPTIONS=\"" + options + "\"\n";
             WriteToConfigFileAndRestart(kSyslogFile, line.toUtf8().constData());
         } catch (const std::exception& error) {

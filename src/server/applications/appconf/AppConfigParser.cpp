@@ -104,7 +104,7 @@ void Parser::ParseXMLRootNode(QDomNode& root, ApplicationConfig& config)
 
 void Parser::ReadElement(const QDomElement& element, ApplicationConfig& config)
 {
-    const QString tag = element.tagName();
+    const QByteArray tag = element.tagName().toUtf8();
     const QString text = element.firstChild().nodeValue().trimmed();
 
     for (const TextElement& simple : kTextElements) {

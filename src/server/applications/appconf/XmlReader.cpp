@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -127,12 +128,8 @@ bool ReadConfigFile(const QString& path, QByteArray& content)
     // Without blocking: an application could hold a lease on its file, which delays other openers by 45 s.
     const QByteArray link = "/proc/self/fd/" + QByteArray::number(handle.Get());
     const UniqueFd fd(open(link.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    QFile file;
-    if (!fd || !file.open(fd.Get(), QIODevice::ReadOnly)) {
-        return false;
-    }
-    content = file.read(info.st_size);
-    return content.size() == info.st_size;
+    content.resize(static_cast<int>(info.st_size));
+    return read(fd.Get(), content.data(), content.size()) == content.size();
 }
 
 bool ParseXml(const QByteArray& xml, QDomDocument& document, XmlError* error)

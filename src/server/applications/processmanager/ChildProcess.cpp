@@ -52,36 +52,27 @@ std::vector<gid_t> GroupsOf(const QByteArray& user, gid_t gid)
     return groups;
 }
 
-/// As setenv with overwrite.
-void Set(std::vector<QByteArray>& variables, const QByteArray& name, const QString& value)
-{
-    const QByteArray start = name + '=';
-    const auto found = std::find_if(variables.begin(), variables.end(),
-                                    [&](const QByteArray& variable) { return variable.startsWith(start); });
-    if (found != variables.end()) {
-        *found = start + value.toUtf8();
-    } else {
-        variables.push_back(start + value.toUtf8());
-    }
-}
-
+/// The application's variables, then what the daemon was started with but for those.
 std::vector<QByteArray> EnvironmentOf(const core::configuration::ApplicationConfig& config)
 {
-    std::vector<QByteArray> variables;
-    for (char** variable = environ; *variable != nullptr; ++variable) {
-        variables.emplace_back(*variable);
-    }
-    Set(variables, "APP_NAME", config.m_name);
-    Set(variables, "APP_HOME_DIR", config.m_homeDir);
-    Set(variables, "APP_TMP_DIR", config.m_tmpDir);
+    std::vector<QByteArray> variables{
+        "APP_NAME=" + config.m_name.toUtf8(),      "APP_HOME_DIR=" + config.m_homeDir.toUtf8(),
+        "APP_TMP_DIR=" + config.m_tmpDir.toUtf8(), "HOME=" + config.m_homeDir.toUtf8(),
+        "USER=" + config.m_userName.toUtf8(),      "OLDPWD=" + config.m_homeDir.toUtf8(),
+        "LOGNAME=" + config.m_userName.toUtf8(),   "APP_SHARED_DIR=/shared",
+    };
     if (config.m_fastCgi) {
-        Set(variables, "APP_FASTCGI_SOCKET", "/var/run/sockets/" + config.m_name + "/fcgi");
+        variables.push_back("APP_FASTCGI_SOCKET=/var/run/sockets/" + config.m_name.toUtf8() + "/fcgi");
     }
-    Set(variables, "HOME", config.m_homeDir);
-    Set(variables, "USER", config.m_userName);
-    Set(variables, "OLDPWD", config.m_homeDir);
-    Set(variables, "LOGNAME", config.m_userName);
-    Set(variables, "APP_SHARED_DIR", "/shared");
+    const std::vector<QByteArray> own = variables;
+    for (char** inherited = environ; *inherited != nullptr; ++inherited) {
+        const size_t nameLength = std::strcspn(*inherited, "=") + 1;
+        if (std::none_of(own.begin(), own.end(), [&](const QByteArray& variable) {
+                return std::strncmp(variable.constData(), *inherited, nameLength) == 0;
+            })) {
+            variables.emplace_back(*inherited);
+        }
+    }
     return variables;
 }
 
