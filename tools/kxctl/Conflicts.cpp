@@ -1,9 +1,13 @@
 #include "Conflicts.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <QStringList>
 
+#include <unistd.h>
+
 #include <array>
+#include <cerrno>
 
 namespace kxctl {
 namespace {
@@ -40,14 +44,18 @@ QVariantMap FindConflicts(const QVector<QVariantMap>& applications)
     return conflicts;
 }
 
-QString DefaultApplication()
+QVariant DefaultApplication()
 {
     for (const char* name : {"desktop", "productiontest", "systemconfig", "systemutils"}) {
-        if (QFileInfo(QStringLiteral("/home/%1/html/index.html").arg(name)).isFile()) {
+        const QString form = QStringLiteral("/home/%1/html/index.html").arg(name);
+        if (QFileInfo(form).isFile()) {
             return name;
         }
+        if (access(QFile::encodeName(form).constData(), F_OK) != 0 && errno == EACCES) {
+            return {};
+        }
     }
-    return {};
+    return "";
 }
 
 } // namespace kxctl

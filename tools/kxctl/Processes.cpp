@@ -1,5 +1,7 @@
 #include "Processes.h"
 
+#include "server/applications/processmanager/ProcessManager.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -42,6 +44,9 @@ Process ReadProcess(int pid)
 QVector<Process> ProcessesOf(uint uid)
 {
     QVector<Process> processes;
+    if (!core::applications::IsValidAppID(uid, uid)) {
+        return processes;
+    }
     for (const QFileInfo& entry : QDir("/proc").entryInfoList(QDir::Dirs)) {
         const int pid = entry.fileName().toInt();
         const Process process = pid > 0 && entry.ownerId() == uid ? ReadProcess(pid) : Process();
