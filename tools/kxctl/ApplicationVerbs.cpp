@@ -246,12 +246,6 @@ ExitStatus Home(const Request& request)
                 {{"application", application}, {"browser", hasBrowser}});
 }
 
-ExitStatus Stop(const Request& request)
-{
-    Wait(Daemon(request).applications.Terminate());
-    return Done(request, "all applications are stopped");
-}
-
 ExitStatus Restart(const Request& request)
 {
     Confirm(request, "Stop all applications and restart the terminal?");
@@ -280,7 +274,12 @@ std::vector<Verb> ApplicationVerbs()
          true},
         {"home", "show the default form", Home,
          "That is html/index.html of the first of desktop, productiontest, systemconfig and systemutils."},
-        {"stop", "stop all applications", Stop, "Returns when they have ended."},
+        {"stop", "stop all applications",
+         [](const Request& r) {
+             Wait(Daemon(r).applications.Terminate());
+             return Done(r, "all applications are stopped");
+         },
+         "Returns when they have ended."},
         {"restart",
          "stop all applications and restart the terminal",
          Restart,

@@ -54,18 +54,6 @@ ExitStatus Perform(const Request& request, SystemCallId id, const QVariantMap& a
     return cli::Success;
 }
 
-ExitStatus Reboot(const Request& request)
-{
-    Confirm(request, "Restart the operating system at once?");
-    return Perform(request, RebootCall);
-}
-
-ExitStatus PowerOff(const Request& request)
-{
-    Confirm(request, "Switch the terminal off at once?");
-    return Perform(request, PowerOffCall);
-}
-
 ExitStatus HardwareTest(const Request& request)
 {
     QVariantMap arguments;
@@ -181,10 +169,20 @@ std::vector<Verb> SystemVerbs()
     return {
         {"system reboot",
          "restart the operating system at once",
-         Reboot,
+         [](const Request& r) {
+             Confirm(r, "Restart the operating system at once?");
+             return Perform(r, RebootCall);
+         },
          "Does not have the applications stop first; 'kxctl restart' does.",
          {yes}},
-        {"system poweroff", "switch the terminal off at once", PowerOff, "", {yes}},
+        {"system poweroff",
+         "switch the terminal off at once",
+         [](const Request& r) {
+             Confirm(r, "Switch the terminal off at once?");
+             return Perform(r, PowerOffCall);
+         },
+         "",
+         {yes}},
         {"system hwtest",
          "run the hardware test",
          HardwareTest,
