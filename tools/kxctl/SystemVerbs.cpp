@@ -54,6 +54,18 @@ ExitStatus Perform(const Request& request, SystemCallId id, const QVariantMap& a
     return cli::Success;
 }
 
+ExitStatus Reboot(const Request& request)
+{
+    Confirm(request, "Restart the operating system at once?");
+    return Perform(request, RebootCall);
+}
+
+ExitStatus PowerOff(const Request& request)
+{
+    Confirm(request, "Switch the terminal off at once?");
+    return Perform(request, PowerOffCall);
+}
+
 ExitStatus HardwareTest(const Request& request)
 {
     QVariantMap arguments;
@@ -169,20 +181,10 @@ std::vector<Verb> SystemVerbs()
     return {
         {"system reboot",
          "restart the operating system at once",
-         [](const Request& r) {
-             Confirm(r, "Restart the operating system at once?");
-             return Perform(r, RebootCall);
-         },
+         Reboot,
          "Does not have the applications stop first; 'kxctl restart' does.",
          {yes}},
-        {"system poweroff",
-         "switch the terminal off at once",
-         [](const Request& r) {
-             Confirm(r, "Switch the terminal off at once?");
-             return Perform(r, PowerOffCall);
-         },
-         "",
-         {yes}},
+        {"system poweroff", "switch the terminal off at once", PowerOff, "", {yes}},
         {"system hwtest",
          "run the hardware test",
          HardwareTest,
