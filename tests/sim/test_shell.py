@@ -32,7 +32,7 @@ def leave(terminal):
                                         (["--fastcgi"], "listening on /var/run/sockets/hello/fcgi")])
 def test_the_page_on_writing_an_application(tmp_path, kind, says):
     page = (TOP / "docs/write-an-application.md").read_text().replace("/tmp/hello", str(tmp_path / "hello"))
-    new, _, app, *commands = re.findall(r"^    (.*?)(?: +#.*)?$", page, re.M)
+    new, app, *commands = re.findall(r"^    (.*?)(?: +#.*)?$", page, re.M)
     subprocess.run([TOP / new.split()[0], *new.split()[1:], *kind], check=True)
     terminal = boot(*app.split()[1:])
     answers = {"busybox wget": "<h1>Hello me</h1>", "desk shot": "/hello.png", "log": "hello: " + says}

@@ -201,7 +201,7 @@ Failure MissingProgram(const Request& request)
     const QDir bin(Find(Enumerate(request), name).value("homeDir").toString() + "/bin");
     const QString programs = bin.entryList(QDir::Files, QDir::Name).join(", ");
     return request.Misused(programs.isEmpty()
-                               ? QStringLiteral("needs a BINARY, and %1 has none to see").arg(name)
+                               ? QStringLiteral("needs a BINARY; none is found in %1").arg(bin.path())
                                : QStringLiteral("needs a BINARY of %1: %2").arg(name, programs));
 }
 
@@ -234,19 +234,16 @@ ExitStatus Start(const Request& request)
 ExitStatus Home(const Request& request)
 {
     Wait(Daemon(request).applications.Start({{"default", true}}));
-    const QString application = DefaultApplication();
+    const QVariant application = DefaultApplication();
     const bool hasBrowser = Bus().interface()->isServiceRegistered(kBrowserName);
-    const QString page = application.isEmpty()
-                             ? QStringLiteral("no application has a default form; a page that says so")
-                             : "the form html/index.html of " + application;
+    QString page = "the default form, which this account may not see,";
+    if (!application.isNull()) {
+        const QString name = application.toString();
+        page = name.isEmpty() ? "no application has a default form; a page that says so"
+                              : "the form html/index.html of " + name;
+    }
     return Done(request, page + (hasBrowser ? " is shown" : " is shown when a browser comes; none runs"),
                 {{"application", application}, {"browser", hasBrowser}});
-}
-
-ExitStatus Stop(const Request& request)
-{
-    Wait(Daemon(request).applications.Terminate());
-    return Done(request, "all applications are stopped");
 }
 
 ExitStatus Restart(const Request& request)
@@ -277,7 +274,12 @@ std::vector<Verb> ApplicationVerbs()
          true},
         {"home", "show the default form", Home,
          "That is html/index.html of the first of desktop, productiontest, systemconfig and systemutils."},
-        {"stop", "stop all applications", Stop, "Returns when they have ended."},
+        {"stop", "stop all applications",
+         [](const Request& r) {
+             Wait(Daemon(r).applications.Terminate());
+             return Done(r, "all applications are stopped");
+         },
+         "Returns when they have ended."},
         {"restart",
          "stop all applications and restart the terminal",
          Restart,

@@ -12,7 +12,8 @@ namespace kxctl {
 /// \return for the name of each concerned, the texts of what is wrong
 QVariantMap FindConflicts(const QVector<QVariantMap>& applications);
 
-/// \return the application whose form is the terminal's default, as the daemon chooses it; empty for none
-QString DefaultApplication();
+/// \return the application whose form is the terminal's default, as the daemon chooses it; "" for none, null
+///         when this account may not look
+QVariant DefaultApplication();
 
 } // namespace kxctl

@@ -1,5 +1,7 @@
 #include "Processes.h"
 
+#include "server/applications/processmanager/ProcessManager.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -42,9 +44,11 @@ Process ReadProcess(int pid)
 QVector<Process> ProcessesOf(uint uid)
 {
     QVector<Process> processes;
+    const bool isApplication = core::applications::IsValidAppID(uid, uid);
     for (const QFileInfo& entry : QDir("/proc").entryInfoList(QDir::Dirs)) {
         const int pid = entry.fileName().toInt();
-        const Process process = pid > 0 && entry.ownerId() == uid ? ReadProcess(pid) : Process();
+        const bool isTheirs = isApplication && pid > 0 && entry.ownerId() == uid;
+        const Process process = isTheirs ? ReadProcess(pid) : Process();
         if (process.pid != 0) {
             processes.append(process);
         }

@@ -17,7 +17,8 @@ struct Process {
 /// \return the process; with pid 0 when there is none
 Process ReadProcess(int pid);
 
-/// \return the processes of a user, by pid
+/// \return the processes of an application account, by pid; none of other users, root say, who run more than
+///         an application
 QVector<Process> ProcessesOf(uint uid);
 
 } // namespace kxctl

@@ -6,7 +6,7 @@
 #include "common/Output.h"
 
 #include <QDBusConnectionInterface>
-#include <QDBusInterface>
+#include <QDBusMessage>
 #include <QDBusReply>
 #include <QFileInfo>
 
@@ -31,12 +31,12 @@ QString Size(qint64 bytes)
     return QString::number(static_cast<double>(bytes) / kMebi, 'f', 1) + " MiB";
 }
 
-/// \return the address that the browser shows; empty when there is no browser or it does not say
+/// \return the address that the browser shows; empty when it does not say
 QString ShownPage(int timeout)
 {
-    QDBusInterface browser(kBrowserName, "/", "com.veltrasys.browser.Server", Bus());
-    browser.setTimeout(timeout);
-    const QDBusReply<QVariantMap> answer = browser.call("GetUrl");
+    const auto call =
+        QDBusMessage::createMethodCall(kBrowserName, "/", "com.veltrasys.browser.Server", "GetUrl");
+    const QDBusReply<QVariantMap> answer = Bus().call(call, QDBus::Block, timeout);
     return answer.isValid() ? Plain(answer.value().value("url")).toString() : QString();
 }
 
@@ -81,8 +81,11 @@ void PrintStatus(const QVariantMap& status)
                             daemon.value("age").toString(), Size(daemon.value("memory").toLongLong()))});
     table.Add({"version", daemon.value("version").toString() + " (installed)"});
     table.Add({"bus", daemon.value("bus").toString() + ", " + daemon.value("connection").toString()});
-    table.Add({"page", orNone(status.value("page").toString(), "not known")});
-    table.Add({"default form", orNone(status.value("default").toString(), "none")});
+    const char* const noPage = status.value("browser").toBool() ? "not known" : "no browser runs";
+    table.Add({"page", orNone(status.value("page").toString(), noPage)});
+    const QVariant form = status.value("default");
+    table.Add(
+        {"default form", orNone(form.toString(), form.isNull() ? "not for this account to see" : "none")});
     const QVariantMap conflicts = status.value("conflicts").toMap();
     for (auto conflict = conflicts.begin(); conflict != conflicts.end(); ++conflict) {
         for (const QString& text : conflict->toStringList()) {
@@ -118,7 +121,9 @@ ExitStatus Status(const Request& request)
     }
     status.insert("applications", applications);
     status.insert("conflicts", FindConflicts(records.toVector()));
-    status.insert("page", ShownPage(TimeoutOf(request)));
+    const bool hasBrowser = Bus().interface()->isServiceRegistered(kBrowserName);
+    status.insert("browser", hasBrowser);
+    status.insert("page", hasBrowser ? ShownPage(TimeoutOf(request)) : QString());
     if (request.IsSet("json")) {
         PrintJson(status);
     } else {

@@ -67,24 +67,14 @@ ExitStatus Report(const Request& request, int result, const QString& meaning)
     return cli::Success;
 }
 
-QString SetTimeFailure(int result)
-{
-    switch (result) {
-    case -1:
-        return "this is neither YYYY-MM-DD HH:MM:SS nor one half of it, or no valid time";
-    case -2:
-        return "the system clock could not be set";
-    case -3:
-        return "the clock is set, but /etc/time_offset could not be written";
-    default:
-        return "the present time could not be read";
-    }
-}
-
 ExitStatus SetTime(const Request& request)
 {
+    // For the results -1, -2, -3 and any other.
+    static const QStringList failures{
+        "this is neither YYYY-MM-DD HH:MM:SS nor one half of it, or no valid time",
+        "the system clock could not be set", "the clock is set, but /etc/time_offset could not be written"};
     const int result = Wait(Daemon(request).tools.SetSystemTime(request.arguments.first())).value();
-    return Report(request, result, SetTimeFailure(result));
+    return Report(request, result, failures.value(-result - 1, "the present time could not be read"));
 }
 
 ExitStatus ShowZone(const Request& request)
@@ -145,12 +135,6 @@ ExitStatus SetTimeInfo(const Request& request)
     return Report(request, result, result == 0 ? QString() : TimeInfoFailure(arguments.at(2)));
 }
 
-ExitStatus ResetTimeInfo(const Request& request)
-{
-    return Report(request, Wait(Daemon(request).tools.ResetTimeInfoSource()).value(),
-                  "the source was not reset");
-}
-
 ExitStatus SetVariable(const Request& request)
 {
     static const QRegularExpression identifier("^[A-Za-z_][A-Za-z0-9_]*$");
@@ -203,7 +187,11 @@ std::vector<Verb> TimeVerbs()
          "UTC is YYYY-MM-DD HH:MM:SS, or empty to leave the clock alone. A source does not overwrite what "
          "one\n"
          "before it in the list has set."},
-        {"timeinfo reset", "forget who set the time", ResetTimeInfo},
+        {"timeinfo reset", "forget who set the time",
+         [](const Request& r) {
+             return Report(r, Wait(Daemon(r).tools.ResetTimeInfoSource()).value(),
+                           "the source was not reset");
+         }},
         {"var set NAME VALUE",
          "store a variable for the boot scripts",
          SetVariable,

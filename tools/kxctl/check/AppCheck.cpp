@@ -4,6 +4,7 @@
 #include "Messages.h"
 #include "server/applications/appconf/AppConfigParser.h"
 #include "server/applications/appconf/XmlReader.h"
+#include "server/applications/processmanager/ProcessManager.h"
 
 #include <QDir>
 #include <QDomDocument>
@@ -11,7 +12,6 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -20,8 +20,6 @@ namespace {
 
 using core::configuration::Parser;
 
-constexpr unsigned kFirstAccount = 4000;
-constexpr unsigned kLastAccount = 4999;
 constexpr int kMaxNameLength = 40; ///< of an application whose pages have addresses
 
 void CheckName(Report& report)
@@ -46,7 +44,7 @@ void CheckOwner(Report& report)
     unsigned uid = 0;
     unsigned gid = 0;
     Parser::GetResourceUIDandGID(&report.directory, uid, gid);
-    if (std::min(uid, gid) < kFirstAccount || std::max(uid, gid) > kLastAccount) {
+    if (!core::applications::IsValidAppID(uid, gid)) {
         report.Add(Severity::Warning, {},
                    QStringLiteral("owned by %1:%2, which is no application account (4000 to 4999)")
                        .arg(QString::number(uid), QString::number(gid)));
@@ -109,6 +107,10 @@ void CheckPrograms(Report& report, const QString& folder, const QString& consequ
 Report CheckApplication(const QString& directory, const QString& name)
 {
     Report report{name, directory, {}, {}};
+    if (const QFileInfo folder(directory); !folder.isReadable() || !folder.isExecutable()) {
+        report.Add(Severity::Error, {}, "not checked: this account may not read it");
+        return report;
+    }
     CheckName(report);
     if (IsHome(report)) {
         CheckOwner(report);
