@@ -12,8 +12,8 @@ INTRODUCTION = """\
 # D-Bus interface
 
 For authors of programs that call the daemon: service `com.veltrasys.kx.core` on the system bus. Who may
-call what: [security.md](security.md). `scripts/dbus-api` makes this page from the XML files,
-which are installed in `/usr/share/dbus-1/interfaces`."""
+call what: [security.md](security.md). Made by `scripts/dbus-api` from the XML, installed in
+`/usr/share/dbus-1/interfaces`."""
 
 
 def text_of(comment):
@@ -36,16 +36,16 @@ def sections(node):
     if differing := texts.keys() ^ members.keys():
         sys.exit(f"{interface.get('name')}: no member or no description: {', '.join(differing)}")
     yield f"## `{node.get('name')}`, interface `{interface.get('name')}`"
-    table = ["| member | what it does | result |", "|-|-|-|"]
+    table, headed = ["| member | what it does |", "|-|-|"], []
     for name, member in members.items():
         text = texts[name][0].upper() + texts[name][1:]
         if "\n\n" in text:
-            yield f"### {member}\n\n{text}"
+            headed.append(f"### {member}\n\n{text}")
         else:
-            text, _, result = " ".join(text.split()).partition(" Result: ")
-            table.append(f"| {member} | {text} | {result} |")
+            table.append(f"| {member} | {' '.join(text.split())} |")
     if len(table) > 2:
         yield "\n".join(table)
+    yield from headed
 
 
 def main():
