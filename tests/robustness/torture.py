@@ -21,10 +21,11 @@ METHODS = [("Applications", "Start", "m"), ("System", "SystemCall", "im"), ("Too
            ("Tools", "SaveVariableValue", "ss"), ("Tools", "EnableAudiopayd", "b")]
 KEYS = ["application", "binary", "params", "default", "mode", "usbForceFullspeed", "dflt", "usbuid", "hubid",
         "newconf", "caching", "buffer-resp", "text", "command", "number", ""]
-TEXTS = ["", "pay", "stops", "desktop", "../../../bin/sh", "'\"`reboot`$(reboot);reboot\n|reboot&%1%s%n",
-         "\uffff", "💳\u0301\u202e", "2026-02-30 25:61:61", "Europe/../../../etc", "[[[*?\\", "enable", "2"]
+COMMAND = "$(reboot)'$(reboot)'"  # in quotes or not
+TEXTS = ["", "pay", "stops", "desktop", "../../../bin/sh", COMMAND, "\n%1%s%n", "\uffff", "💳\u0301\u202e",
+         "2026-02-30 25:61:61", "Europe/../../../etc", "[[[*?\\", "enable", "2"]
 VALUES = [GLib.Variant(kind, 7) for kind in "ynqiuxtd"] + [variant(text) for text in TEXTS] + [
-    GLib.Variant("o", "/a"), variant(b"x" * 1000000), variant({f"key{n}": "value" for n in range(5000)}),
+    GLib.Variant("o", "/a"), variant(["x" * 1000000]), variant({f"key{n}": "value" for n in range(5000)}),
     *(GLib.Variant.parse(None, text, None, None) for text in ("<" * 20 + "7" + ">" * 20, "[[[[<7>]]]]"))]
 NORMAL = [("Applications.Enumerate",), ("Applications.Start", "a{sv}", {"application": "nobody"}),
           ("System.SystemCall", "ia{sv}", 77, {}), ("Tools.SetSystemTime", "s", "yesterday"),
@@ -39,8 +40,9 @@ UNRULY = {"ignores": "trap '' TERM HUP INT; for i in 1 2 3 4 5 6 7 8 9; do sleep
 def message(chance):
     thing, member, kinds = chance.choice(METHODS)
     made = Gio.DBusMessage.new_method_call(SERVICE, f"/{thing}", f"{SERVICE}.{thing}", member)
-    options = {chance.choice(KEYS): variant(chance.choice([*VALUES, *TEXTS, "'" * 200000])) for _ in range(4)}
-    right = {"i": chance.randrange(95, 108), "b": True, "s": chance.choice(TEXTS), "m": options}
+    text, value = chance.choice(TEXTS), chance.choice([*VALUES, "'" * 200000])
+    options = dict.fromkeys(chance.sample(KEYS, 8), variant(chance.choice([COMMAND, text, value])))
+    right = {"i": chance.randrange(95, 108), "b": True, "s": text, "m": options}
     values = [chance.choice(VALUES) if chance.random() < 0.2 else variant(right[kind]) for kind in kinds]
     made.set_body(GLib.Variant.new_tuple(*values))
     return made
