@@ -8,9 +8,9 @@
 // In place of the platform's library: nothing of this is to reach a log.
 void VLS_PrintLog(int, const char*, const char*, const char*, const char*, int, const char*, ...) {}
 
-/// An input is a row of fields with tabs between them: a number, the begin, a part that is repeated so often, the
-/// middle, another such part, the end. That makes deep elements and large entities, which run out of stack,
-/// memory or time.
+/// An input is a row of fields with tabs between them: a number, the begin, a part that is repeated so often,
+/// the middle, another such part, the end. That makes deep elements and large entities, which run out of
+/// stack, memory or time.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     constexpr int kLargestPart = 512 * 1024;

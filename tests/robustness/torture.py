@@ -13,8 +13,7 @@ import time
 from gi.repository import Gio, GLib
 
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
-from kx import SERVICE, Daemon, Refused, call, calls, content, install  # noqa: E402
-from kx import processes, put, run, variant, wait  # noqa: E402
+from kx import SERVICE, Daemon, call, calls, content, install, processes, put, run, variant, wait  # noqa: E402
 
 METHODS = [("Applications", "Start", "m"), ("System", "SystemCall", "im"), ("Tools", "SetSystemTime", "s"),
            ("Tools", "SetTimeZone", "s"), ("Tools", "SetTimeInfo", "sss"), ("Tools", "Unknown", "sms"),
@@ -97,11 +96,10 @@ def killed(chance, end):
     kills, variables, both = 0, "/etc/rc.d/rc.platform.conf", [f'export MSG="{c * 3000}"\n' for c in "ab"]
     put(variables, both[0])
     while time.monotonic() < end or kills == 0:
-        daemon = Daemon()
-        assert daemon.serving()
+        daemon = Daemon().serving()
         call("Tools.ResetTimeInfoSource")
         threading.Timer(chance.random() * 0.05, daemon.process.kill).start()
-        with contextlib.suppress(Refused):
+        with contextlib.suppress(GLib.Error):
             while True:
                 call("Tools.SetTimeZone", "s", "")
                 call("Tools.ResetTimeInfoSource")
@@ -122,8 +120,7 @@ def vitals(daemon):
 
 # The attack with a daemon that must be the same afterwards.
 def survived(attack, *arguments):
-    daemon = Daemon()
-    assert daemon.serving()
+    daemon = Daemon().serving()
     before, tried = vitals(daemon), attack(*arguments)
     assert wait(lambda: vitals(daemon) == before), (before, vitals(daemon))
     assert daemon.end() == 0

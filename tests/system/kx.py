@@ -15,7 +15,7 @@ from gi.repository import Gio, GLib
 if not os.path.exists("/run/kx-private-root"):
     raise SystemExit("this kills processes and changes the system: run it with scripts/sandbox")
 
-SERVICE, PROGRAM = "com.veltrasys.kx.core", "/usr/sbin/kxcore"
+SERVICE, PROGRAM, BUS = "com.veltrasys.kx.core", "/usr/sbin/kxcore", "org.freedesktop.DBus"
 ANSWERS, LOG, REPORTS = "/run/standins/", "/var/log/messages", "/run/reports/"
 PATIENCE = 10 * float(os.environ.get("KX_TIME_FACTOR", 1))
 SLEEP = pathlib.Path("/usr/bin/sleep").read_bytes()
@@ -137,11 +137,11 @@ def status(pid):
 
 
 # Runs a program to its end: (status, output, errors).
-def run(*command, account=None, input=None, env=None):
+def run(*command, account=None):
     if account:
         command = ("setpriv", "--reuid", account, "--regid", account, "--init-groups") + command
-    done = subprocess.run(command, capture_output=True, text=True, timeout=2 * PATIENCE, input=input,
-                          stdin=None if input else subprocess.DEVNULL, env=env and {**os.environ, **env})
+    done = subprocess.run(command, capture_output=True, text=True, timeout=2 * PATIENCE,
+                          stdin=subprocess.DEVNULL)
     return done.returncode, done.stdout, done.stderr
 
 
@@ -156,25 +156,17 @@ def variant(value):
     return GLib.Variant(kinds[type(value)], value)
 
 
-class Refused(Exception):  # with the name of the error
-    pass
-
-
 # What is answered, plain; maps become maps of variants: call("System.SystemCall", "ia{sv}", 1, {})
-def call(target, signature="", *arguments, **options):
-    return call_raw(target, signature, *arguments, **options)[0]
-
-
-# The same with the signature of what is answered.
-def call_raw(target, signature="", *arguments, seconds=PATIENCE, service=SERVICE, path=None, interface=None):
+def call(target, signature="", *arguments, seconds=PATIENCE, service=SERVICE, interface=None):
     thing, member = target.rsplit(".", 1)
     values = tuple({key: variant(v) for key, v in a.items()} if isinstance(a, dict) else a for a in arguments)
-    try:
-        reply = bus.call_sync(service, path or "/" + thing, interface or f"{SERVICE}.{thing}", member,
-                              GLib.Variant(f"({signature})", values), None, 0, int(seconds * 1000), None)
-    except GLib.Error as error:
-        raise Refused(Gio.DBusError.get_remote_error(error) or error.message) from None
-    return (reply.unpack() or (None,))[0], reply.get_type_string()[1:-1]
+    reply = bus.call_sync(service, "/" + thing, interface or f"{SERVICE}.{thing}", member,
+                          GLib.Variant(f"({signature})", values), None, 0, int(seconds * 1000), None)
+    return (reply.unpack() or (None,))[0]
+
+
+def call_bus(method, signature="", *arguments):
+    return call("." + method, signature, *arguments, service=BUS, interface=BUS)
 
 
 def system(number, arguments=None):
@@ -201,13 +193,14 @@ class Daemon:
     # Whether one has started: its last object is there.
     @staticmethod
     def answers():
-        with contextlib.suppress(Refused):
-            return call("Tools.Introspect", interface="org.freedesktop.DBus.Introspectable")
+        with contextlib.suppress(GLib.Error):
+            return call("Tools.Introspect", interface=BUS + ".Introspectable")
 
     def serving(self):
         wait(lambda: self.process.poll() is not None or self.answers())
+        assert self.process.poll() is None, "the daemon has ended"
         self.events(0)
-        return self.process.poll() is None
+        return self
 
     # Its exit status.
     def end(self, signo=signal.SIGTERM):

@@ -40,7 +40,7 @@ def test_start_waits_until_it_is_done(own):
     for command in "apps", "start pay receipt", "restart --yes", "status", "monitor", "system web":
         assert kxctl(*command.split()) == (3, "", "kxctl: the daemon is not running\n")
     put("/home/platform/html/show_once.html")  # with which nothing is started
-    assert (daemon := own()).serving()
+    daemon = own().serving()
     assert matches(kxctl("start", "--wait", "--timeout", "1"), "3 kxctl: the applications were not started.*")
     put(marker := "/var/run/sockets/marker")
     starting = Popen(["kxctl", "start", "--wait"], stderr=PIPE, text=True)

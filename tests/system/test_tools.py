@@ -104,7 +104,7 @@ def test_same_zone_changes_nothing_and_records_have_its_time(clock):
         run("kxregistry", "set", SOURCE, "HUB"), clock.heard(0)
         assert call("Tools.SetTimeZone", "s", zone) == 0
         call("System.SystemCall", "ia{sv}", 42, {}), clock.log()
-        hour = run("date", "+%b %e %H:", env={"TZ": zone})[1].strip()
+        hour = run("env", "TZ=" + zone, "date", "+%b %e %H:")[1].strip()
         assert content("/var/log/messages").splitlines()[-2].startswith(hour)
     assert (stored(), clock.heard(0)) == ("HUB", [])
 
