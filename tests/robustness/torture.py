@@ -2,7 +2,6 @@
 # Prints a table of what was tried, and ends with the first attack that something was lost in.
 import concurrent.futures
 import contextlib
-import os
 import pathlib
 import random
 import signal
@@ -13,7 +12,7 @@ import time
 from gi.repository import Gio, GLib
 
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
-from kx import SERVICE, Daemon, call, calls, content, install, processes, put, run, variant, wait  # noqa: E402
+from kx import SERVICE, Daemon, call, calls, content, install, put, run, start, variant, wait  # noqa: E402
 
 METHODS = [("Applications", "Start", "m"), ("System", "SystemCall", "im"), ("Tools", "SetSystemTime", "s"),
            ("Tools", "SetTimeZone", "s"), ("Tools", "SetTimeInfo", "sss"), ("Tools", "Unknown", "sms"),
@@ -83,7 +82,7 @@ def unruly(chance, end):
     ended = 0
     while time.monotonic() < end:
         for name in chance.sample(sorted(UNRULY), 4):
-            call("Applications.Start", "a{sv}", {"application": "pay", "binary": name})
+            start(name)
         assert wait(lambda: run("pgrep", "-U", "4002", "-c", "-x", "sleep")[1] == "16\n")
         call("Applications.Terminate", seconds=25)
         assert wait(lambda: not run("pgrep", "-U", "4002")[1])  # killed ones may take a moment
@@ -114,8 +113,7 @@ def killed(chance, end):
 def vitals(daemon):
     for one in NORMAL:  # what they open stays open
         call(*one)
-    counts = {kind: len(os.listdir(f"/proc/{daemon.pid}/{kind}")) for kind in ("fd", "task")}
-    return {"children": processes(parent=daemon.pid), **counts}
+    return daemon.vitals()
 
 
 # The attack with a daemon that must be the same afterwards.

@@ -165,6 +165,11 @@ def call(target, signature="", *arguments, seconds=PATIENCE, service=SERVICE, in
     return (reply.unpack() or (None,))[0]
 
 
+def start(binary="idle", params="100", application="pay"):
+    request = {"application": application, "binary": binary, "params": params}
+    return call("Applications.Start", "a{sv}", request, seconds=2 * PATIENCE)
+
+
 def call_bus(method, signature="", *arguments):
     return call("." + method, signature, *arguments, service=BUS, interface=BUS)
 
@@ -212,6 +217,11 @@ class Daemon:
             for pid in processes(PROGRAM):
                 os.kill(pid, signal.SIGKILL)
             raise
+
+    # What must not grow: descriptors, threads, children.
+    def vitals(self):
+        kept = [len(os.listdir(f"/proc/{self.pid}/{kind}")) for kind in ("fd", "task")]
+        return kept, processes(parent=self.pid)
 
     # The records since the last time. A mark of our own tells that all are there.
     def log(self):

@@ -6,21 +6,16 @@ import signal
 
 import pytest
 
-from kx import SLEEP, call, content, install, natively, processes, put, remove, status, system, wait
+from kx import SLEEP, call, content, install, natively, processes, put, remove, start, status, system, wait
 
 VARIABLES, STARTED = "/etc/rc.d/rc.platform.conf", {"errorCode": 0}
 USB = {"mode": "serial", "usbForceFullspeed": "0", "dflt": "0", "usbuid": "0", "hubid": "hub"}
 
 
-def start(params="100"):
-    return call("Applications.Start", "a{sv}", {"application": "pay", "binary": "idle", "params": params})
-
-
-# What must be the same afterwards: descriptors (with the log's), threads, children, answers.
+# What must be the same afterwards.
 def state(daemon):
-    assert system(77) == {"return": -1}
-    return (len(os.listdir(f"/proc/{daemon.pid}/fd")), status(daemon.pid)["Threads"],
-            processes(parent=daemon.pid), call("Applications.Enumerate"))
+    assert system(77) == {"return": -1}  # after which the log is open
+    return daemon.vitals(), call("Applications.Enumerate")
 
 
 def resident(daemon):
@@ -31,7 +26,7 @@ def resident(daemon):
 def surroundings(shared):
     install("pay", 4002, "<home_button>html/a.html</home_button>", bin_idle=SLEEP)
     call("Applications.Enumerate")
-    assert start("0") == STARTED
+    assert start(params="0") == STARTED
     wait(lambda: not processes(parent=shared.pid))
     before = state(shared)
     yield
@@ -65,7 +60,7 @@ def test_no_descriptors(shared):
 @natively
 def test_children_that_end_at_once(shared):
     for _ in range(50):
-        start("1000")
+        start(params="1000")
     assert wait(lambda: len(processes("/home/pay/bin/idle")) == 50)
     os.kill(shared.pid, signal.SIGSTOP)
     for pid in processes("/home/pay/bin/idle"):
@@ -82,7 +77,7 @@ def test_memory_does_not_grow(shared):
         for _ in range(500):
             call("Applications.Enumerate")
         for _ in range(50):
-            start("0")
+            start(params="0")
     assert resident(shared) - before <= 512
     for megabytes in (2, 4, 6, 2):
         call("Applications.Start", "a{sv}", {"application": "x" * (megabytes << 20)})
