@@ -129,7 +129,6 @@ TOO_MANY = f"err StartApplication Multiple applications have {CGI} configured. O
     ({"desktop": "", "pay": BOOT, "shop": BOOT}, SHOW + "desktop/index.html", None, []),
     ({"pay": "<show_on_boot>html/none</show_on_boot>"}, "", None, [
         'err PathToURI Requested form doesn\'t exist ( "/home/pay/html/none" ) errno: 2']),
-    ({"pay": CGI, "shop": ""}, NO_APPS, "-> /home/pay/cgi-bin", []),
     ({"pay": CGI, "shop": CGI}, NO_APPS, None, [TOO_MANY]),
     ({"pay": "<run_on_boot>bin/none</run_on_boot>" + BOOT + CGI, "shop": BOOT}, SHOW + "shop/index.html",
      "-> /home/pay/cgi-bin", ['err StartApplication Failed to start application  "pay"'])])

@@ -3,12 +3,12 @@ import time
 
 import pytest
 
-from kx import calls, content, natively, processes, put, system, wait
+from kx import calls, natively, put, system
 from operation import RESTARTED, Case
 
 KERNELS, POWEROFF = "/etc/platform/settings/L2KernelsVersion", "/tmp/kxcore_poweroff"
 PIDOF, RESTART = ["pidof sredd", "pidof sredd2", "pidof sredd3"], ["34-sredd restart"]
-KEYPAD, HWTEST = "/sys/kernel/keypad/kbdreset", "/sred/root/hwtest/hwtest"
+KEYPAD = "/sys/kernel/keypad/kbdreset"
 IIO = "/sys/bus/iio/devices/iio:device"
 BOARD = {"0/name": "accelerometer\n", "2/name": "4003b000.adc\n", "2/in_voltage8_raw": "2048\n",
          "2/in_voltage_scale": "0.805664\n", "4/name": "400cc000.dac\n", "4/out_voltage_raw": "7\n"}
@@ -71,8 +71,7 @@ def refused(name, arguments, text, before={}, after={}):
          log=[f"err DoSetL2KernelsVersion Write to {KERNELS} error: *"]),
     *(Case(f"kernels: {text!r} refused", 102, {"number": text}, -1, [], [INVALID],
            before={KERNELS: "1\n"}, after={KERNELS: "1\n"})
-      for text in ("", "0", "-1", "2x", "0x2", "2;reboot", "$(reboot)", " 2", "+2", "4294967298", "\u0662",
-                   "\n2", "2\n", "\xa02", ["2", "3"])),
+      for text in ("", "0", "-1", "0x2", "2;reboot", "$(reboot)", " 2", "+2", "2\n", "\xa02", ["2", "3"])),
     Case("kernels: too many", 102, {"number": "4"}, -1, [], [INVALID[:-1] + " 4"]),
 
     battery("measured", {}, MEASURED, "0\n"),
@@ -107,13 +106,6 @@ def test_battery_circuit_that_does_not_open_again(shared):
     case = battery("", {}, MEASURED, "3300\n")
     with shared.failing("openat", "error=EIO:when=9"):  # five names, on, two readings, off
         assert case.seen(shared) == case.expected
-
-
-def test_hardware_test_is_not_waited_for(shared):
-    program = content(HWTEST)
-    put(HWTEST, "#!/bin/sh\nexec sleep 9\n", mode=0o755)
-    assert system(98) == {"return": 0} and wait(lambda: processes("sleep"))
-    put(HWTEST, program, mode=0o755)
 
 
 def test_hardware_test_gets_its_page(shared):
