@@ -1,7 +1,7 @@
 # What follows the registry: options of syslog, hub identifier, wake-on-WLAN.
 import pytest
 
-from kx import answer, calls, content, put, run, wait
+from kx import answer, calls, content, natively, owner_and_mode, put, run, wait
 
 HUB_ID, SYSLOG, SECURE = "/etc/platform/sys/hubID", "/etc/sysconfig/syslog", "/sys/kernel/secure/"
 TARGET, WAKE = "%platform.syslog.remoteIP:port", "%network.wifi.phy.wakeup_on_magic"
@@ -68,6 +68,16 @@ def test_follows_the_registry(own, key, value, before, answers, called, log, aft
     assert calls(len(called + more)) == called + more
     assert [record[:len(text)] for record, text in zip(daemon.log(), log, strict=True)] == log
     assert {name: state(name) for name in after} == after
+
+
+@natively
+def test_refused_target_reaches_no_file(own):
+    daemon = own().serving()
+    with daemon.failing("write", "delay_exit=1"):
+        registry(**{TARGET: "256.1.1.1:514"})
+        assert calls(2) == RESTART * 2
+    assert "-R" not in content("/tmp/strace")
+    assert (owner_and_mode("/etc/sysconfig"), owner_and_mode(SYSLOG)) == ("0:0 755", "0:0 644")
 
 
 OFF = "WoWLAN is disabled.\n"

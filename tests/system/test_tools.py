@@ -53,9 +53,8 @@ def stored():
 
 
 @pytest.mark.parametrize("zone, text, seconds", [
-    ("UTC", NOON, 1715953500), ("UTC", "2024-05-17", 1715984000), ("Asia/Tokyo", "12:30:00", 1700019000),
-    (BERLIN, "2024-07-01 12:00:00", 1719828000), (BERLIN, "2024-01-15 12:00:00", 1705316400),
-    ("UTC", "2024-02-30", 1709331200), ("UTC", "2024-5-17 13:45:00x", 1715953500)])
+    ("UTC", "2024-05-17", 1715984000), ("Asia/Tokyo", "12:30:00", 1700019000),
+    ("UTC", "2024-02-30", 1709331200), (BERLIN, "2024-7-01 12:00:00x", 1719828000)])
 def test_clock_is_set_from_text(clock, zone, text, seconds):
     put(LINK, "-> " + ZONES + zone)
     assert call("Tools.SetSystemTime", "s", text) == 0 and shows(seconds)
@@ -90,9 +89,8 @@ def test_time_that_cannot_be_stored(clock):
 
 
 @pytest.mark.parametrize("before, zone, after", [
-    (None, BERLIN, BERLIN), (ZONES + BERLIN, "Asia/Tokyo", "Asia/Tokyo"), ("/nowhere", BERLIN, BERLIN),
-    ("file", "UTC", "Etc/UTC"), (None, "Asia/../Europe/Berlin", BERLIN), (ZONES + BERLIN, "", None),
-    ("file", "", None), (None, "", None)])
+    (None, "Asia/../Europe/Berlin", BERLIN), ("/nowhere", BERLIN, BERLIN), ("file", "UTC", "Etc/UTC"),
+    (ZONES + BERLIN, "", None), ("file", "", None), (None, "", None)])
 def test_zone_link(clock, before, zone, after):
     put(LINK, before and ("-> " + before if before[0] == "/" else before))
     assert call("Tools.SetTimeZone", "s", zone) == 0 and content(LINK) == (after and "-> " + ZONES + after)
