@@ -195,11 +195,11 @@ class Daemon:
             SERVICE, None, None, None, None, 0,
             lambda *signal: self.signals.append((signal[4], signal[5].unpack())))
 
-    # Whether one has started: its last object is there.
+    # Whether one has started: its last object serves a method; the bus library introspects earlier.
     @staticmethod
     def answers():
         with contextlib.suppress(GLib.Error):
-            return call("Tools.Introspect", interface=BUS + ".Introspectable")
+            return call("Tools.IsAudiopaydEnabled") is not None
 
     def serving(self):
         wait(lambda: self.process.poll() is not None or self.answers())

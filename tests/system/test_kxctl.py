@@ -41,7 +41,8 @@ def test_start_waits_until_it_is_done(own):
         assert kxctl(*command.split()) == (3, "", "kxctl: the daemon is not running\n")
     put("/home/platform/html/show_once.html")  # with which nothing is started
     daemon = own().serving()
-    assert matches(kxctl("start", "--wait", "--timeout", "1"), "3 kxctl: the applications were not started.*")
+    short = "--timeout", str(int(PATIENCE / 10))
+    assert matches(kxctl("start", "--wait", *short), "3 kxctl: the applications were not started.*")
     put(marker := "/var/run/sockets/marker")
     starting = Popen(["kxctl", "start", "--wait"], stderr=PIPE, text=True)
     assert wait(lambda: content(marker) is None) and daemon.end() == 0

@@ -5,7 +5,7 @@ import time
 
 import pytest
 
-from kx import SLEEP, call, calls, install, processes, put, remove, wait
+from kx import PATIENCE, SLEEP, call, calls, install, processes, put, remove, wait
 
 SCHEDULED = "info Restart Terminal restart is scheduled"
 UNANSWERED = 'err SendStopToApp curl  "http://localhost/cgi-bin/%s/stop" returned  %d'
@@ -36,7 +36,7 @@ def test_asks_every_application(own, web_server):
     assert wait(lambda: processes("/home/shop/bin/idle"))
     install("mute", 4005)  # new, and without a stop program, which is no error
     begin = time.monotonic()
-    assert call("Applications.Restart", "s", "tomorrow", seconds=1) is None
+    assert call("Applications.Restart", "s", "tomorrow", seconds=PATIENCE / 10) is None
     assert wait(calls) == ["reboot"] and 2 < time.monotonic() - begin
     assert web_server() == [f"GET /cgi-bin/{name}/stop HTTP/1.1" for name in ("mute", "pay", "shop")]
     assert daemon.events(1) == ["OnTerminate"] and not processes("/home/shop/bin/idle")
