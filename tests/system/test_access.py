@@ -5,8 +5,7 @@ import re
 
 import pytest
 
-from kx import (BUS, PATIENCE, SERVICE, Gio, GLib, bus, call, call_bus, calls, content, put, run, variant,
-                wait)
+from kx import BUS, PATIENCE, SERVICE, Gio, GLib, bus, call, call_bus, calls, content, put, run, wait
 
 ACCOUNTS = ["pay", "clerk", "admin", "root"]  # from the least trusted on; each may what those before it may
 BROWSER = "com.veltrasys.browser.Server"
@@ -14,7 +13,7 @@ DENIED, UNKNOWN = BUS + ".Error.AccessDenied", BUS + ".Error.UnknownObject"
 STANDARD = {"Introspect": BUS + ".Introspectable", "Ping": BUS + ".Peer", "GetAll": BUS + ".Properties"}
 # Arguments that change nothing where that is possible, by their types.
 ARGUMENTS = {"": (), "s": (SERVICE + ".System",), "ss": ("NAME", "value"), "sss": ("", "", "none"),
-             "b": (True,), "a{sv}": ({"application": variant("none")},), "ia{sv}": (1, {})}
+             "b": (True,), "a{sv}": ({"application": GLib.Variant("s", "none")},), "ia{sv}": (1, {})}
 # Every method there is: the first who may, object, method, types of the arguments and of what is answered.
 METHODS = [(first, *found) for first, text in (
     ("pay", ".Introspect() -> s, System.Introspect() -> s, System.Ping() ->"),
