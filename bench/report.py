@@ -1,0 +1,234 @@
+"""Makes the page, the plot and the tables from the figures of measure.py. Run by scripts/bench."""
+
+import argparse
+import collections
+import csv
+import pathlib
+import platform
+import re
+import statistics
+import subprocess
+import sys
+import time
+
+TOP = pathlib.Path(__file__).resolve().parent.parent
+
+# Goal, what is measured, what it is compared with (nothing: the number itself counts), at most, and why it is
+# missed if it is. A series is case/series/variant; medians may be added and subtracted.
+GOALS = (
+    ("round trip of the cheapest call, over bare QtDBus",
+     "round-trip/kxcore", "round-trip/bare QtDBus", 1.05,
+     "the generated adaptor looks the slot up by name a second time"),
+    ("launch, over fork and exec from bare QtDBus",
+     "launch/kxcore", "launch/bare QtDBus", 1.15,
+     "the daemon also checks program and account and prepares directories and environment"),
+    ("launch, half of dbus-daemon's activation",
+     "launch/kxcore", "launch/dbus-daemon", 0.5,
+     "fork and exec from bare QtDBus come close to that half by themselves"),
+    ("launch, ahead of runit",
+     "launch/kxcore", "launch/runit", 1, "a process with Qt and libcurl takes longer to fork"),
+    ("launch, ahead of s6", "launch/kxcore", "launch/s6", 1, ""),
+    ("launch, ahead of supervisord", "launch/kxcore", "launch/supervisord", 1, ""),
+    ("name owned with 10 applications, over bare QtDBus",
+     "start-up/kxcore, name owned/10", "start-up/bare QtDBus, name owned/10", 1.15,
+     "the daemon has more libraries to load"),
+    ("memory written to when idle, over bare QtDBus",
+     "memory/kxcore, idle, written/0", "memory/bare QtDBus, idle, written/0", 1.3,
+     "the daemon has more libraries to relocate"),
+    ("`Enumerate` of 10 applications, over floor and answer",
+     "enumerate/kxcore/10", "enumerate/floor/10 + enumerate/answer/10", 1.5,
+     "Qt's DOM takes longer than libxml2, and records are made of its nodes and maps of the records"),
+    ("`Enumerate` of 100 applications, over floor and answer",
+     "enumerate/kxcore/100", "enumerate/floor/100 + enumerate/answer/100", 1.5, "as with 10"),
+    ("`Enumerate` is linear: 1,000 applications over 100, without their account look-ups",
+     "enumerate/kxcore/1000 - enumerate/account look-ups/1000",
+     "enumerate/kxcore/100 - enumerate/account look-ups/100", 11.5, ""),
+    ("end of 100 programs beyond the pause, over the kernel's own time",
+     "termination/kxcore beyond the pause/100", "termination/kernel/100", 1.2,
+     "the daemon also looks at the owners of all processes, twice"),
+    ("wake-ups when idle", "idle/kxcore, wake-ups/10", None, 0, ""),
+    ("system calls when idle", "idle/kxcore, system calls/10", None, 0, ""),
+    ("growth of the memory written to, from call 10,000 to 20,000",
+     "memory/kxcore, growth with as many again/100", None, 64, ""),
+)
+
+
+def number(value):
+    """Three digits that mean something."""
+    digits = 0 if abs(value) >= 100 or value == int(value) else 1 if abs(value) >= 10 else 2
+    return f"{value:.{digits}f}"
+
+
+class Figures:
+    def __init__(self, path):
+        self.series = collections.defaultdict(dict)
+        with open(path, newline="") as file:
+            for row in csv.DictReader(file):
+                key = "/".join(filter(None, (row["case"], row["series"], row["variant"])))
+                self.series[key][row["round"]] = row
+        self.rounds = sorted({number for rows in self.series.values() for number in rows})
+
+    def has(self, expression):
+        return all(key in self.series for key in re.split(r" [+-] ", expression or ""))
+
+    def value(self, expression, of_round):
+        """The sum of the medians, with their signs."""
+        terms = re.findall(r"(?:^| ([+-]) )(.+?)(?= [+-] |$)", expression)
+        return sum(float(f"{sign}1") * float(self.series[key][of_round]["median"]) for sign, key in terms)
+
+    def mean(self, key, column="median"):
+        return statistics.mean(float(row[column]) for row in self.series[key].values())
+
+    def text(self, key):
+        unit = next(iter(self.series[key].values()))["unit"]
+        return number(self.mean(key)) + f" {unit}".rstrip()
+
+    def spread(self, key):
+        rows = self.series[key].values()
+        if all(row["n"] == "1" for row in rows):
+            return ""
+        return f"{number(self.mean(key, 'p10'))} to {number(self.mean(key, 'p90'))}"
+
+    def described(self, expression):
+        """Median and spread, of a sum the median alone."""
+        if expression in self.series:
+            spread = self.spread(expression)
+            return self.text(expression) + (f" ({spread})" if spread else "")
+        value = statistics.mean(self.value(expression, of_round) for of_round in self.rounds)
+        return number(value) + " ms"
+
+    def differences(self):
+        """By how much the first and the last round differ, for each series of several figures."""
+        for key, rows in self.series.items():
+            first, last = (float(rows[of_round]["median"]) for of_round in (self.rounds[0], self.rounds[-1]))
+            if int(rows[self.rounds[0]]["n"]) > 1:
+                yield abs(first - last) / ((first + last) / 2), key
+
+
+def goals(figures):
+    yield "| goal | measured (10 % to 90 %) | reference | ratio, and of each round | at most | |"
+    yield "|---|---|---|---|---|---|"
+    for text, measured, reference, limit, reason in GOALS:
+        if not figures.has(measured) or reference and not figures.has(reference):
+            continue
+        if reference:
+            ratios = [figures.value(measured, one) / figures.value(reference, one) for one in figures.rounds]
+        else:
+            ratios = [figures.value(measured, one) for one in figures.rounds]
+        ratio = statistics.mean(ratios)
+        verdict = "met" if ratio <= limit else "**missed**" + (f": {reason}" if reason else "")
+        shown = f"**{ratio:.2f}** ({', '.join(f'{one:.2f}' for one in ratios)})" if reference else ""
+        beside = figures.described(reference) if reference else ""
+        yield f"| {text} | {figures.described(measured)} | {beside} | {shown} | {limit} | {verdict} |"
+
+
+def peers(figures):
+    yield "| launched by | ms | 10 % to 90 % | kxcore takes |\n|---|---:|---:|---:|"
+    daemon = figures.mean("launch/kxcore")
+    for key in sorted((key for key in figures.series if key.startswith("launch/")), key=figures.mean):
+        median = figures.mean(key)
+        yield f"| {key.split('/')[1]} | {number(median)} | {figures.spread(key)} | {daemon / median:.2f} x |"
+
+
+def everything(figures):
+    yield "| | median | 10 % to 90 % |\n|---|---:|---:|"
+    for key in figures.series:
+        yield f"| {key} | {figures.text(key)} | {figures.spread(key)} |"
+
+
+def plot(figures):
+    """Two bars for each number of applications: the daemon, and what it is compared with in layers."""
+    counts, base, height = (10, 100, 1000), 270, 210
+    bars = []  # x, layers of (class, µs per application)
+    for at, count in enumerate(counts):
+        def per_application(series):
+            return figures.mean(f"enumerate/{series}/{count}") * 1000 / count
+        look_ups = per_application("account look-ups")
+        bars.append((90 + 190 * at, [("kxcore", per_application("kxcore"))]))
+        bars.append((160 + 190 * at, [("look-ups", look_ups),
+                                      ("floor", per_application("floor") - look_ups),
+                                      ("answer", per_application("answer"))]))
+    scale = height / max(sum(value for _, value in layers) for _, layers in bars)
+    yield """<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 640 330"
+  font-family="sans-serif" font-size="13">
+<style>
+text { fill: #333 } .axis { stroke: #888 } .kxcore { fill: #2f81f7 } .look-ups { fill: #d29922 }
+.floor { fill: #8b949e } .answer { fill: #3fa650 }
+@media (prefers-color-scheme: dark) { text { fill: #ddd } }
+</style>
+<text x="20" y="24">Enumerate: µs for each application</text>"""
+    for x, layers in bars:
+        y = base
+        for name, value in layers:
+            y -= value * scale
+            yield f'<rect class="{name}" x="{x}" y="{y:.1f}" width="60" height="{value * scale:.1f}"/>'
+        total = sum(value for _, value in layers)
+        yield f'<text x="{x + 30}" y="{y - 6:.1f}" text-anchor="middle">{total:.0f}</text>'
+    yield f'<line class="axis" x1="60" y1="{base}" x2="620" y2="{base}"/>'
+    for at, count in enumerate(counts):
+        yield f'<text x="{155 + 190 * at}" y="{base + 20}" text-anchor="middle">{count:,} applications</text>'
+    for x, name, text in ((60, "kxcore", "kxcore"), (160, "look-ups", "account look-ups"),
+                          (310, "floor", "rest of the floor"), (460, "answer", "answer of bare QtDBus")):
+        yield f'<rect class="{name}" x="{x}" y="{base + 38}" width="12" height="12"/>'
+        yield f'<text x="{x + 18}" y="{base + 49}">{text}</text>'
+    yield "</svg>"
+
+
+def machine(figures):
+    def output(*command):
+        return subprocess.run(command, capture_output=True, text=True, cwd=TOP).stdout.strip()
+    model = re.search(r"^model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text(), re.M)
+    loads = (number(float(row["median"])) for row in figures.series["machine/load"].values())
+    packages = ("dbus", "libqt5dbus5", "libsystemd0", "libxml2", "runit", "s6", "supervisor")
+    yield (f"- Machine: {model[1] if model else platform.machine()}, {output('nproc')} processors; Linux "
+           f"{platform.release()}; load when the rounds began: {', '.join(loads)}")
+    yield f"- Build: {output('git', 'describe', '--always', '--dirty')}, preset `bench`, stripped"
+    yield f"- {output('dpkg-query', '-W', '-f', '${Package} ${Version}, ', *packages).rstrip(',')}"
+    differences = sorted(figures.differences())
+    most, series = differences[-1]
+    yield (f"- Half of all medians differ by less than {statistics.median(differences)[0]:.1%} between the "
+           f"rounds; {series} differs most, by {most:.1%}")
+
+
+def page(figures):
+    """page.md with parts and medians filled in."""
+    parts = {"date": [time.strftime("%Y-%m-%d")], "goals": goals(figures), "peers": peers(figures),
+             "machine": machine(figures)}
+    return re.sub(r"\{(.+?)\}",
+                  lambda match: "\n".join(parts[match[1]]) if match[1] in parts else figures.text(match[1]),
+                  (TOP / "bench/page.md").read_text())
+
+
+def footprint(figures):
+    keys = [key.split("/") for key in figures.series if key.startswith("footprint/")]
+    architectures = list(dict.fromkeys(key[2] for key in keys))
+    yield "| | " + " | ".join(architectures) + " |\n|---|" + "---:|" * len(architectures)
+    for name in dict.fromkeys(key[1] for key in keys):
+        values = (figures.text(f"footprint/{name}/{architecture}") for architecture in architectures)
+        yield f"| {name} | " + " | ".join(values) + " |"
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--write", action="store_true")
+    parser.add_argument("figures")
+    options = parser.parse_args()
+    figures, docs = Figures(options.figures), TOP / "docs"
+    if any(key.startswith("footprint/") for key in figures.series):
+        table = "\n".join(footprint(figures))
+        print(table)
+        if options.write:
+            mark = "<!-- scripts/bench footprint -->\n"
+            before, _, after = (docs / "arm.md").read_text().split(mark)
+            (docs / "arm.md").write_text(mark.join((before, table + "\n", after)))
+    elif options.write:
+        (docs / "performance.md").write_text(page(figures))
+        (docs / "performance.csv").write_text(pathlib.Path(options.figures).read_text())
+        (docs / "images" / "enumerate.svg").write_text("\n".join(plot(figures)) + "\n")
+        print((docs / "performance.md").read_text())
+    else:
+        print("\n".join((*goals(figures), "", *everything(figures))))
+
+
+if __name__ == "__main__":
+    sys.exit(main())
