@@ -3,12 +3,12 @@
 Run by scripts/bench in the private root."""
 
 import argparse
+import collections
 import contextlib
 import csv
 import ctypes
 import functools
 import gc
-import glob
 import json
 import mmap
 import os
@@ -110,7 +110,7 @@ class Bus:
         self.call(BUS_DAEMON + "AddMatch", "s", rule)
 
     def await_name(self):
-        """Returns when the watched name was seen to have an owner, in nanoseconds."""
+        """Returns when the watched name has an owner, in nanoseconds."""
         while True:
             message = ctypes.c_void_p()
             handled = self.check(self.sd.sd_bus_process(self.bus, ctypes.byref(message)))
@@ -152,8 +152,8 @@ class Program(subprocess.Popen):
 
     def tasks(self):
         """The status of each thread, as a map."""
-        for status in glob.glob(f"/proc/{self.pid}/task/*/status"):
-            yield dict(line.split(":\t", 1) for line in pathlib.Path(status).read_text().splitlines())
+        for status in pathlib.Path(f"/proc/{self.pid}/task").glob("*/status"):
+            yield dict(line.split(":\t", 1) for line in status.read_text().splitlines())
 
 
 @contextlib.contextmanager
@@ -170,27 +170,20 @@ def name_of(number):
     return f"app{number:04}"
 
 
-@functools.cache
-def other_accounts(path):
-    return "".join(line for line in open(path) if ":x:4" not in line)
-
-
 def install(count):
     """Replaces all applications by so many new ones, each with an account and configuration of its own."""
+    accounts = [(name_of(number), FIRST_ACCOUNT + number) for number in range(count)]
+    for path, form in (("/etc/passwd", "{0}:x:{1}:{1}::/home/{0}:/bin/sh\n"), ("/etc/group", "{0}:x:{1}:\n")):
+        others = [line for line in open(path) if ":x:4" not in line]
+        pathlib.Path(path).write_text("".join(others + [form.format(*account) for account in accounts]))
     for parent in ("/home", "/var/run/www"):
         shutil.rmtree(parent, ignore_errors=True)
         os.makedirs(parent, exist_ok=True)
-    accounts = [(name_of(number), FIRST_ACCOUNT + number) for number in range(count)]
-    pathlib.Path("/etc/passwd").write_text(other_accounts("/etc/passwd") + "".join(
-        f"{name}:x:{account}:{account}::/home/{name}:/bin/sh\n" for name, account in accounts))
-    pathlib.Path("/etc/group").write_text(other_accounts("/etc/group") + "".join(
-        f"{name}:x:{account}:\n" for name, account in accounts))
     for name, account in accounts:
-        home = pathlib.Path("/home") / name
-        for directory in ("bin", "html"):
-            (home / directory).mkdir(parents=True)
+        home = f"/home/{name}"
+        os.makedirs(home + "/bin")
+        shutil.copy(PROGRAMS + "stamp", home + "/bin")
         shutil.copy(PROGRAMS + "app.conf", home)
-        shutil.copy(PROGRAMS + "stamp", home / "bin")
         os.chown(home, account, account)
 
 
@@ -220,12 +213,8 @@ def supervisor(exits, supervise, change_identity):
         (folder / "run").write_text(f"#!/bin/sh\nexec {change_identity} {name_of(0)} {PROGRAMS}stamp\n")
         (folder / "run").chmod(0o755)
         exits.enter_context(Program(supervise, str(folder)))
-
-        def control(path=folder / "supervise/control"):
-            with contextlib.suppress(OSError):
-                return os.open(path, os.O_WRONLY | os.O_NONBLOCK)
-        controls.append(wait_for(control))
-        exits.callback(os.close, controls[-1])
+        wait_for((folder / "supervise/control").exists)
+        controls.append(os.open(folder / "supervise/control", os.O_RDWR))
 
     def launch():
         controls.append(controls.pop(0))
@@ -319,26 +308,22 @@ def enumerate_applications(add, turns):
     floor = ctypes.CDLL(PROGRAMS + "floor.so")
     bus = Bus()
 
-    def timed(series, count, work):
+    def timed(series, count, work, *arguments):
         begin = time.monotonic_ns()
-        result = work()
+        work(*arguments)
         add(series, count, "ms", (time.monotonic_ns() - begin) / 1e6)
-        return result
-
-    def run_floor(count):
-        if timed("floor", count, floor.EnumerateApplications) != count:
-            raise RuntimeError("the floor failed")
 
     for count in (10, 100, 1000):
         install(count)
         with serving(CHEAPEST, *DAEMON), serving(RECORDS + "Enumerate", PROGRAMS + "record-service"):
-            bus.call(ENUMERATE)
+            if floor.EnumerateApplications() != count:
+                raise RuntimeError("the floor failed")
             by_turns(turns * 100 // count,
                      lambda: add("kxcore", count, "ms", bus.elapsed(ENUMERATE) / 1e6),
                      lambda: add("answer", count, "ms", bus.elapsed(RECORDS + "Enumerate") / 1e6),
-                     lambda: run_floor(count),
-                     lambda: timed("account look-ups", count,
-                                   lambda: floor.LookUpAccounts(FIRST_ACCOUNT, count)))
+                     lambda: timed("floor", count, floor.EnumerateApplications),
+                     lambda: timed("account look-ups", count, floor.LookUpAccounts,
+                                   FIRST_ACCOUNT, FIRST_ACCOUNT, count))
 
 
 def start_up(add, turns):
@@ -445,8 +430,8 @@ def footprint(add, architecture):
     os.environ["QEMU_GUEST_BASE"] = base
     for name in ("kxcore", "kxctl", "kxregistry", "libqtplatform.so.1", "libveltradebug.so.2"):
         path, = (path for folder in ("*bin", "lib", "lib/*-linux-*")
-                 for path in glob.glob(f"/usr/{folder}/{name}"))
-        add(name, architecture, "bytes", os.stat(path).st_size)
+                 for path in pathlib.Path("/usr").glob(f"{folder}/{name}"))
+        add(name, architecture, "bytes", path.stat().st_size)
     with serving(CHEAPEST, *DAEMON) as program:
         add("daemon at rest: resident", architecture, "kB", program.memory("Rss", first, end))
         add("of that written", architecture, "kB", program.memory("Private_Dirty", first, end))
@@ -465,27 +450,16 @@ CASES = {  # the work, and how often, how long or with how many calls to do it, 
 }
 
 
-def measure(name, work, amount, output):
-    """Returns whether it could be measured."""
-    figures = {}
-
-    def add(*series_variant_unit_figure):
-        *key, figure = series_variant_unit_figure
-        figures.setdefault(tuple(key), []).append(figure)
-
+def measure(work, amount):
+    """Does a case and returns a line for each of its series."""
+    figures = collections.defaultdict(list)
     shutil.rmtree(SCRATCH, ignore_errors=True)
     os.mkdir(SCRATCH)
-    try:
-        work(add, amount)
-    except Exception as failure:  # the other cases can be measured all the same
-        print(f"bench: {name} could not be measured: {failure!r}", file=sys.stderr)
-        return False
+    work(lambda *key_and_figure: figures[key_and_figure[:-1]].append(key_and_figure[-1]), amount)
     for key, values in figures.items():
         values.sort()
         low, high = (values[round(share * (len(values) - 1))] for share in (0.1, 0.9))
-        middle = (f"{value:.6g}" for value in (low, statistics.median(values), high))
-        output([name, *key, len(values), *middle])
-    return True
+        yield [*key, len(values), *(f"{value:.6g}" for value in (low, statistics.median(values), high))]
 
 
 def main():
@@ -498,16 +472,18 @@ def main():
     if not os.path.exists("/run/kx-private-root"):
         sys.exit("This is for scripts/bench, in the private root.")
     gc.disable()
-    writer = csv.writer(sys.stdout, lineterminator="\n")
+    cases = {name: (CASES[name][0], CASES[name][2 if options.quick else 1]) for name in options.case}
     if options.footprint:
         cases = {"footprint": (footprint, options.footprint)}
-    else:
-        cases = {name: (CASES[name][0], CASES[name][2 if options.quick else 1]) for name in options.case}
-    load = f"{os.getloadavg()[0]:.2f}"
-    writer.writerow([options.round, "machine", "load", "", "", 1, load, load, load])
-    results = [measure(name, *case, lambda row: writer.writerow([options.round, *row]))
-               for name, case in cases.items()]
-    sys.exit(0 if all(results) else 1)
+    cases = {"machine": (lambda add, _: add("load", "", "", os.getloadavg()[0]), None), **cases}
+    status, output = 0, csv.writer(sys.stdout, lineterminator="\n")
+    for name, case in cases.items():
+        try:
+            output.writerows([options.round, name, *line] for line in list(measure(*case)))
+        except Exception as failure:  # the other cases can be measured all the same
+            print(f"bench: {name} could not be measured: {failure!r}", file=sys.stderr)
+            status = 1
+    sys.exit(status)
 
 
 if __name__ == "__main__":

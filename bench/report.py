@@ -60,13 +60,15 @@ def number(value):
 
 
 class Figures:
-    def __init__(self, path):
+    """The lines of CSV files, by series and round."""
+
+    def __init__(self, paths):
         self.series = collections.defaultdict(dict)
-        with open(path, newline="") as file:
-            for row in csv.DictReader(file):
+        for path in paths:
+            for row in csv.DictReader(path.read_text().splitlines()):
                 key = "/".join(filter(None, (row["case"], row["series"], row["variant"])))
-                self.series[key][row["round"]] = row
-        self.rounds = sorted({number for rows in self.series.values() for number in rows})
+                self.series[key][path, row["round"]] = row
+        self.rounds = list(self.series["machine/load"])
 
     def has(self, expression):
         return all(key in self.series for key in re.split(r" [+-] ", expression or ""))
@@ -84,25 +86,27 @@ class Figures:
         return number(self.mean(key)) + f" {unit}".rstrip()
 
     def spread(self, key):
-        rows = self.series[key].values()
-        if all(row["n"] == "1" for row in rows):
-            return ""
-        return f"{number(self.mean(key, 'p10'))} to {number(self.mean(key, 'p90'))}"
+        """The range of the middle eighty per cent, if it is of several figures."""
+        return " to ".join(number(self.mean(key, end)) for end in ("p10", "p90")) if self.many(key) else ""
+
+    def many(self, key):
+        return self.mean(key, "n") > 1
 
     def described(self, expression):
         """Median and spread, of a sum the median alone."""
         if expression in self.series:
-            spread = self.spread(expression)
-            return self.text(expression) + (f" ({spread})" if spread else "")
-        value = statistics.mean(self.value(expression, of_round) for of_round in self.rounds)
-        return number(value) + " ms"
+            return self.text(expression) + (f" ({self.spread(expression)})" if self.many(expression) else "")
+        return number(statistics.mean(self.value(expression, one) for one in self.rounds)) + " ms"
 
-    def differences(self):
-        """By how much the first and the last round differ, for each series of several figures."""
-        for key, rows in self.series.items():
-            first, last = (float(rows[of_round]["median"]) for of_round in (self.rounds[0], self.rounds[-1]))
-            if int(rows[self.rounds[0]]["n"]) > 1:
-                yield abs(first - last) / ((first + last) / 2), key
+    def difference(self):
+        """How far the medians of several figures differ between the rounds."""
+        medians = {key: [float(row["median"]) for row in rows.values()] for key, rows in self.series.items()
+                   if self.many(key)}
+        differences = {key: max(values) / min(values) - 1 for key, values in medians.items()}
+        most = max(differences, key=differences.get)
+        middle = statistics.median(differences.values())
+        return (f"Between the rounds half of all medians differ by less than {middle:.1%}; {most} differs most, "
+                f"by {differences[most]:.1%}")
 
 
 def goals(figures):
@@ -111,15 +115,13 @@ def goals(figures):
     for text, measured, reference, limit, reason in GOALS:
         if not figures.has(measured) or reference and not figures.has(reference):
             continue
-        if reference:
-            ratios = [figures.value(measured, one) / figures.value(reference, one) for one in figures.rounds]
-        else:
-            ratios = [figures.value(measured, one) for one in figures.rounds]
+        ratios = [figures.value(measured, one) / (figures.value(reference, one) if reference else 1)
+                  for one in figures.rounds]
         ratio = statistics.mean(ratios)
-        verdict = "met" if ratio <= limit else "**missed**" + (f": {reason}" if reason else "")
-        shown = f"**{ratio:.2f}** ({', '.join(f'{one:.2f}' for one in ratios)})" if reference else ""
+        of_each = f"**{ratio:.2f}** ({', '.join(f'{one:.2f}' for one in ratios)})" if reference else ""
         beside = figures.described(reference) if reference else ""
-        yield f"| {text} | {figures.described(measured)} | {beside} | {shown} | {limit} | {verdict} |"
+        verdict = "met" if ratio <= limit else "**missed**" + (f": {reason}" if reason else "")
+        yield f"| {text} | {figures.described(measured)} | {beside} | {of_each} | {limit} | {verdict} |"
 
 
 def peers(figures):
@@ -184,10 +186,7 @@ def machine(figures):
            f"{platform.release()}; load when the rounds began: {', '.join(loads)}")
     yield f"- Build: {output('git', 'describe', '--always', '--dirty')}, preset `bench`, stripped"
     yield f"- {output('dpkg-query', '-W', '-f', '${Package} ${Version}, ', *packages).rstrip(',')}"
-    differences = sorted(figures.differences())
-    most, series = differences[-1]
-    yield (f"- Half of all medians differ by less than {statistics.median(differences)[0]:.1%} between the "
-           f"rounds; {series} differs most, by {most:.1%}")
+    yield f"- {figures.difference()}"
 
 
 def page(figures):
@@ -211,7 +210,7 @@ def footprint(figures):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--write", action="store_true")
-    parser.add_argument("figures")
+    parser.add_argument("figures", type=pathlib.Path, nargs="+")
     options = parser.parse_args()
     figures, docs = Figures(options.figures), TOP / "docs"
     if any(key.startswith("footprint/") for key in figures.series):
@@ -223,11 +222,11 @@ def main():
             (docs / "arm.md").write_text(mark.join((before, table + "\n", after)))
     elif options.write:
         (docs / "performance.md").write_text(page(figures))
-        (docs / "performance.csv").write_text(pathlib.Path(options.figures).read_text())
+        (docs / "performance.csv").write_text(options.figures[0].read_text())
         (docs / "images" / "enumerate.svg").write_text("\n".join(plot(figures)) + "\n")
         print((docs / "performance.md").read_text())
     else:
-        print("\n".join((*goals(figures), "", *everything(figures))))
+        print("\n".join((*goals(figures), "", *everything(figures), "", figures.difference())))
 
 
 if __name__ == "__main__":

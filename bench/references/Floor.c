@@ -14,18 +14,14 @@
 
 static const char* const kSubdirectories[] = {"cgi-bin", "html", "files"};
 
-static void LookUp(uid_t user, gid_t group)
+/* Looks up so many users and groups, which takes longer the more accounts there are. */
+bool LookUpAccounts(unsigned firstUser, unsigned firstGroup, unsigned count)
 {
-    getpwuid(user);
-    getgrgid(group);
-}
-
-/* The account look-ups of so many applications, which grow with the number of accounts. */
-void LookUpAccounts(unsigned first, unsigned count)
-{
-    for (unsigned id = first; id < first + count; ++id) {
-        LookUp(id, id);
+    bool known = true;
+    for (unsigned i = 0; i < count; ++i) {
+        known = getpwuid(firstUser + i) != NULL && getgrgid(firstGroup + i) != NULL && known;
     }
+    return known;
 }
 
 /* Opened by name only to be examined: whatever an application put there must not be opened for reading. */
@@ -83,10 +79,9 @@ static bool Gather(const char* name)
     char path[512];
     struct stat info;
     snprintf(path, sizeof(path), "/home/%s", name);
-    if (stat(path, &info) != 0) {
+    if (stat(path, &info) != 0 || !LookUpAccounts(info.st_uid, info.st_gid, 1)) {
         return false;
     }
-    LookUp(info.st_uid, info.st_gid);
     snprintf(path, sizeof(path), "/home/%s/app.conf", name);
     const bool done = ReadConfiguration(path);
     snprintf(path, sizeof(path), "/home/%s/cgi-bin", name);
