@@ -348,26 +348,19 @@ def memory(add, calls):
     bus = Bus()
 
     def note(series, count, program):
-        add(series + ", written", count, "kB", written := program.memory("Private_Dirty"))
-        add(series + ", resident", count, "kB", program.memory("Rss"))
-        return written
+        for name, key in (("written", "Private_Dirty"), ("resident", "Rss")):
+            add(f"{series}, {name}", count, "kB", program.memory(key))
 
-    def call_often(times):
-        for number in range(times):
-            bus.call(ENUMERATE if number % 100 == 0 else CHEAPEST)
-
-    for series, method, command in (("bare QtDBus", QT_PING, QT_SERVICE), ("kxcore", CHEAPEST, DAEMON)):
-        install(0)
+    of_core = ("kxcore", CHEAPEST, DAEMON)
+    for count, (series, method, command) in ((0, ("bare QtDBus", QT_PING, QT_SERVICE)), (0, of_core),
+                                             (100, of_core)):
+        install(count)
         with serving(method, *command) as program:
-            note(series + ", idle", 0, program)
-    install(100)
-    with serving(CHEAPEST, *DAEMON) as program:
-        note("kxcore, idle", 100, program)
-        call_often(calls)
-        first = note(f"kxcore, after {calls:,} calls", 100, program)
-        call_often(calls)
-        add("kxcore, growth with as many again", 100, "kB",
-            note(f"kxcore, after {2 * calls:,} calls", 100, program) - first)
+            note(series + ", idle", count, program)
+            for number in range(1, calls + 1 if count else 0):
+                bus.call(ENUMERATE if number % 100 == 0 else CHEAPEST)
+                if number in (calls // 2, calls):
+                    note(f"kxcore, after {number} calls", count, program)
 
 
 def idle(add, seconds):
@@ -443,7 +436,7 @@ CASES = {  # the work, and how often, how long or with how many calls to do it, 
     "launch": (launch, 25, 5),
     "enumerate": (enumerate_applications, 150, 30),
     "start-up": (start_up, 60, 12),
-    "memory": (memory, 10_000, 10_000),
+    "memory": (memory, 20_000, 20_000),
     "idle": (idle, 20, 5),
     "termination": (termination, 15, 4),
     "pieces": (pieces, 15, 5),
