@@ -9,6 +9,7 @@ import csv
 import ctypes
 import functools
 import gc
+import itertools
 import json
 import mmap
 import os
@@ -216,10 +217,12 @@ def supervisor(exits, supervise, change_identity):
         wait_for((folder / "supervise/control").exists)
         controls.append(os.open(folder / "supervise/control", os.O_RDWR))
 
+    turns = itertools.cycle(controls)
+
     def launch():
-        controls.append(controls.pop(0))
+        control = next(turns)
         asked = time.monotonic_ns()
-        os.write(controls[-1], b"o")
+        os.write(control, b"o")
         return asked
     return launch
 
@@ -228,12 +231,11 @@ def supervisord(exits):
     exits.enter_context(Program("supervisord", "-c", PROGRAMS + "supervisord.conf"))
     address = SCRATCH + "supervisord"
     wait_for(lambda: os.path.exists(address))
-    services = list(range(SERVICES))
+    services = itertools.cycle(range(SERVICES))
 
     def launch():
-        services.append(services.pop(0))
         body = ("<?xml version='1.0'?><methodCall><methodName>supervisor.startProcess</methodName><params>"
-                f"<param><value><string>stamp:{services[-1]}</string></value></param>"
+                f"<param><value><string>stamp:{next(services)}</string></value></param>"
                 "<param><value><boolean>0</boolean></value></param></params></methodCall>")
         head = f"POST /RPC2 HTTP/1.0\r\nContent-Type: text/xml\r\nContent-Length: {len(body)}\r\n\r\n"
         with socket.socket(socket.AF_UNIX) as connection:

@@ -1,11 +1,9 @@
 /// Pieces of the daemon in process, on an app.conf of ten elements.
 #include "server/applications/appconf/AppConfigParser.h"
-#include "server/applications/appconf/XmlReader.h"
 
 #include <benchmark/benchmark.h>
 #include <libxml/parser.h>
 
-#include <QDomDocument>
 #include <QFile>
 
 namespace {
@@ -21,14 +19,6 @@ void Libxml2Reads(benchmark::State& state)
         xmlDoc* document = xmlReadMemory(g_xml.constData(), g_xml.size(), nullptr, nullptr, XML_PARSE_NONET);
         benchmark::DoNotOptimize(document);
         xmlFreeDoc(document);
-    }
-}
-
-void ParseXml(benchmark::State& state)
-{
-    while (state.KeepRunning()) {
-        QDomDocument document;
-        benchmark::DoNotOptimize(core::configuration::ParseXml(g_xml, document));
     }
 }
 
@@ -51,7 +41,6 @@ void RecordToMap(benchmark::State& state)
 }
 
 BENCHMARK(Libxml2Reads);
-BENCHMARK(ParseXml);
 BENCHMARK(ParseApplicationConfig);
 BENCHMARK(RecordToMap);
 

@@ -8,7 +8,6 @@ import platform
 import re
 import statistics
 import subprocess
-import sys
 import time
 
 TOP = pathlib.Path(__file__).resolve().parent.parent
@@ -51,6 +50,18 @@ GOALS = (
      "memory/kxcore, after 20000 calls, written/100", "memory/kxcore, after 10000 calls, written/100", 1.05,
      ""),
 )
+
+GAINS = """\
+- A program is running **{launch/kxcore}** after the call of `Start`. Activation by dbus-daemon takes
+  {launch/dbus-daemon}.
+- The name is owned **{start-up/kxcore, name owned/10}** after the daemon is executed. The first call is
+  answered after {start-up/kxcore, call answered/10}; 10 applications are read and published by then.
+- `Enumerate` lists 10 applications in **{enumerate/kxcore/10}**, 100 in {enumerate/kxcore/100}. The cheapest
+  call takes {round-trip/kxcore}.
+- 100 programs have ended **{termination/kxcore/100}** after the call of `Terminate`; 250 ms of that are
+  theirs, to finish what they do.
+- The daemon has written to **{memory/kxcore, idle, written/0}** of memory, and nothing wakes it while nobody
+  calls."""
 
 
 def number(value):
@@ -185,18 +196,14 @@ def machine(figures):
     packages = ("dbus", "libqt5dbus5", "libsystemd0", "libxml2", "runit", "s6", "supervisor")
     yield (f"- Machine: {model[1] if model else platform.machine()}, {output('nproc')} processors; Linux "
            f"{platform.release()}; load when the rounds began: {', '.join(loads)}")
-    yield f"- Build: {output('git', 'describe', '--always', '--dirty')}, preset `bench`, stripped"
+    build = output("git", "describe", "--always", "--dirty")
+    yield f"- Measured on {time.strftime('%Y-%m-%d')}; build {build}, preset `bench`, stripped"
     yield f"- {output('dpkg-query', '-W', '-f', '${Package} ${Version}, ', *packages).rstrip(',')}"
     yield f"- {figures.difference()}"
 
 
-def page(figures):
-    """page.md with parts and medians filled in."""
-    parts = {"date": [time.strftime("%Y-%m-%d")], "goals": goals(figures), "peers": peers(figures),
-             "machine": machine(figures)}
-    return re.sub(r"\{(.+?)\}",
-                  lambda match: "\n".join(parts[match[1]]) if match[1] in parts else figures.text(match[1]),
-                  (TOP / "bench/page.md").read_text())
+def gains(figures):
+    yield re.sub(r"\{(.+?)\}", lambda match: figures.text(match[1]), GAINS)
 
 
 def footprint(figures):
@@ -208,6 +215,16 @@ def footprint(figures):
         yield f"| {name} | " + " | ".join(values) + " |"
 
 
+def update(path, **parts):
+    """Puts each part between the document's two marks of its name."""
+    text = path.read_text()
+    for name, lines in parts.items():
+        mark = f"<!-- scripts/bench: {name} -->\n"
+        before, _, after = text.split(mark)
+        text = mark.join((before, "\n".join(lines) + "\n", after))
+    path.write_text(text)
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--write", action="store_true")
@@ -215,22 +232,19 @@ def main():
     options = parser.parse_args()
     figures, docs = Figures(options.figures), TOP / "docs"
     if any(key.startswith("footprint/") for key in figures.series):
-        table = "\n".join(footprint(figures))
-        print(table)
+        print("\n".join(footprint(figures)))
         if options.write:
-            mark = "<!-- scripts/bench footprint -->\n"
-            before, _, after = (docs / "arm.md").read_text().split(mark)
-            (docs / "arm.md").write_text(mark.join((before, table + "\n", after)))
-    elif options.write:
-        (docs / "performance.md").write_text(page(figures))
+            update(docs / "arm.md", footprint=footprint(figures))
+        return
+    print("\n".join((*goals(figures), "", *everything(figures))))
+    if len(figures.rounds) > 1:
+        print("\n" + figures.difference())
+    if options.write:
+        update(docs / "performance.md", gains=gains(figures), goals=goals(figures), peers=peers(figures),
+               machine=machine(figures))
         (docs / "performance.csv").write_text(options.figures[0].read_text())
-        (docs / "images" / "enumerate.svg").write_text("\n".join(plot(figures)) + "\n")
-        print((docs / "performance.md").read_text())
-    else:
-        print("\n".join((*goals(figures), "", *everything(figures))))
-        if len(figures.rounds) > 1:
-            print("\n" + figures.difference())
+        (docs / "images/enumerate.svg").write_text("\n".join(plot(figures)) + "\n")
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    main()
