@@ -27,7 +27,7 @@ import time
 PROGRAMS = "/usr/libexec/kx-bench/"
 SCRATCH = "/run/bench/"
 FIRST_ACCOUNT = 4000
-PATIENCE = 10  # seconds that anything may take
+PATIENCE = 30  # seconds that anything may take
 
 # Service, object and interface; a call adds the method.
 APPLICATIONS = "com.veltrasys.kx.core /Applications com.veltrasys.kx.core.Applications "
@@ -420,9 +420,10 @@ def pieces(add, repetitions):
 
 def footprint(add, architecture):
     """Of an emulated program only the addresses count that the emulator gives to it."""
-    base, first, end = {"armhf": ("0x10000000000", 0x10000000000, 0x10100000000),
-                        "arm64": ("0", 0, 0x8000000000)}.get(architecture, ("0", 0, 1 << 64))
-    os.environ["QEMU_GUEST_BASE"] = base
+    first, end = {"armhf": (0x10000000000, 0x10100000000), "arm64": (0, 0x8000000000)}.get(
+        architecture, (0, 1 << 64))
+    if first:
+        os.environ["QEMU_GUEST_BASE"] = hex(first)
     for name in ("kxcore", "kxctl", "kxregistry", "libqtplatform.so.1", "libveltradebug.so.2"):
         path, = (path for folder in ("*bin", "lib", "lib/*-linux-*")
                  for path in pathlib.Path("/usr").glob(f"{folder}/{name}"))
