@@ -162,8 +162,7 @@ def test_without_a_bus_the_terminal_reboots_unless_it_is_being_updated(machine):
     shows(machine, "grep '^emerg kxcore:.*Updater is not running => The unit' /var/log/kx", "0.*")
     machine.run("touch /var/lib/installer/.update_started; pkill -x dbus-daemon")
     shows(machine, "grep '^emerg kxcore:.*:  Updater is running => Avoid reboot$' /var/log/kx", "0.*")
-    with pytest.raises(subprocess.TimeoutExpired):
-        machine.process.wait(10)
+    assert not wait(lambda: machine.process.poll() is not None, 10)
     machine.run("rm /var/lib/installer/.update_started; reboot")
     machine.ends(machine.reboot)
     machine.boot()
