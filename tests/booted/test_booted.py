@@ -32,8 +32,9 @@ IN_A_CONTAINER = [
     ("grep -E 'DoLogData.*refused|SPOKEN' /var/log/kx", "1"),
     (f"echo '<busconfig>{DENIAL}</busconfig>' >{POLICY}; service dbus reload", "0.*"),
     ("kxctl apps", "1.*", "clerk"), (f"rm -f {POLICY}; service dbus reload", "0.*"),
-    ("kxctl apps", "0 .*", "clerk"), ("pgrep -x kxcore >/daemon; pgrep -u pay sleep >/apps", "0"),
-    (UPGRADE, r"0 .*\.1"), ("pgrep -x kxcore | cmp - /daemon", "0"), ("service kxcore stop", "0.*"),
+    # Its parent is init, unlike that of the init script of the same name.
+    ("kxctl apps", "0 .*", "clerk"), ("pgrep -P 1 -x kxcore >/daemon; pgrep -u pay sleep >/apps", "0"),
+    (UPGRADE, r"0 .*\.1"), ("pgrep -P 1 -x kxcore | cmp - /daemon", "0"), ("service kxcore stop", "0.*"),
     ("pgrep -x kxcore", "1"), ("pgrep -u pay sleep | cmp - /apps", "0"), ("service kxcore start", "0.*"),
     ("pgrep -u pay sleep && ! pgrep -u pay sleep | cmp - /apps", "0 .*")]
 ON_A_KERNEL_OF_ITS_OWN = [
