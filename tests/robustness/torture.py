@@ -2,7 +2,6 @@
 # Prints a table of what was tried, and ends with the first attack that something was lost in.
 import concurrent.futures
 import contextlib
-import os
 import pathlib
 import random
 import signal
@@ -13,18 +12,18 @@ import time
 from gi.repository import Gio, GLib
 
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
-from kx import SERVICE, Daemon, Refused, call, calls, content, install  # noqa: E402
-from kx import processes, put, run, variant, wait  # noqa: E402
+from kx import SERVICE, Daemon, call, calls, content, install, put, run, start, variant, wait  # noqa: E402
 
 METHODS = [("Applications", "Start", "m"), ("System", "SystemCall", "im"), ("Tools", "SetSystemTime", "s"),
            ("Tools", "SetTimeZone", "s"), ("Tools", "SetTimeInfo", "sss"), ("Tools", "Unknown", "sms"),
            ("Tools", "SaveVariableValue", "ss"), ("Tools", "EnableAudiopayd", "b")]
 KEYS = ["application", "binary", "params", "default", "mode", "usbForceFullspeed", "dflt", "usbuid", "hubid",
         "newconf", "caching", "buffer-resp", "text", "command", "number", ""]
-TEXTS = ["", "pay", "stops", "desktop", "../../../bin/sh", "'\"`reboot`$(reboot);reboot\n|reboot&%1%s%n",
-         "\uffff", "💳\u0301\u202e", "2026-02-30 25:61:61", "Europe/../../../etc", "[[[*?\\", "enable", "2"]
+COMMAND = "$(reboot)'$(reboot)'"  # in quotes or not
+TEXTS = ["", "pay", "stops", "desktop", "../../../bin/sh", COMMAND, "\n%1%s%n", "\uffff", "💳\u0301\u202e",
+         "2026-02-30 25:61:61", "Europe/../../../etc", "[[[*?\\", "enable", "2"]
 VALUES = [GLib.Variant(kind, 7) for kind in "ynqiuxtd"] + [variant(text) for text in TEXTS] + [
-    GLib.Variant("o", "/a"), variant(b"x" * 1000000), variant({f"key{n}": "value" for n in range(5000)}),
+    GLib.Variant("o", "/a"), variant(["x" * 1000000]), variant({f"key{n}": "value" for n in range(5000)}),
     *(GLib.Variant.parse(None, text, None, None) for text in ("<" * 20 + "7" + ">" * 20, "[[[[<7>]]]]"))]
 NORMAL = [("Applications.Enumerate",), ("Applications.Start", "a{sv}", {"application": "nobody"}),
           ("System.SystemCall", "ia{sv}", 77, {}), ("Tools.SetSystemTime", "s", "yesterday"),
@@ -39,8 +38,9 @@ UNRULY = {"ignores": "trap '' TERM HUP INT; for i in 1 2 3 4 5 6 7 8 9; do sleep
 def message(chance):
     thing, member, kinds = chance.choice(METHODS)
     made = Gio.DBusMessage.new_method_call(SERVICE, f"/{thing}", f"{SERVICE}.{thing}", member)
-    options = {chance.choice(KEYS): variant(chance.choice([*VALUES, *TEXTS, "'" * 200000])) for _ in range(4)}
-    right = {"i": chance.randrange(95, 108), "b": True, "s": chance.choice(TEXTS), "m": options}
+    text, value = chance.choice(TEXTS), chance.choice([*VALUES, "'" * 200000])
+    options = dict.fromkeys(chance.sample(KEYS, 8), variant(chance.choice([COMMAND, text, value])))
+    right = {"i": chance.randrange(95, 108), "b": True, "s": text, "m": options}
     values = [chance.choice(VALUES) if chance.random() < 0.2 else variant(right[kind]) for kind in kinds]
     made.set_body(GLib.Variant.new_tuple(*values))
     return made
@@ -82,7 +82,7 @@ def unruly(chance, end):
     ended = 0
     while time.monotonic() < end:
         for name in chance.sample(sorted(UNRULY), 4):
-            call("Applications.Start", "a{sv}", {"application": "pay", "binary": name})
+            start(name)
         assert wait(lambda: run("pgrep", "-U", "4002", "-c", "-x", "sleep")[1] == "16\n")
         call("Applications.Terminate", seconds=25)
         assert wait(lambda: not run("pgrep", "-U", "4002")[1])  # killed ones may take a moment
@@ -95,11 +95,10 @@ def killed(chance, end):
     kills, variables, both = 0, "/etc/rc.d/rc.platform.conf", [f'export MSG="{c * 3000}"\n' for c in "ab"]
     put(variables, both[0])
     while time.monotonic() < end or kills == 0:
-        daemon = Daemon()
-        assert daemon.serving()
+        daemon = Daemon().serving()
         call("Tools.ResetTimeInfoSource")
         threading.Timer(chance.random() * 0.05, daemon.process.kill).start()
-        with contextlib.suppress(Refused):
+        with contextlib.suppress(GLib.Error):
             while True:
                 call("Tools.SetTimeZone", "s", "")
                 call("Tools.ResetTimeInfoSource")
@@ -114,14 +113,12 @@ def killed(chance, end):
 def vitals(daemon):
     for one in NORMAL:  # what they open stays open
         call(*one)
-    counts = {kind: len(os.listdir(f"/proc/{daemon.pid}/{kind}")) for kind in ("fd", "task")}
-    return {"children": processes(parent=daemon.pid), **counts}
+    return daemon.vitals()
 
 
 # The attack with a daemon that must be the same afterwards.
 def survived(attack, *arguments):
-    daemon = Daemon()
-    assert daemon.serving()
+    daemon = Daemon().serving()
     before, tried = vitals(daemon), attack(*arguments)
     assert wait(lambda: vitals(daemon) == before), (before, vitals(daemon))
     assert daemon.end() == 0

@@ -1,5 +1,5 @@
-# The private root (scripts/sandbox), with the stage KX_STAGE: what goes in and out, and what does not.
-# Nothing here would hurt the machine, should the isolation be broken.
+# The scripts: what each says of itself; what goes in and out of the private root (scripts/sandbox) with the
+# stage KX_STAGE, and what does not. Nothing here would hurt the machine, should the isolation be broken.
 import os
 import pathlib
 import subprocess
@@ -38,6 +38,14 @@ def test_inside(command, output):
     (["cat"], 0, "text"), (["--mount", "/etc/passwd", "/usr", "true"], 125, "")])
 def test_status_and_output_pass_through(command, status, output):
     assert run("--no-bus", *command, input="text") == (status, output)
+
+
+# Also where nothing of a developer's is set.
+@pytest.mark.parametrize("script", [path.name for path in SOURCE.glob("scripts/*") if path.is_file()])
+def test_help(script):
+    command = "env", "-i", "PATH=/usr/bin:/bin", f"scripts/{script}", "--help"
+    done = subprocess.run(command, cwd=SOURCE, stdout=subprocess.PIPE, text=True, timeout=10)
+    assert done.returncode == 0 and done.stdout.startswith(f"Usage: scripts/{script}")
 
 
 def test_directories_elsewhere(tmp_path):

@@ -21,8 +21,7 @@ def finish(daemon):
 # One daemon for a file of tests, with what the file adds to its environment; ends as asked after the last.
 @pytest.fixture(scope="module")
 def shared(request):
-    daemon = kx.Daemon(env=getattr(request.module, "ENVIRONMENT", None))
-    assert daemon.serving()
+    daemon = kx.Daemon(env=getattr(request.module, "ENVIRONMENT", None)).serving()
     yield daemon
     finish(daemon)
 

@@ -15,7 +15,7 @@ from gi.repository import Gio, GLib
 if not os.path.exists("/run/kx-private-root"):
     raise SystemExit("this kills processes and changes the system: run it with scripts/sandbox")
 
-SERVICE, PROGRAM = "com.veltrasys.kx.core", "/usr/sbin/kxcore"
+SERVICE, PROGRAM, BUS = "com.veltrasys.kx.core", "/usr/sbin/kxcore", "org.freedesktop.DBus"
 ANSWERS, LOG, REPORTS = "/run/standins/", "/var/log/messages", "/run/reports/"
 PATIENCE = 10 * float(os.environ.get("KX_TIME_FACTOR", 1))
 SLEEP = pathlib.Path("/usr/bin/sleep").read_bytes()
@@ -137,11 +137,11 @@ def status(pid):
 
 
 # Runs a program to its end: (status, output, errors).
-def run(*command, account=None, input=None, env=None):
+def run(*command, account=None):
     if account:
         command = ("setpriv", "--reuid", account, "--regid", account, "--init-groups") + command
-    done = subprocess.run(command, capture_output=True, text=True, timeout=2 * PATIENCE, input=input,
-                          stdin=None if input else subprocess.DEVNULL, env=env and {**os.environ, **env})
+    done = subprocess.run(command, capture_output=True, text=True, timeout=2 * PATIENCE,
+                          stdin=subprocess.DEVNULL)
     return done.returncode, done.stdout, done.stderr
 
 
@@ -156,25 +156,22 @@ def variant(value):
     return GLib.Variant(kinds[type(value)], value)
 
 
-class Refused(Exception):  # with the name of the error
-    pass
-
-
 # What is answered, plain; maps become maps of variants: call("System.SystemCall", "ia{sv}", 1, {})
-def call(target, signature="", *arguments, **options):
-    return call_raw(target, signature, *arguments, **options)[0]
-
-
-# The same with the signature of what is answered.
-def call_raw(target, signature="", *arguments, seconds=PATIENCE, service=SERVICE, path=None, interface=None):
+def call(target, signature="", *arguments, seconds=PATIENCE, service=SERVICE, interface=None):
     thing, member = target.rsplit(".", 1)
     values = tuple({key: variant(v) for key, v in a.items()} if isinstance(a, dict) else a for a in arguments)
-    try:
-        reply = bus.call_sync(service, path or "/" + thing, interface or f"{SERVICE}.{thing}", member,
-                              GLib.Variant(f"({signature})", values), None, 0, int(seconds * 1000), None)
-    except GLib.Error as error:
-        raise Refused(Gio.DBusError.get_remote_error(error) or error.message) from None
-    return (reply.unpack() or (None,))[0], reply.get_type_string()[1:-1]
+    reply = bus.call_sync(service, "/" + thing, interface or f"{SERVICE}.{thing}", member,
+                          GLib.Variant(f"({signature})", values), None, 0, int(seconds * 1000), None)
+    return (reply.unpack() or (None,))[0]
+
+
+def start(binary="idle", params="100", application="pay"):
+    request = {"application": application, "binary": binary, "params": params}
+    return call("Applications.Start", "a{sv}", request, seconds=2 * PATIENCE)
+
+
+def call_bus(method, signature="", *arguments):
+    return call("." + method, signature, *arguments, service=BUS, interface=BUS)
 
 
 def system(number, arguments=None):
@@ -198,16 +195,17 @@ class Daemon:
             SERVICE, None, None, None, None, 0,
             lambda *signal: self.signals.append((signal[4], signal[5].unpack())))
 
-    # Whether one has started: its last object is there.
+    # Whether one has started: its last object serves a method; the bus library introspects earlier.
     @staticmethod
     def answers():
-        with contextlib.suppress(Refused):
-            return call("Tools.Introspect", interface="org.freedesktop.DBus.Introspectable")
+        with contextlib.suppress(GLib.Error):
+            return call("Tools.IsAudiopaydEnabled") is not None
 
     def serving(self):
         wait(lambda: self.process.poll() is not None or self.answers())
+        assert self.process.poll() is None, "the daemon has ended"
         self.events(0)
-        return self.process.poll() is None
+        return self
 
     # Its exit status.
     def end(self, signo=signal.SIGTERM):
@@ -219,6 +217,11 @@ class Daemon:
             for pid in processes(PROGRAM):
                 os.kill(pid, signal.SIGKILL)
             raise
+
+    # What must not grow: descriptors, threads, children.
+    def vitals(self):
+        kept = [len(os.listdir(f"/proc/{self.pid}/{kind}")) for kind in ("fd", "task")]
+        return kept, processes(parent=self.pid)
 
     # The records since the last time. A mark of our own tells that all are there.
     def log(self):

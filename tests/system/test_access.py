@@ -5,15 +5,15 @@ import re
 
 import pytest
 
-from kx import PATIENCE, SERVICE, Gio, GLib, bus, call, calls, content, put, run, variant, wait
+from kx import BUS, PATIENCE, SERVICE, Gio, GLib, bus, call, call_bus, calls, content, put, run, wait
 
 ACCOUNTS = ["pay", "clerk", "admin", "root"]  # from the least trusted on; each may what those before it may
-BUS, BROWSER = "org.freedesktop.DBus", "com.veltrasys.browser.Server"
+BROWSER = "com.veltrasys.browser.Server"
 DENIED, UNKNOWN = BUS + ".Error.AccessDenied", BUS + ".Error.UnknownObject"
 STANDARD = {"Introspect": BUS + ".Introspectable", "Ping": BUS + ".Peer", "GetAll": BUS + ".Properties"}
 # Arguments that change nothing where that is possible, by their types.
 ARGUMENTS = {"": (), "s": (SERVICE + ".System",), "ss": ("NAME", "value"), "sss": ("", "", "none"),
-             "b": (True,), "a{sv}": ({"application": variant("none")},), "ia{sv}": (1, {})}
+             "b": (True,), "a{sv}": ({"application": GLib.Variant("s", "none")},), "ia{sv}": (1, {})}
 # Every method there is: the first who may, object, method, types of the arguments and of what is answered.
 METHODS = [(first, *found) for first, text in (
     ("pay", ".Introspect() -> s, System.Introspect() -> s, System.Ping() ->"),
@@ -47,16 +47,12 @@ def outcome(connection, thing, member, types="", arguments=None, interface="", s
     return reply.get_error_name() or reply.get_signature()
 
 
-def ask_the_bus(method, *arguments):
-    return call("." + method, "s" * len(arguments), *arguments, service=BUS, interface=BUS)
-
-
 def test_daemon_hears_the_browser():
     # In the daemon's place, since it does not tell what it hears; this comes before the first daemon.
     name, heard = Gio.bus_own_name_on_connection(bus, SERVICE, 0, None, None), []
     bus.signal_subscribe(None, BROWSER, "loadCompleted", "/", None, 0, lambda *signal: heard.append(signal))
     browser = connect("guest")
-    assert ask_the_bus("GetNameOwner", SERVICE)  # it knows the name and the rule
+    assert call_bus("GetNameOwner", "s", SERVICE)  # it knows the name and the rule
     # Only to the daemon, which is refused, then to everybody: were both let through, both would be here.
     for destination in SERVICE, None:
         browser.emit_signal(destination, "/", BROWSER, "loadCompleted", GLib.Variant("(b)", (True,)))
@@ -79,7 +75,7 @@ def test_each_method(shared, account):
 
 
 def test_no_way_around(shared):
-    address, pay, clerk = ask_the_bus("GetNameOwner", SERVICE), connect("pay"), connect("clerk")
+    address, pay, clerk = call_bus("GetNameOwner", "s", SERVICE), connect("pay"), connect("clerk")
     for first, *method, _ in METHODS:
         assert first == "pay" or outcome(pay, *method, service=address) == DENIED
     for account, answered in (clerk, DENIED), (connect("admin"), "aa{sv}"):
@@ -103,9 +99,9 @@ def test_signals_are_heard_by_everybody_and_not_forged(shared):
 
 def test_missing_groups_let_nobody_in(shared):
     groups = content("/etc/group")
-    put("/etc/group", groups.replace("\nkx", "\nold-kx"), mode=0o644), ask_the_bus("ReloadConfig")
+    put("/etc/group", groups.replace("\nkx", "\nold-kx"), mode=0o644), call_bus("ReloadConfig")
     seen = [outcome(connect(account), "Applications", "Enumerate") for account in ACCOUNTS]
-    put("/etc/group", groups, mode=0o644), ask_the_bus("ReloadConfig")
+    put("/etc/group", groups, mode=0o644), call_bus("ReloadConfig")
     assert seen == [DENIED, DENIED, DENIED, "aa{sv}"]
 
 

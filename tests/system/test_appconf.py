@@ -1,11 +1,10 @@
 # What Enumerate says of an application: its identity, the elements of app.conf, and what is no app.conf.
-import json
 import os
 import time
 
 import pytest
 
-from kx import PATIENCE, SERVICE, call, install, put, remove, run
+from kx import PATIENCE, SERVICE, bus, call, install, put, remove
 
 CONF, HTML, HOME = "/home/pay/app.conf", "/home/pay/html/", "/home/pay/"
 TEXTS = ["resources", "prompts", "homeButton", "cardRanges", "BINRanges", "whiteList", "whiteListSignature",
@@ -141,10 +140,6 @@ def test_record(shared):
         ("linked", 4003, 4003, "shop", "shop", True, "/home/linked/p"),
         ("none", 4999, 4998, "", "", False, ""), ("pay", 4002, 4003, "pay", "shop", True, "")]
     target = SERVICE, "/Applications", SERVICE + ".Applications", "Enumerate"
-    reply = json.loads(run("busctl", "--json=short", "call", *target)[1])
-    pay = reply["data"][0][-1]
-    assert reply["type"] == "aa{sv}" and {key: value["type"] for key, value in pay.items()} == {
-        **dict.fromkeys(DEFAULTS, "s"), "uid": "u", "gid": "u", "fastCgi": "b", "cgiBinDefault": "b",
-        "desktopItems": "av", "configPages": "av"}
-    item = pay["desktopItems"]["data"][0]
-    assert item["type"] == "a{sv}" and item["data"]["iconPosition"] == {"type": "i", "data": 7}
+    reply = bus.call_sync(*target, None, None, 0, -1, None).print_(True)
+    for text in "'uid': <uint32 4002>", "'gid': <uint32 4003>", "'desktopItems': <[<{", "'iconPosition': <7>":
+        assert text in reply

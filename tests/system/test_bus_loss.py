@@ -30,8 +30,8 @@ def lost(own):
         assert wait(lambda: "=> " in content(LOG)[daemon.mark:])
         return daemon
     yield lose
-    for pid in processes("sleep"):  # what has not rebooted yet shall not
-        os.kill(pid, signal.SIGKILL)
+    for pid in processes("sleep"):  # what has not rebooted yet shall not; the picture may come late
+        os.kill(pid, signal.SIGKILL), calls(1)
     remove(RPM, INSTALLER, UPDATE, RECORD, "/tmp/bus")
 
 

@@ -4,6 +4,7 @@ import re
 import signal
 from subprocess import PIPE, Popen
 
+import pexpect
 import pytest
 
 from kx import PATIENCE, SLEEP, calls, content, install, put, rows, run, wait
@@ -22,8 +23,9 @@ def matches(found, form):
 
 
 # With a terminal for input and output.
-def on_terminal(command, typed="\n"):
-    return run("script", "-qec", f"stty -echo cols 60; TERM=xterm {command}", "/dev/null", input=typed)[:2]
+def on_terminal(command, answer=""):
+    return pexpect.run("env TERM=xterm " + command, withexitstatus=True, events={r"\? \[y/N\] ": answer},
+                       timeout=PATIENCE, encoding="utf8", dimensions=(24, 60))
 
 
 @pytest.fixture
@@ -38,8 +40,9 @@ def test_start_waits_until_it_is_done(own):
     for command in "apps", "start pay receipt", "restart --yes", "status", "monitor", "system web":
         assert kxctl(*command.split()) == (3, "", "kxctl: the daemon is not running\n")
     put("/home/platform/html/show_once.html")  # with which nothing is started
-    assert (daemon := own()).serving()
-    assert matches(kxctl("start", "--wait", "--timeout", "1"), "3 kxctl: the applications were not started.*")
+    daemon = own().serving()
+    short = "--timeout", str(int(PATIENCE / 10))
+    assert matches(kxctl("start", "--wait", *short), "3 kxctl: the applications were not started.*")
     put(marker := "/var/run/sockets/marker")
     starting = Popen(["kxctl", "start", "--wait"], stderr=PIPE, text=True)
     assert wait(lambda: content(marker) is None) and daemon.end() == 0
@@ -85,18 +88,18 @@ def test_monitor(apps):
 
 
 def test_on_a_terminal(apps):
-    assert "\033[1mNAME" in (text := on_terminal("kxctl apps")[1]) and "/home/p…" in text
+    assert "\033[1mNAME" in (text := on_terminal("kxctl apps")[0]) and "/home/p…" in text
     assert max(map(len, re.sub("\033[^m]*m", "", text).splitlines())) == 60
-    assert "\033" not in kxctl("apps")[1] + on_terminal("NO_COLOR=1 kxctl apps")[1]
+    assert "\033" not in kxctl("apps")[1] + on_terminal("NO_COLOR=1 kxctl apps")[0]
     for command in "restart", "system reboot", "system poweroff":
-        refused = on_terminal("kxctl " + command, "n\n")
-        assert refused[0] == 1 and re.search(r"\? \[y/N\] .*nothing was done", refused[1], re.S)
-    assert on_terminal("kxctl system reboot", "y\n")[0] == 0 and calls().count("reboot") == 1
-    assert "?" not in on_terminal("kxctl system poweroff --yes", "n\n")[1] and calls(1) == ["poweroff"]
+        out, status = on_terminal("kxctl " + command, "n\n")
+        assert status == 1 and re.search(r"\? \[y/N\] .*nothing was done", out, re.S)
+    assert on_terminal("kxctl system reboot", "y\n")[1] == 0 and calls().count("reboot") == 1
+    assert "?" not in on_terminal("kxctl system poweroff --yes")[0] and calls(1) == ["poweroff"]
     apps.process.send_signal(signal.SIGSTOP)
-    late, (status, out) = kxctl("apps", "--timeout", "1"), on_terminal("kxctl apps --timeout 3")
+    out, status = on_terminal("kxctl apps --timeout 3")
     apps.process.send_signal(signal.SIGCONT)
-    assert late[0] == status == 3 and re.search("waiting for the daemon.*did not answer in time", out, re.S)
+    assert status == 3 and re.search("waiting for the daemon.*did not answer in time", out, re.S)
 
 
 @pytest.mark.parametrize("conf, problem", rows(r"""

@@ -7,7 +7,7 @@ import time
 import pytest
 
 from kx import (PATIENCE, SLEEP, call, content, install, natively, owner_and_mode, processes, put, remove,
-                rows, status, wait)
+                rows, start, status, wait)
 
 IDLE, STARTED = "/home/pay/bin/idle", {"errorCode": 0}
 SHOW = "#!/bin/sh\nprintf '%s|' \"$0\" \"$@\" >$APP_TMP_DIR/shown\n"
@@ -21,11 +21,6 @@ signal.signal(signal.SIGTERM, be_another)
 open(os.environ["APP_TMP_DIR"] + "/ready", "w")
 while True: signal.pause()
 """
-
-
-def start(binary="idle", params="100", application="pay"):
-    request = {"application": application, "binary": binary, "params": params}
-    return call("Applications.Start", "a{sv}", request, seconds=2 * PATIENCE)
 
 
 def started(program=IDLE):

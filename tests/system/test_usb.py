@@ -46,8 +46,7 @@ def progress(function, *texts):
 
 # Before the shared daemon, which stands in the root directory.
 def test_unique_id_is_looked_up_from_the_working_directory(own):
-    daemon = own(under=("env", "-C", "/tmp"))
-    assert daemon.serving()
+    daemon = own(under=("env", "-C", "/tmp")).serving()
     uid = case("", SERIAL | {"usbuid": True}, [*LOAD_SERIAL, BY_NUMBER])
     assert uid.seen(daemon) == uid.expected
 
