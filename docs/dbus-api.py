@@ -1,7 +1,7 @@
 """Prints docs/dbus-api.md; run by scripts/dbus-api with the interface XML files as arguments.
 
-A comment before the interface begins with the name of a member and describes it in Markdown. A comment
-before a member is part of introspection, and is shown as it stands.
+A comment before the interface begins with the name of a member and describes it in Markdown. Members that one
+paragraph describes become rows of a table. Comments inside the interface are introspection's and not shown.
 """
 
 import sys
@@ -12,9 +12,8 @@ INTRODUCTION = """\
 # D-Bus interface
 
 For authors of programs that call the daemon: service `com.veltrasys.kx.core` on the system bus. Who may
-call what is told in [security.md](security.md). `scripts/dbus-api` makes this page from the interface XML,
-which is installed in `/usr/share/dbus-1/interfaces`. Introspection of the daemon returns the same members,
-with the texts in boxes."""
+call what: [security.md](security.md). Made by `scripts/dbus-api` from the XML, installed in
+`/usr/share/dbus-1/interfaces`."""
 
 
 def text_of(comment):
@@ -25,30 +24,28 @@ def signature(member):
     def names(direction):
         return ", ".join(f"{arg.get('type')} {arg.get('name')}" for arg in member.findall("arg")
                          if arg.get("direction", "in") == direction)
-    kind = "Signal " if member.tag == "signal" else ""
+    kind = "signal " if member.tag == "signal" else ""
     result = names("out")
-    return f"### {kind}`{member.get('name')}({names('in')}){result and ' → ' + result}`"
+    return f"{kind}`{member.get('name')}({names('in')}){result and ' → ' + result}`"
 
 
 def sections(node):
     interface = node.find("interface")
-    texts = [text_of(child).partition(": ") for child in node if child.tag is ET.Comment]
-    described = {name: text[0].upper() + text[1:] for name, _, text in texts}
-    yield f"## Object `{node.get('name')}`"
-    yield f"Interface `{interface.get('name')}`"
-    comment = None
-    for child in interface:
-        if child.tag is ET.Comment:
-            comment = child
-            continue
-        yield signature(child)
-        if child.get("name") in described:
-            yield described.pop(child.get("name"))
-        if comment is not None:
-            yield f"```text\n{text_of(comment)}\n```"
-        comment = None
-    if described:
-        sys.exit(f"no member of {interface.get('name')}: {', '.join(described)}")
+    texts = dict(text_of(child).split(": ", 1) for child in node if child.tag is ET.Comment)
+    members = {member.get("name"): signature(member) for member in interface.iterfind("*[@name]")}
+    if differing := texts.keys() ^ members.keys():
+        sys.exit(f"{interface.get('name')}: no member or no description: {', '.join(differing)}")
+    yield f"## `{node.get('name')}`, interface `{interface.get('name')}`"
+    table, headed = ["| member | what it does |", "|-|-|"], []
+    for name, member in members.items():
+        text = texts[name][0].upper() + texts[name][1:]
+        if "\n\n" in text:
+            headed.append(f"### {member}\n\n{text}")
+        else:
+            table.append(f"| {member} | {' '.join(text.split())} |")
+    if len(table) > 2:
+        yield "\n".join(table)
+    yield from headed
 
 
 def main():
