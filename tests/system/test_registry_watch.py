@@ -61,10 +61,10 @@ def test_follows_the_registry(own, key, value, before, answers, called, log, aft
         put(path, before[path])
     answer(**answers)
     registry(**{key: value})
-    # Another key, whose effect tells that the first was seen.
+    # Another key, whose effect tells that the first was seen: before it, or in the same event.
     other, marker, more = (TARGET, SYSLOG, RESTART) if key == HUB else (HUB, HUB_ID, [])
     registry(**{other: ""})
-    assert wait(lambda: content(marker) is not None)
+    assert wait(lambda: content(marker) is not None) and daemon.serving()
     assert calls(len(called + more)) == called + more
     assert [record[:len(text)] for record, text in zip(daemon.log(), log, strict=True)] == log
     assert {name: state(name) for name in after} == after
