@@ -39,7 +39,7 @@ IN_A_CONTAINER = [
     ("pgrep -u pay sleep && ! pgrep -u pay sleep | cmp - /apps", "0 .*")]
 ON_A_KERNEL_OF_ITS_OWN = [
     # The USB port has a software controller: both ends of its cable are here, the far one in a network apart.
-    ("kxctl system usb --mode serial; cat /sys/bus/usb/devices/*/idVendor", "0 .*abcd.*"),
+    ("kxctl system usb --mode serial", "0.*"), ("cat /sys/bus/usb/devices/*/idVendor", "0 .*abcd.*"),
     (LINE, "0 asked answered"),
     ("kxctl system usb --mode ethernet; ls -d /sys/module/g_*", "0 .*/g_ether"), (CABLE, ".* 1 received.*"),
     # There, a second syslog daemon.
