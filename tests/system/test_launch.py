@@ -114,7 +114,7 @@ FATAL = "function  {}  errno  1   Operation not permitted  failed. Fatal error -
     fork,vfork,clone,clone3 | error=EIO | refused | "Start: Failed to fork (Input/output error)"
     fcntl | error=EIO:when=1 | refused | Failed to start application, fcntl errno= 5   Input/output error
     read | error=EIO | refused | "Start: Error reading from pipe (Input/output error)"
-    ppoll | retval=0 | refused | "Start: Error reading from pipe (Connection timed out)"
+    poll | retval=0:when=1 | refused | "Start: Error reading from pipe (Connection timed out)"
     execve,close | error=EIO | refused | function  close( fd[ 1 ] )  errno  5   Input/output error
     execve | error=EACCES | refused | "Start: Failed to execute process (Permission denied) 13"
     setgroups | error=EPERM | runs | "Start: initgroups() call failed (Operation not permitted)"

@@ -26,16 +26,19 @@ namespace {
 constexpr auto kSource = "/pkgs/kx-core/src/server/applications/processmanager/ProcessManager";
 constexpr unsigned kPrivateMode = 0770;
 constexpr unsigned kPublicMode = 0777;
-constexpr struct timespec kExecTimeout = {10, 0};
+constexpr int kExecTimeout = 10000; ///< ms
 
 /// \return as read does; -1 with ETIMEDOUT when nothing arrives in time
 ssize_t ReadInTime(int fd, int& value)
 {
     // Any SIGCHLD would end the wait with EINTR.
     sigset_t all = {};
+    sigset_t previous = {};
     sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
     struct pollfd entry = {fd, POLLIN, 0};
-    const int ready = ppoll(&entry, 1, &kExecTimeout, &all);
+    const int ready = poll(&entry, 1, kExecTimeout);
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     if (ready == 0) {
         errno = ETIMEDOUT;
     }
